@@ -1,0 +1,129 @@
+// NEON intrinsics, native on ARM and through SIMDe elsewhere, plus the few operations whose
+// results differ between ARM, arm64 and x86-64 unless they are pinned down here. Plain and vector
+// code both go through these helpers, so every target produces the bytes of 32-bit ARM.
+#ifndef LDC_PLATFORM_NEON_H
+#define LDC_PLATFORM_NEON_H
+
+#include <stdint.h>
+#include <string.h>
+
+#if defined(LDC_NEON_THROUGH_SIMDE)
+#define SIMDE_ENABLE_NATIVE_ALIASES
+#include <simde/arm/neon.h>
+#else
+#include <arm_neon.h>
+#endif
+
+// ARM's float-to-integer rule: truncate toward zero, saturate at the int32 limits, NaN gives 0.
+// C++ leaves NaN and out-of-range conversions undefined (x86-64 yields INT_MIN).
+static inline int32_t TruncF32ToS32(float f)
+{
+    if (f != f) {
+        return 0;
+    }
+    if (f >= 2147483648.0f) {
+        return INT32_MAX;
+    }
+    if (f <= -2147483648.0f) {
+        return INT32_MIN;
+    }
+    return (int32_t)f;
+}
+
+static inline int32_t TruncF64ToS32(double d)
+{
+    if (d != d) {
+        return 0;
+    }
+    if (d >= 2147483648.0) {
+        return INT32_MAX;
+    }
+    if (d <= -2147483648.0) {
+        return INT32_MIN;
+    }
+    return (int32_t)d;
+}
+
+// Vector twin of TruncF32ToS32 (vcvtq_s32_f32 follows the ARM rule natively and in SIMDe).
+static inline int32x4_t VcvtqS32F32(float32x4_t v)
+{
+    return vcvtq_s32_f32(v);
+}
+
+static inline uint32_t FloatBits(float f)
+{
+    uint32_t u;
+    memcpy(&u, &f, sizeof(u));
+    return u;
+}
+
+static inline float BitsFloat(uint32_t u)
+{
+    float f;
+    memcpy(&f, &u, sizeof(f));
+    return f;
+}
+
+// The reciprocal estimate of 32-bit ARM's VRECPE (8 significant bits from a 256-entry rule),
+// with the Advanced SIMD flush-to-zero of ARMv7: tiny inputs give infinity, huge ones zero.
+static inline float RecipEstimateF32(float f)
+{
+    const uint32_t u = FloatBits(f);
+    const uint32_t uSign = u & 0x80000000u;
+    const uint32_t uExp = (u >> 23) & 0xFFu;
+    const uint32_t uFrac = u & 0x7FFFFFu;
+    if (uExp == 0xFFu) {
+        return uFrac ? BitsFloat(0x7FC00000u) : BitsFloat(uSign);   // NaN -> default NaN, inf -> 0
+    }
+    if (uExp == 0u) {
+        return BitsFloat(uSign | 0x7F800000u);                        // zero or flushed denormal
+    }
+    if (uExp >= 253u) {
+        return BitsFloat(uSign);                                       // result would be denormal
+    }
+    const uint32_t uScaled = 256u + (uFrac >> 15);                    // 1.fraction in 9 bits
+    const uint32_t uA = uScaled * 2u + 1u;
+    const uint32_t uB = (1u << 19) / uA;
+    const uint32_t uEstimate = (uB + 1u) / 2u;                         // 256..511
+    const uint32_t uResultExp = 253u - uExp;
+    return BitsFloat(uSign | (uResultExp << 23) | ((uEstimate & 0xFFu) << 15));
+}
+
+// One Newton-Raphson step factor of 32-bit ARM's VRECPS: 2 - a * b with the product rounded
+// before the subtraction (arm64's FRECPS fuses it), and 2 for infinity times zero.
+static inline float RecipStepF32(float a, float b)
+{
+    const float fProd = a * b;
+    if (fProd != fProd && a == a && b == b) {
+        return 2.0f;
+    }
+    return 2.0f - fProd;
+}
+
+static inline float32x4_t VrecpeqF32(float32x4_t v)
+{
+#if defined(__arm__) || defined(__aarch64__)
+    return vrecpeq_f32(v);
+#else
+    float af[4];
+    vst1q_f32(af, v);
+    for (int i = 0; i < 4; i++) {
+        af[i] = RecipEstimateF32(af[i]);
+    }
+    return vld1q_f32(af);
+#endif
+}
+
+static inline float32x4_t VrecpsqF32(float32x4_t a, float32x4_t b)
+{
+#if defined(__arm__)
+    return vrecpsq_f32(a, b);
+#else
+    const float32x4_t vProd = vmulq_f32(a, b);
+    const uint32x4_t vInfTimesZero =
+        vandq_u32(vmvnq_u32(vceqq_f32(vProd, vProd)), vandq_u32(vceqq_f32(a, a), vceqq_f32(b, b)));
+    return vbslq_f32(vInfTimesZero, vdupq_n_f32(2.0f), vsubq_f32(vdupq_n_f32(2.0f), vProd));
+#endif
+}
+
+#endif

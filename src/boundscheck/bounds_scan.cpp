@@ -212,11 +212,18 @@ static E_SCAN_RESULT ScanNumber(tagST_SCAN_STATE *pstState, const tagST_SCAN_SPE
         ldValue = strtold(acField, &pcEnd);
     } else if (bFloat) {
         fValue = strtof(acField, &pcEnd);
-    } else if (cConv == 'd' || cConv == 'i') {
-        ullValue = (unsigned long long)strtoll(acField, &pcEnd, cConv == 'd' ? 10 : 0);
     } else {
-        const int iBase = (cConv == 'o') ? 8 : (cConv == 'u') ? 10 : 16;
-        ullValue = strtoull(acField, &pcEnd, iBase);
+        // An out-of-range field saturates at the width of long (long long for ll, L and j) and
+        // is then narrowed, which is what the C library's scanf does on each target.
+        const bool bLongLong = eLen == SCAN_LEN_LL || eLen == SCAN_LEN_BIG_L || eLen == SCAN_LEN_J;
+        const bool bSigned = cConv == 'd' || cConv == 'i';
+        const int iBase = (cConv == 'i') ? 0 : (cConv == 'd' || cConv == 'u') ? 10 : (cConv == 'o') ? 8 : 16;
+        if (bSigned) {
+            ullValue = bLongLong ? (unsigned long long)strtoll(acField, &pcEnd, iBase)
+                                 : (unsigned long long)strtol(acField, &pcEnd, iBase);
+        } else {
+            ullValue = bLongLong ? strtoull(acField, &pcEnd, iBase) : strtoul(acField, &pcEnd, iBase);
+        }
     }
     const size_t uUsed = (size_t)(pcEnd - acField);
     // strtoX skips white space of its own, but there is none left: the field starts after it.

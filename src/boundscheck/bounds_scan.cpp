@@ -180,7 +180,8 @@ static void StoreInteger(tagST_SCAN_STATE *pstState, E_SCAN_LEN eLen, unsigned l
 }
 
 // Copies the next field (at most the width, at most LDC_SCAN_NUMBER_MAX characters) and lets the
-// C library's conversion say how much of it forms a number.
+// C library's conversion say how much of it forms a number: a dangling "1e" or "0x" ends before
+// the letter, which stays in the input (as Android's scanf does; glibc would swallow it).
 static E_SCAN_RESULT ScanNumber(tagST_SCAN_STATE *pstState, const tagST_SCAN_SPEC *pstSpec)
 {
     SkipSpace(pstState);
@@ -383,7 +384,8 @@ int vsscanf_s(const char *pcBuffer, const char *pcFormat, va_list args)
         }
     }
     va_end(stState.args);
-    // As with sscanf: running out of input before any conversion completed reads as end of file.
+    // Running out of input before any conversion completed reads as end of file. A suppressed
+    // conversion counts as completed, as in Android's C library (glibc would answer -1 there).
     return (eResult == SCAN_INPUT_FAILURE && !stState.bConverted) ? -1 : stState.iAssigned;
 }
 

@@ -156,16 +156,22 @@ TEST(BoundsScan, FailuresAndEndOfInput)
 {
     int iA = 5;
     int iB = 5;
+    int iN = 0;
     EXPECT_EQ(-1, sscanf_s(NULL, "%d", &iA));
     EXPECT_EQ(-1, sscanf_s("1", NULL));
     EXPECT_EQ(-1, sscanf_s("   ", " %d", &iA));
     EXPECT_EQ(0, sscanf_s("x1", "%d", &iA));
     EXPECT_EQ(5, iA);
     EXPECT_EQ(1, sscanf_s("3", "%d %d", &iA, &iB));   // the input ends after a conversion
+    EXPECT_EQ(0, sscanf_s("3", "%*d %d", &iA));       // a suppressed one counts as a conversion
+    float fA = 0;
+    EXPECT_EQ(2, sscanf_s("2e,0xg", "%f%*[e,]%i%n", &fA, &iB, &iN));   // dangling prefixes stay
+    EXPECT_EQ(2.0f, fA);
+    EXPECT_EQ(0, iB);
+    EXPECT_EQ(4, iN);
     EXPECT_EQ(0, sscanf_s("a", "b%d", &iA));
     EXPECT_EQ(0, sscanf_s("1", "%q", &iA));
     EXPECT_EQ(0, sscanf_s("abc", "%[abc", &iA));
-    EXPECT_EQ(5, iB);
 }
 
 // For numbers the scanner must agree with the C library's own scanf, overflow included. Inputs

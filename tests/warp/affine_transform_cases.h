@@ -4,7 +4,6 @@
 #ifndef LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
 #define LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
 
-#include <math.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -51,6 +50,28 @@ struct AffineFrame {
     }
 };
 
+// Plane of byte i of a frame ("luma", "chroma" for an interleaved plane, "U", "V") and the luma
+// position (x, y) that it belongs to: a chroma byte stands for its 2 x 2 block.
+inline const char *AffineBytePosition(int32_t iWidth, int32_t iHeight, int32_t iPicType, size_t i, int32_t *piX,
+                                      int32_t *piY)
+{
+    const size_t uLuma = (size_t)iWidth * iHeight;
+    if (i < uLuma) {
+        *piX = (int32_t)(i % iWidth);
+        *piY = (int32_t)(i / iWidth);
+        return "luma";
+    }
+    if (iPicType != LDC_PIC_YUV420) {
+        *piX = (int32_t)((i - uLuma) % iWidth);   // the two bytes of a pair sit in its two columns
+        *piY = 2 * (int32_t)((i - uLuma) / iWidth);
+        return "chroma";
+    }
+    const size_t j = (i - uLuma) % (uLuma / 4);
+    *piX = 2 * (int32_t)(j % (iWidth / 2));
+    *piY = 2 * (int32_t)(j / (iWidth / 2));
+    return i - uLuma < uLuma / 4 ? "U" : "V";
+}
+
 // Small deterministic generator (numerical recipes LCG), so that every target draws the same cases.
 struct AffineRng {
     uint32_t u;
@@ -60,64 +81,29 @@ struct AffineRng {
     int32_t Even(int32_t iLo, int32_t iHi) { return (iLo + (int32_t)(Unit() * (iHi - iLo + 1))) & ~1; }
 };
 
-// The homography (m8 = 1) taking the four points afDst[i] to afSrc[i], Gaussian elimination.
-inline void AffineSolveHomography(const double adDst[4][2], const double adSrc[4][2], double adH[9])
+// A projective matrix taking the area onto a quadrilateral whose corners lie up to dJitter pixels
+// inside [4, width - 5] x [4, height - 5] (a convex image keeps every interior position inside,
+// with room for the two extra columns and rows that the interpolation reads), scaled by dScale
+// so that m8 is not 1. Square-to-quadrilateral in closed form, after the area is normalised.
+inline void AffineMakeMatrix(AffineRng &rng, const tagST_REGISTRATION_AREA &a, int32_t iWidth, int32_t iHeight,
+                             double dJitter, double dScale, float afM[9])
 {
-    double a[8][9];
-    for (int i = 0; i < 4; i++) {
-        const double x = adDst[i][0], y = adDst[i][1], u = adSrc[i][0], v = adSrc[i][1];
-        const double r0[9] = {x, y, 1, 0, 0, 0, -x * u, -y * u, u};
-        const double r1[9] = {0, 0, 0, x, y, 1, -x * v, -y * v, v};
-        memcpy(a[2 * i], r0, sizeof(r0));
-        memcpy(a[2 * i + 1], r1, sizeof(r1));
-    }
-    for (int c = 0; c < 8; c++) {
-        int p = c;
-        for (int r = c + 1; r < 8; r++) {
-            if (fabs(a[r][c]) > fabs(a[p][c])) {
-                p = r;
-            }
-        }
-        for (int k = 0; k < 9; k++) {
-            const double t = a[c][k];
-            a[c][k] = a[p][k];
-            a[p][k] = t;
-        }
-        for (int r = 0; r < 8; r++) {
-            if (r != c) {
-                const double f = a[r][c] / a[c][c];
-                for (int k = c; k < 9; k++) {
-                    a[r][k] -= f * a[c][k];
-                }
-            }
-        }
-    }
-    for (int i = 0; i < 8; i++) {
-        adH[i] = a[i][8] / a[i][i];
-    }
-    adH[8] = 1.0;
-}
-
-// A projective matrix taking the area's corners to a quadrilateral whose corners lie within
-// fJitter pixels inside the source rectangle [iMargin, width - 1 - iMargin] x [..]; a convex
-// quadrilateral keeps every interior position inside. The result is scaled by fScale (m8 != 1).
-inline void AffineMakeMatrix(AffineRng &rng, const tagST_REGISTRATION_AREA &stArea, int32_t iWidth,
-                             int32_t iHeight, double dJitter, double dScale, float afM[9])
-{
-    const double dMargin = 4.0;
-    const double dL = dMargin, dT = dMargin, dR = iWidth - 1 - dMargin, dB = iHeight - 1 - dMargin;
-    const double adDst[4][2] = {{(double)stArea.iStartX, (double)stArea.iStartY},
-                                {(double)(stArea.iStartX + stArea.iWidth), (double)stArea.iStartY},
-                                {(double)stArea.iStartX, (double)(stArea.iStartY + stArea.iHeight)},
-                                {(double)(stArea.iStartX + stArea.iWidth), (double)(stArea.iStartY + stArea.iHeight)}};
-    const double adSrc[4][2] = {{dL + dJitter * rng.Unit(), dT + dJitter * rng.Unit()},
-                                {dR - dJitter * rng.Unit(), dT + dJitter * rng.Unit()},
-                                {dL + dJitter * rng.Unit(), dB - dJitter * rng.Unit()},
-                                {dR - dJitter * rng.Unit(), dB - dJitter * rng.Unit()}};
-    double adH[9];
-    AffineSolveHomography(adDst, adSrc, adH);
-    for (int i = 0; i < 9; i++) {
-        afM[i] = (float)(adH[i] * dScale);
+    const double l = 4, t = 4, r = iWidth - 5, b = iHeight - 5;
+    const double x0 = l + dJitter * rng.Unit(), y0 = t + dJitter * rng.Unit();   // (0, 0)
+    const double x1 = r - dJitter * rng.Unit(), y1 = t + dJitter * rng.Unit();   // (1, 0)
+    const double x2 = r - dJitter * rng.Unit(), y2 = b - dJitter * rng.Unit();   // (1, 1)
+    const double x3 = l + dJitter * rng.Unit(), y3 = b - dJitter * rng.Unit();   // (0, 1)
+    const double dx1 = x1 - x2, dx2 = x3 - x2, dx3 = x0 - x1 + x2 - x3;
+    const double dy1 = y1 - y2, dy2 = y3 - y2, dy3 = y0 - y1 + y2 - y3;
+    const double det = dx1 * dy2 - dx2 * dy1;
+    const double g = (dx3 * dy2 - dx2 * dy3) / det, h = (dx1 * dy3 - dx3 * dy1) / det;
+    const double sq[9] = {x1 - x0 + g * x1, x3 - x0 + h * x3, x0, y1 - y0 + g * y1, y3 - y0 + h * y3, y0, g, h, 1};
+    // (u, v) = ((x - ax) / aw, (y - ay) / ah) before the square-to-quadrilateral map.
+    const double sx = 1.0 / a.iWidth, sy = 1.0 / a.iHeight, tx = -a.iStartX * sx, ty = -a.iStartY * sy;
+    for (int i = 0; i < 3; i++) {
+        afM[3 * i] = (float)(dScale * sq[3 * i] * sx);
+        afM[3 * i + 1] = (float)(dScale * sq[3 * i + 1] * sy);
+        afM[3 * i + 2] = (float)(dScale * (sq[3 * i] * tx + sq[3 * i + 1] * ty + sq[3 * i + 2]));
     }
 }
 

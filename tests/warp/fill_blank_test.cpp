@@ -19,30 +19,6 @@ std::string Describe(int32_t iWidth, int32_t iHeight, int32_t iType, const FillR
     return ac;
 }
 
-// Position (x, y) in luma pixels of byte i, and whether it lies in the rectangle or in its last
-// row pair (which the fill may overwrite).
-void Classify(int32_t iWidth, int32_t iHeight, int32_t iType, const FillRect &r, size_t i, bool *pbInside,
-              bool *pbLastPair, int32_t *piX, int32_t *piY)
-{
-    const size_t uLuma = (size_t)iWidth * iHeight;
-    int32_t x, y;
-    if (i < uLuma) {
-        x = (int32_t)(i % iWidth);
-        y = (int32_t)(i / iWidth);
-    } else if (iType != LDC_PIC_YUV420) {
-        x = (int32_t)((i - uLuma) % iWidth);
-        y = 2 * (int32_t)((i - uLuma) / iWidth);
-    } else {
-        const size_t j = (i - uLuma) % (uLuma / 4);
-        x = 2 * (int32_t)(j % (iWidth / 2));
-        y = 2 * (int32_t)(j / (iWidth / 2));
-    }
-    *pbInside = x >= r.iLeft && x < r.iRight && y >= r.iTop && y < r.iTop + r.iRows;
-    *pbLastPair = y >= r.iTop + r.iRows - 2;
-    *piX = x;
-    *piY = y;
-}
-
 void CheckShape(int32_t iWidth, int32_t iHeight, int32_t iType, const FillRect &r)
 {
     AffineFrame src(iWidth, iHeight, iType), before(iWidth, iHeight, iType);
@@ -67,12 +43,13 @@ void CheckShape(int32_t iWidth, int32_t iHeight, int32_t iType, const FillRect &
             }
             continue;
         }
-        bool bInside, bLastPair;
         int32_t x, y;
-        Classify(iWidth, iHeight, iType, r, i, &bInside, &bLastPair, &x, &y);
+        const char *pcPlane = AffineBytePosition(iWidth, iHeight, iType, i, &x, &y);
+        const bool bInside = x >= r.iLeft && x < r.iRight && y >= r.iTop && y < r.iTop + r.iRows;
+        const bool bLastPair = y >= r.iTop + r.iRows - 2;   // the bottom band may start there
         const auto Where = [&]() {
-            return std::string(i < (size_t)iWidth * iHeight ? "luma" : "chroma") + " byte " + std::to_string(i) +
-                   " (x " + std::to_string(x) + ", y " + std::to_string(y) + ")";
+            return std::string(pcPlane) + " byte " + std::to_string(i) + " (x " + std::to_string(x) + ", y " +
+                   std::to_string(y) + ")";
         };
         if (!bInside && src.bytes[i] != vec.bytes[i]) {
             FAIL() << "border not copied at " << Where() << ", " << Describe(iWidth, iHeight, iType, r);

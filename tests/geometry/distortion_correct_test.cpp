@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <string.h>
+
+#include <random>
+
+#include "geometry/distortion_correct_cases.h"
+#include "runtime/runtime.h"
+#include "support/thread_fault.h"
+
+namespace {
+
+// The drivers log every worker start and the workers' affinity warnings go to stdout on
+// machines with fewer than four cores: keep them out of the test output.
+template <typename Fn>
+void Quietly(Fn fn)
+{
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    fn();
+    (void)testing::internal::GetCapturedStdout();
+    (void)testing::internal::GetCapturedStderr();
+}
+
+// A face case whose random coefficients fold the frame takes the next seeds until one does not.
+bool PrepareCase(tagST_DC_FRAMES *pstFrames, tagST_DC_CASE stCase)
+{
+    for (int32_t iTry = 0; iTry < 16; iTry++, stCase.uSeed += 1000) {
+        if (pstFrames->Prepare(stCase)) {
+            return true;
+        }
+        if (stCase.eModel != DC_FACE) {
+            return false;
+        }
+    }
+    return false;
+}
+
+TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
+{
+    const std::vector<tagST_DC_CASE> vstCases = DcSweepCases();
+    tagST_DC_FRAMES stFrames;
+    std::vector<uint8_t> vucPlain;
+    std::vector<uint8_t> vucNeon;
+    int32_t iTails = 0;
+    int32_t iGroupless = 0;
+    for (const tagST_DC_CASE &stCase : vstCases) {
+        ASSERT_TRUE(PrepareCase(&stFrames, stCase))
+            << "no usable rectangle: " << DcDescribe(stCase, *stFrames.pstPara);
+        const std::string strCase = DcDescribe(stFrames.stCase, *stFrames.pstPara);
+        Quietly([&] {
+            stFrames.Run(false, &vucPlain);
+            stFrames.Run(true, &vucNeon);
+        });
+        const long iDiff = DcFirstDifference(vucPlain, vucNeon);
+        ASSERT_EQ(iDiff, -1) << "first difference at " << stFrames.Where((size_t)iDiff) << ": plain "
+                             << (int)vucPlain[iDiff] << ", neon " << (int)vucNeon[iDiff] << "; " << strCase;
+        std::vector<uint8_t> vucPattern;
+        stFrames.FillPattern(&vucPattern);
+        for (size_t i = 0; i < vucNeon.size(); i++) {
+            if (!stFrames.InRectangle(i)) {
+                ASSERT_EQ(vucNeon[i], vucPattern[i]) << "written outside the rectangle at "
+                                                     << stFrames.Where(i) << "; " << strCase;
+            }
+        }
+        const int32_t *piArea = stFrames.Area();
+        iTails += ((piArea[2] + 1 - piArea[0]) % 8) != 0;
+        iGroupless += (piArea[2] + 1 - piArea[0]) < 8;
+    }
+    // The sweep must reach the tail columns and rectangles with no whole group at all.
+    EXPECT_GT(iTails, 20);
+    EXPECT_GT(iGroupless, 5);
+}
+
+// The interpolator twins on offsets that are contiguous, that only sum as if contiguous, that
+// straddle rows, and random ones, with random fractions.
+TEST(DistortionCorrect, InterpolatorTwinsAgreeIncludingTheSumShortcut)
+{
+    const int32_t iPitch = 40;
+    std::vector<uint8_t> vucSrc(iPitch * 24);
+    std::mt19937 rng(7);
+    for (uint8_t &uc : vucSrc) {
+        uc = (uint8_t)(rng() >> 24);
+    }
+    const int32_t aaiDelta[][3] = {{2, 4, 6}, {0, 6, 6}, {3, 3, 6}, {2, 4, 7}, {1, 3, 5},
+                                   {2, 4 + iPitch, 6}, {-2, 4, 10}, {4, 4, 4}};
+    for (int32_t iRound = 0; iRound < 400; iRound++) {
+        const int32_t *piDelta = aaiDelta[iRound % 8];
+        const int32_t iO0 = iPitch * (int32_t)(2 + rng() % 12) + (int32_t)(3 + rng() % 20);
+        int32_t aiOffset[4] = {iO0, iO0 + piDelta[0], iO0 + piDelta[1], iO0 + piDelta[2]};
+        if (iRound >= 200) {   // unrelated blocks
+            for (int32_t k = 1; k < 4; k++) {
+                aiOffset[k] = iPitch * (int32_t)(rng() % 20) + (int32_t)(rng() % 36);
+            }
+        }
+        uint16_t auFx[4];
+        uint16_t auFy[4];
+        for (int32_t k = 0; k < 4; k++) {
+            auFx[k] = (uint16_t)(rng() % 128);
+            auFy[k] = (uint16_t)(rng() % 128);
+        }
+        uint8_t aucPlain[2 * 8 + iPitch] = {};
+        uint8_t aucNeon[2 * 8 + iPitch] = {};
+        const int32_t iPlain = InterpolateLumaBlock(aucPlain, vucSrc.data(), iPitch, aiOffset, auFx, auFy);
+        const int32_t iNeon = InterpolateLumaBlock_neon(aucNeon, vucSrc.data(), iPitch, vld1q_s32(aiOffset),
+                                                        vld1_u16(auFx), vld1_u16(auFy));
+        const bool bSumIs12 = iRound < 200 && piDelta[0] + piDelta[1] + piDelta[2] == 12;
+        ASSERT_EQ(iPlain, bSumIs12 ? 1 : 0) << "round " << iRound;
+        ASSERT_EQ(iNeon, iPlain) << "round " << iRound;
+        for (int32_t i = 0; i < 2; i++) {
+            for (int32_t n = 0; n < 8; n++) {
+                ASSERT_EQ(aucNeon[i * iPitch + n], aucPlain[i * iPitch + n])
+                    << "pixel (" << n << ", " << i << ") round " << iRound << " offsets " << aiOffset[0]
+                    << " " << aiOffset[1] << " " << aiOffset[2] << " " << aiOffset[3];
+            }
+        }
+    }
+}
+
+// Hand-worked values of the 7-bit filter, and the shortcut reading block k at o0 + 2k.
+TEST(DistortionCorrect, InterpolatorArithmetic)
+{
+    const int32_t iPitch = 16;
+    uint8_t aucSrc[16 * 4] = {};
+    for (int32_t i = 0; i < 16 * 4; i++) {
+        aucSrc[i] = (uint8_t)((i & 1) ? 255 : 0);   // columns alternate 0 / 255
+    }
+    aucSrc[1 * iPitch + 2] = 100;
+    const int32_t aiOffset[4] = {0, 0, 6, 6};   // sums to 12: read as 0, 2, 4, 6
+    const uint16_t auFx[4] = {0, 64, 127, 0};
+    const uint16_t auFy[4] = {0, 0, 0, 64};
+    uint8_t aucDst[2 * 16] = {};
+    ASSERT_EQ(InterpolateLumaBlock(aucDst, aucSrc, iPitch, aiOffset, auFx, auFy), 1);
+    EXPECT_EQ(aucDst[0], 0);     // zero fractions return the sample itself
+    EXPECT_EQ(aucDst[1], 255);
+    // (0 * 64 + 255 * 64 + 32) >> 6 = 255, then (255 * 128 + 128) >> 8 = 128
+    EXPECT_EQ(aucDst[2], 128);
+    // (0 * 1 + 255 * 127 + 32) >> 6 = 506, (506 * 128 + 128) >> 8 = 253
+    EXPECT_EQ(aucDst[4], 253);
+    // row y + 1 of block 1 reads source row 1 from column 2 (o0 + 2), not from o1 = 0:
+    // (100 * 64 + 255 * 64 + 32) >> 6 = 355, (355 * 128 + 128) >> 8 = 178
+    EXPECT_EQ(aucDst[iPitch + 2], 178);
+    // vertical blend of 0 over 0 and 255 (source column 6 is 0, column 7 is 255) at fy 64
+    EXPECT_EQ(aucDst[6], 0);
+    EXPECT_EQ(aucDst[7], 255);
+}
+
+// Identity model: the rectangle is copied exactly in every plane, groups and tail alike.
+TEST(DistortionCorrect, IdentityCopiesTheRectangle)
+{
+    for (int32_t ePicType = 0; ePicType < 3; ePicType++) {
+        for (int32_t iW : {40, 42}) {
+            const tagST_DC_CASE stCase = {iW, 20, ePicType, DC_IDENTITY, {0, 0, 0, 0}, 3};
+            tagST_DC_FRAMES stFrames;
+            ASSERT_TRUE(stFrames.Prepare(stCase));
+            std::vector<uint8_t> vucDst;
+            Quietly([&] { stFrames.Run(true, &vucDst); });
+            for (size_t i = 0; i < stFrames.uFrameBytes; i++) {
+                ASSERT_EQ(vucDst[i], stFrames.vucSrc[i])
+                    << stFrames.Where(i) << " type " << ePicType << " width " << iW;
+            }
+        }
+    }
+}
+
+// Rows each band of four writes, worker bodies called directly (no slot free: nothing pinned).
+std::vector<int32_t> BandRows(int32_t iHeight, LdcDistortionBody pfnBody)
+{
+    const tagST_DC_CASE stCase = {16, iHeight, 1, DC_IDENTITY, {0, 0, 0, 0}, 5};
+    tagST_DC_FRAMES stFrames;
+    if (!stFrames.Prepare(stCase)) {
+        return {};
+    }
+    std::vector<uint8_t> vucDst;
+    stFrames.Run(true, &vucDst);   // the driver builds the column table
+    const tagST_PIC stDst = stFrames.Picture(vucDst.data());
+    const tagST_LDC_WORK stWork = {stFrames.pstPara.get(), stFrames.stSrc.pY, stFrames.stSrc.pU,
+                                   stFrames.stSrc.pV,      stDst.pY,          stDst.pU,
+                                   stDst.pV};
+    std::vector<int32_t> viRows;
+    for (int32_t iIndex = 0; iIndex < LDC_THREAD_NUM; iIndex++) {
+        stFrames.FillPattern(&vucDst);
+        for (int32_t i = 0; i < LDC_THREAD_NUM; i++) {
+            stFrames.pstPara->aiThreadState[i] = 1;
+        }
+        pfnBody(&stWork, iIndex, LDC_THREAD_NUM);
+        int32_t iFirst = -1;
+        int32_t iCount = 0;
+        for (int32_t y = 0; y < iHeight; y++) {
+            if (memcmp(&vucDst[(size_t)y * 16], &stFrames.vucSrc[(size_t)y * 16], 16) == 0) {
+                if (iFirst >= 0 && iFirst + iCount != y) {
+                    return {};   // not one band
+                }
+                iFirst = iFirst < 0 ? y : iFirst;
+                iCount++;
+            }
+        }
+        viRows.push_back(iCount);
+    }
+    return viRows;
+}
+
+TEST(DistortionCorrect, BandsAreEvenAndTheLastTakesTheRest)
+{
+    for (LdcDistortionBody pfnBody : {DistortionCorrect_NV12, DistortionCorrect_neon_NV12}) {
+        std::vector<int32_t> viTall;
+        std::vector<int32_t> viShort;
+        Quietly([&] {
+            viTall = BandRows(1078, pfnBody);
+            viShort = BandRows(6, pfnBody);
+        });
+        EXPECT_EQ(viTall, (std::vector<int32_t>{268, 268, 268, 274}));
+        EXPECT_EQ(viShort, (std::vector<int32_t>{0, 0, 0, 6}));
+    }
+}
+
+TEST(DistortionCorrect, WorkerStartFailureFallsBackToTheCallingThread)
+{
+    cpu_set_t stSaved;
+    ASSERT_EQ(sched_getaffinity(0, sizeof(stSaved), &stSaved), 0);
+    for (int32_t ePicType : {1, 2}) {
+        const tagST_DC_CASE stCase = {50, 30, ePicType, DC_BARREL, {0, 0, 0, 0}, 11};
+        tagST_DC_FRAMES stFrames;
+        ASSERT_TRUE(stFrames.Prepare(stCase));
+        std::vector<uint8_t> vucThreads;
+        std::vector<uint8_t> vucFallback;
+        std::string strLog;
+        Quietly([&] { stFrames.Run(true, &vucThreads); });
+        {
+            ScopedThreadCreateFailure stFail(0);
+            testing::internal::CaptureStderr();
+            testing::internal::CaptureStdout();
+            stFrames.Run(true, &vucFallback);
+            (void)testing::internal::GetCapturedStdout();
+            strLog = testing::internal::GetCapturedStderr();
+        }
+        EXPECT_NE(strLog.find("E/ZB5QU_QVLDC: Thread Create Failed i = 0!!!"), std::string::npos);
+        EXPECT_EQ(DcFirstDifference(vucThreads, vucFallback), -1) << "type " << ePicType;
+        // The calling thread claimed the first slot and stays pinned to processor 0.
+        const int32_t *piState = stFrames.pstPara->aiThreadState;
+        EXPECT_EQ(piState[0] * 1000 + piState[1] * 100 + piState[2] * 10 + piState[3], 1000);
+        cpu_set_t stNow;
+        ASSERT_EQ(sched_getaffinity(0, sizeof(stNow), &stNow), 0);
+        EXPECT_EQ(CPU_COUNT(&stNow), 1);
+        EXPECT_TRUE(CPU_ISSET(0, &stNow));
+        ASSERT_EQ(sched_setaffinity(0, sizeof(stSaved), &stSaved), 0);
+    }
+}
+
+}  // namespace

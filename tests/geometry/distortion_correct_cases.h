@@ -16,7 +16,8 @@
 #include "geometry/distortion_correct.h"
 #include "geometry/lens_model.h"
 
-enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_FACE };
+// DC_PHONE_LENS is a real 640 x 480 phone lens calibration scaled to the frame's width.
+enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_PHONE_LENS, DC_FACE };
 
 struct tagST_DC_CASE {
     int32_t iWidth;
@@ -100,6 +101,12 @@ static inline bool DcSetModel(const tagST_DC_CASE &stCase, tagST_LDC_PARA *pstPa
     case DC_PINCUSHION:
         DcSetLens(pstPara, 0.9f * fW, 0.5f * fW - 2.0f, 0.5f * fH + 1.0f, 0.12f, 0.02f, 0.0f);
         break;
+    case DC_PHONE_LENS: {
+        const float fScale = fW / 640.0f;
+        DcSetLens(pstPara, 535.91573f * fScale, 342.28315f * fScale, 235.57083f * fScale,
+                  -0.26637261f, -0.038588899f, 0.23839153f);
+        break;
+    }
     default: {
         // Coefficients scaled to the frame's corner radius so that the mapping stays monotone.
         std::mt19937 rng(stCase.uSeed);
@@ -159,18 +166,16 @@ static inline std::vector<tagST_DC_CASE> DcSweepCases()
 
 static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LDC_PARA &stPara)
 {
-    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "face"};
-    const int32_t *piArea = (stPara.iLDCEnable == 1) ? stPara.aiLDCArea : stPara.aiGlobalFDCArea;
+    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face"};
+    const int32_t bLens = (stPara.iLDCEnable == 1);
+    const int32_t *piArea = bLens ? stPara.aiLDCArea : stPara.aiGlobalFDCArea;
+    tagST_RADIAL_MODEL stM;
+    GetRadialModel(&stPara, bLens, &stM);
     char acText[320];
     snprintf(acText, sizeof(acText),
-             "%dx%d type %d %s seed %u rect (%d, %d, %d, %d) model c=(%.3f, %.3f) k=(%g, %g, %g) "
-             "g=(%g, %g, %g)",
+             "%dx%d type %d %s seed %u rect (%d, %d, %d, %d) centre (%.1f, %.1f) c1..c3 (%g, %g, %g)",
              stCase.iWidth, stCase.iHeight, stCase.ePicType, apcModel[stCase.eModel], stCase.uSeed,
-             piArea[0], piArea[1], piArea[2], piArea[3], stPara.afCameraMatrix[2],
-             stPara.afCameraMatrix[5], stPara.afDistortionCoefficients[0],
-             stPara.afDistortionCoefficients[1], stPara.afDistortionCoefficients[2],
-             stPara.afGlobalFDCCoefficients[0], stPara.afGlobalFDCCoefficients[1],
-             stPara.afGlobalFDCCoefficients[2]);
+             piArea[0], piArea[1], piArea[2], piArea[3], stM.fCx, stM.fCy, stM.fC1, stM.fC2, stM.fC3);
     return acText;
 }
 

@@ -164,6 +164,53 @@ TEST(DistortionCorrect, IdentityCopiesTheRectangle)
     }
 }
 
+// The tail columns copy nearest samples at the truncated position; their chroma keeps its two
+// deliberate differences from the groups: the interleaved pair is not aligned to its first byte
+// (an odd column straddles two pairs) and planar halves round down.
+TEST(DistortionCorrect, TailColumnsKeepTheirOwnChromaRounding)
+{
+    for (int32_t ePicType : {1, 2}) {
+        const tagST_DC_CASE stCase = {22, 30, ePicType, DC_BARREL, {0, 0, 0, 0}, 9};
+        tagST_DC_FRAMES stFrames;
+        ASSERT_TRUE(stFrames.Prepare(stCase));
+        std::vector<uint8_t> vucDst;
+        Quietly([&] { stFrames.Run(true, &vucDst); });
+        const tagST_PIC stDst = stFrames.Picture(vucDst.data());
+        const tagST_PIC &stSrc = stFrames.stSrc;
+        const int32_t *piArea = stFrames.Area();
+        const int32_t iW = stCase.iWidth;
+        tagST_RADIAL_MODEL stM;
+        GetRadialModel(stFrames.pstPara.get(), 1, &stM);
+        int32_t iOdd = 0;
+        for (int32_t y = piArea[1]; y <= piArea[3]; y += 2) {
+            for (int32_t x = piArea[0] + ((piArea[2] + 1 - piArea[0]) & ~7); x <= piArea[2]; x += 2) {
+                const float fDx = (float)x - stM.fCx;
+                const float fDy = (float)y - stM.fCy;
+                const float fF = RadialFactorSerial(&stM, fDx * fDx + fDy * fDy);
+                const int32_t iSx = TruncF32ToS32(stM.fCx + fF * fDx);
+                const int32_t iSy = TruncF32ToS32(stM.fCy + fF * fDy);
+                iOdd += (iSx & 1) | (iSy & 1);
+                for (int32_t i = 0; i < 4; i++) {
+                    ASSERT_EQ(stDst.pY[(y + i / 2) * iW + x + i % 2], stSrc.pY[(iSy + i / 2) * iW + iSx + i % 2])
+                        << "luma (" << x + i % 2 << ", " << y + i / 2 << ") type " << ePicType;
+                }
+                if (ePicType == 1) {
+                    for (int32_t i = 0; i < 2; i++) {
+                        ASSERT_EQ(stDst.pU[(y / 2) * iW + x + i], stSrc.pU[(iSy >> 1) * iW + iSx + i])
+                            << "chroma byte (" << x + i << ", " << y / 2 << ")";
+                    }
+                } else {
+                    const int32_t iDst = (y / 2) * (iW >> 1) + x / 2;
+                    const int32_t iSrc = (iSy >> 1) * (iW >> 1) + (iSx >> 1);
+                    ASSERT_EQ(stDst.pU[iDst], stSrc.pU[iSrc]) << "U (" << x / 2 << ", " << y / 2 << ")";
+                    ASSERT_EQ(stDst.pV[iDst], stSrc.pV[iSrc]) << "V (" << x / 2 << ", " << y / 2 << ")";
+                }
+            }
+        }
+        EXPECT_GT(iOdd, 4) << "the tail must reach odd source positions";
+    }
+}
+
 // Rows each band of four writes, worker bodies called directly (no slot free: nothing pinned).
 std::vector<int32_t> BandRows(int32_t iHeight, LdcDistortionBody pfnBody)
 {

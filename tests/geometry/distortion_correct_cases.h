@@ -17,7 +17,10 @@
 #include "geometry/lens_model.h"
 
 // DC_PHONE_LENS is a real 640 x 480 phone lens calibration scaled to the frame's width.
-enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_PHONE_LENS, DC_FACE };
+// DC_FOLDED_FACE has random face coefficients strong enough to fold the mapping: some groups then
+// have block offsets that only sum as if contiguous, which exercises the interpolator's shortcut
+// and the chroma bytes that follow its verdict.
+enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_PHONE_LENS, DC_FACE, DC_FOLDED_FACE };
 
 struct tagST_DC_CASE {
     int32_t iWidth;
@@ -25,7 +28,7 @@ struct tagST_DC_CASE {
     int32_t ePicType;    // 0 NV21, 1 NV12, 2 I420
     int32_t eModel;      // eDcModel
     int32_t aiInset[4];  // even insets of the computed rectangle: left, top, right, bottom
-    uint32_t uSeed;      // frame content and, for DC_FACE, the coefficients
+    uint32_t uSeed;      // frame content and the face models' coefficients
 };
 
 // Centre coordinates are made odd as the configuration parser makes u0 and v0 odd.
@@ -108,12 +111,16 @@ static inline bool DcSetModel(const tagST_DC_CASE &stCase, tagST_LDC_PARA *pstPa
         break;
     }
     default: {
-        // Coefficients scaled to the frame's corner radius so that the mapping stays monotone.
+        // Coefficients scaled to the frame's corner radius; the mild ranges keep the mapping
+        // monotone.
         std::mt19937 rng(stCase.uSeed);
         const float fR2 = 0.25f * (fW * fW + fH * fH);
-        pstPara->afGlobalFDCCoefficients[0] = DcUniform(rng, -0.2f, 0.2f) / fR2;
-        pstPara->afGlobalFDCCoefficients[1] = DcUniform(rng, -0.04f, 0.04f) / (fR2 * fR2);
-        pstPara->afGlobalFDCCoefficients[2] = DcUniform(rng, -0.02f, 0.02f) / (fR2 * fR2 * fR2);
+        const float fA = (stCase.eModel == DC_FOLDED_FACE) ? 3.0f : 0.2f;
+        const float fB = (stCase.eModel == DC_FOLDED_FACE) ? 6.0f : 0.04f;
+        const float fC = (stCase.eModel == DC_FOLDED_FACE) ? 6.0f : 0.02f;
+        pstPara->afGlobalFDCCoefficients[0] = DcUniform(rng, -fA, fA) / fR2;
+        pstPara->afGlobalFDCCoefficients[1] = DcUniform(rng, -fB, fB) / (fR2 * fR2);
+        pstPara->afGlobalFDCCoefficients[2] = DcUniform(rng, -fC, fC) / (fR2 * fR2 * fR2);
         pstPara->afGlobalFDCCoefficients[3] = 1.0f;
         // The lens fields hold junk that must not matter with iLDCEnable 0.
         pstPara->afCameraMatrix[0] = 1.0f;
@@ -161,12 +168,22 @@ static inline std::vector<tagST_DC_CASE> DcSweepCases()
             }
         }
     }
+    // Folded models at seeds known to produce groups that only sum as if contiguous.
+    const uint32_t aauFolded[][3] = {{64, 48, 28}, {50, 30, 22}, {44, 22, 76},
+                                     {46, 24, 122}, {96, 34, 356}, {37, 23, 22}};
+    for (const auto &auFolded : aauFolded) {
+        for (int32_t ePicType = 0; ePicType < ((auFolded[0] & 1) ? 2 : 3); ePicType++) {
+            const tagST_DC_CASE stCase = {(int32_t)auFolded[0], (int32_t)auFolded[1], ePicType,
+                                          DC_FOLDED_FACE, {0, 0, 0, 0}, auFolded[2]};
+            vstCases.push_back(stCase);
+        }
+    }
     return vstCases;
 }
 
 static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LDC_PARA &stPara)
 {
-    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face"};
+    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face", "folded face"};
     const int32_t bLens = (stPara.iLDCEnable == 1);
     const int32_t *piArea = bLens ? stPara.aiLDCArea : stPara.aiGlobalFDCArea;
     tagST_RADIAL_MODEL stM;

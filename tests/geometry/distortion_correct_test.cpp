@@ -132,6 +132,7 @@ TEST(DistortionCorrect, InterpolatorArithmetic)
         aucSrc[i] = (uint8_t)((i & 1) ? 255 : 0);   // columns alternate 0 / 255
     }
     aucSrc[1 * iPitch + 2] = 100;
+    aucSrc[1 * iPitch + 6] = 200;
     const int32_t aiOffset[4] = {0, 0, 6, 6};   // sums to 12: read as 0, 2, 4, 6
     const uint16_t auFx[4] = {0, 64, 127, 0};
     const uint16_t auFy[4] = {0, 0, 0, 64};
@@ -146,9 +147,9 @@ TEST(DistortionCorrect, InterpolatorArithmetic)
     // row y + 1 of block 1 reads source row 1 from column 2 (o0 + 2), not from o1 = 0:
     // (100 * 64 + 255 * 64 + 32) >> 6 = 355, (355 * 128 + 128) >> 8 = 178
     EXPECT_EQ(aucDst[iPitch + 2], 178);
-    // vertical blend of 0 over 0 and 255 (source column 6 is 0, column 7 is 255) at fy 64
-    EXPECT_EQ(aucDst[6], 0);
-    EXPECT_EQ(aucDst[7], 255);
+    // vertical only: upper (0 * 128 + 32) >> 6 = 0, lower (200 * 128 + 32) >> 6 = 400,
+    // (0 * 64 + 400 * 64 + 128) >> 8 = 100
+    EXPECT_EQ(aucDst[6], 100);
 }
 
 // The tail columns copy nearest samples at the truncated position; their chroma keeps its two
@@ -238,13 +239,16 @@ std::vector<int32_t> BandRows(int32_t iHeight, LdcDistortionBody pfnBody)
 TEST(DistortionCorrect, BandsAreEvenAndTheLastTakesTheRest)
 {
     for (LdcDistortionBody pfnBody : {DistortionCorrect_NV12, DistortionCorrect_neon_NV12}) {
-        std::vector<int32_t> viTall;
+        std::vector<int32_t> viEven;
+        std::vector<int32_t> viUneven;
         std::vector<int32_t> viShort;
         Quietly([&] {
-            viTall = BandRows(1078, pfnBody);
+            viEven = BandRows(1080, pfnBody);
+            viUneven = BandRows(1078, pfnBody);
             viShort = BandRows(6, pfnBody);
         });
-        EXPECT_EQ(viTall, (std::vector<int32_t>{268, 268, 268, 274}));
+        EXPECT_EQ(viEven, (std::vector<int32_t>{270, 270, 270, 270}));
+        EXPECT_EQ(viUneven, (std::vector<int32_t>{268, 268, 268, 274}));
         EXPECT_EQ(viShort, (std::vector<int32_t>{0, 0, 0, 6}));
     }
 }

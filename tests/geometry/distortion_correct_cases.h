@@ -197,16 +197,18 @@ static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LD
 }
 
 // Frames of one case. Each frame is one block, luma then chroma, as the library's callers hold
-// them, plus a slack row: a block mapped onto the bottom luma row rounds its chroma row up to
-// the one just past the last, and the 8-byte chroma load of a contiguous group reads 7 bytes
-// further. The slack is random in the source and patterned in the destinations.
+// them (luma reads two rows below a position land in the chroma), plus a slack row: a block
+// mapped onto the bottom luma row, or onto the last column, rounds its chroma position up to the
+// row just past the last, and the 8-byte chroma load of a contiguous group reads 7 bytes
+// further. The sweep's rectangles stop short of that (with no slack AddressSanitizer stays
+// quiet), but the kernels' contract allows it. The slack is random in the source and patterned
+// in the destinations, where it must stay untouched.
 struct tagST_DC_FRAMES {
     tagST_DC_CASE stCase;
     std::unique_ptr<tagST_LDC_PARA> pstPara{new tagST_LDC_PARA()};
     size_t uFrameBytes = 0;
     size_t uBlockBytes = 0;
     std::vector<uint8_t> vucSrc;
-    std::vector<uint8_t> vucDst;
     std::vector<uint8_t> vucWork;
     tagST_PIC stSrc{};
 
@@ -224,7 +226,7 @@ struct tagST_DC_FRAMES {
         const size_t uLuma = (size_t)stCase.iWidth * (size_t)stCase.iHeight;
         uFrameBytes = uLuma * 3 / 2;
         uBlockBytes = uFrameBytes + (size_t)stCase.iWidth + 64;
-        vucSrc.resize(uBlockBytes);
+        vucSrc = std::vector<uint8_t>(uBlockBytes);   // exact capacity: AddressSanitizer sees overreads
         std::mt19937 rng(stCase.uSeed * 2654435761u);
         for (uint8_t &uc : vucSrc) {
             uc = (uint8_t)(rng() >> 24);
@@ -257,7 +259,9 @@ struct tagST_DC_FRAMES {
     // A destination block filled with a position-dependent pattern (never a plausible output).
     void FillPattern(std::vector<uint8_t> *pvucDst) const
     {
-        pvucDst->resize(uBlockBytes);
+        if (pvucDst->size() != uBlockBytes) {
+            *pvucDst = std::vector<uint8_t>(uBlockBytes);
+        }
         for (size_t i = 0; i < uBlockBytes; i++) {
             (*pvucDst)[i] = (uint8_t)(i * 7 + 3);
         }

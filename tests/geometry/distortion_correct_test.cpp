@@ -3,8 +3,6 @@
 #include <sched.h>
 #include <string.h>
 
-#include <random>
-
 #include "geometry/distortion_correct_cases.h"
 #include "platform/platform.h"
 #include "runtime/runtime.h"
@@ -76,51 +74,6 @@ TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
     // The sweep must reach the tail columns and rectangles with no whole group at all.
     EXPECT_GT(iTails, 20);
     EXPECT_GT(iGroupless, 5);
-}
-
-// The interpolator twins on offsets that are contiguous, that only sum as if contiguous, that
-// straddle rows, and random ones, with random fractions.
-TEST(DistortionCorrect, InterpolatorTwinsAgreeIncludingTheSumShortcut)
-{
-    const int32_t iPitch = 40;
-    std::vector<uint8_t> vucSrc(iPitch * 24);
-    std::mt19937 rng(7);
-    for (uint8_t &uc : vucSrc) {
-        uc = (uint8_t)(rng() >> 24);
-    }
-    const int32_t aaiDelta[][3] = {{2, 4, 6}, {0, 6, 6}, {3, 3, 6}, {2, 4, 7}, {1, 3, 5},
-                                   {2, 4 + iPitch, 6}, {-2, 4, 10}, {4, 4, 4}};
-    for (int32_t iRound = 0; iRound < 400; iRound++) {
-        const int32_t *piDelta = aaiDelta[iRound % 8];
-        const int32_t iO0 = iPitch * (int32_t)(2 + rng() % 12) + (int32_t)(3 + rng() % 20);
-        int32_t aiOffset[4] = {iO0, iO0 + piDelta[0], iO0 + piDelta[1], iO0 + piDelta[2]};
-        if (iRound >= 200) {   // unrelated blocks
-            for (int32_t k = 1; k < 4; k++) {
-                aiOffset[k] = iPitch * (int32_t)(rng() % 20) + (int32_t)(rng() % 36);
-            }
-        }
-        uint16_t auFx[4];
-        uint16_t auFy[4];
-        for (int32_t k = 0; k < 4; k++) {
-            auFx[k] = (uint16_t)(rng() % 128);
-            auFy[k] = (uint16_t)(rng() % 128);
-        }
-        uint8_t aucPlain[2 * 8 + iPitch] = {};
-        uint8_t aucNeon[2 * 8 + iPitch] = {};
-        const int32_t iPlain = InterpolateLumaBlock(aucPlain, vucSrc.data(), iPitch, aiOffset, auFx, auFy);
-        const int32_t iNeon = InterpolateLumaBlock_neon(aucNeon, vucSrc.data(), iPitch, vld1q_s32(aiOffset),
-                                                        vld1_u16(auFx), vld1_u16(auFy));
-        const bool bSumIs12 = iRound < 200 && piDelta[0] + piDelta[1] + piDelta[2] == 12;
-        ASSERT_EQ(iPlain, bSumIs12 ? 1 : 0) << "round " << iRound;
-        ASSERT_EQ(iNeon, iPlain) << "round " << iRound;
-        for (int32_t i = 0; i < 2; i++) {
-            for (int32_t n = 0; n < 8; n++) {
-                ASSERT_EQ(aucNeon[i * iPitch + n], aucPlain[i * iPitch + n])
-                    << "pixel (" << n << ", " << i << ") round " << iRound << " offsets " << aiOffset[0]
-                    << " " << aiOffset[1] << " " << aiOffset[2] << " " << aiOffset[3];
-            }
-        }
-    }
 }
 
 // Hand-worked values of the 7-bit filter, and the shortcut reading block k at o0 + 2k.

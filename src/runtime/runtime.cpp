@@ -19,8 +19,11 @@ void LDC_Free(void *p)
 
 uintptr_t MemoMalloc(uint32_t uSize, uint32_t uAlign, int32_t *piOffset)
 {
-    const uint32_t uTotal = (uSize > 0xFFFFFFFFu - uAlign) ? 0xFFFFFFFFu : uSize + uAlign;
-    uint8_t *pucBlock = (uint8_t *)malloc(uTotal);
+    // A sum beyond 32 bits saturates to 0xFFFFFFFF, which no 32-bit process can allocate; refuse
+    // it outright so that 64-bit builds answer the same instead of zero-filling 4 GiB.
+    const bool bSaturated = uSize > 0xFFFFFFFFu - uAlign;
+    const uint32_t uTotal = bSaturated ? 0xFFFFFFFFu : uSize + uAlign;
+    uint8_t *pucBlock = bSaturated ? NULL : (uint8_t *)malloc(uTotal);
     if (pucBlock == NULL) {
         *piOffset = 0;
         return 0;

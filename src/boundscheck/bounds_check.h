@@ -13,7 +13,8 @@
 #define EOK 0
 #endif
 // Error codes. The *_AND_RESET codes say that the destination was cleared (filled with zeros, or
-// its first character set to NUL for strings) before the refusal, so it never holds a partial result.
+// its first character set to NUL for strings) before the refusal, so it never holds a partial result;
+// memset_s instead fills the whole capacity with its value.
 #define LDC_EINVAL 22                  // NULL destination, zero or oversized capacity: nothing written
 #define LDC_ERANGE 34                  // capacity or count out of range: nothing written
 #define LDC_EINVAL_AND_RESET (22 | 128)

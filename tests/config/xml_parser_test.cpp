@@ -325,7 +325,8 @@ TEST_F(XmlParserTest, HandlesShareDataAndOutliveTheirDocument)
     {
         XMLNode top = Parse("<?xml?><Config><Item>v</Item><B/></Config>", nullptr);
         XMLNode copy(top);
-        copy = copy;   // self-assignment keeps the data
+        XMLNode &alias = copy;
+        copy = alias;   // self-assignment keeps the data
         item = copy.getChildNode("Config", 0).getChildNode("Item", 0);
         EXPECT_STREQ(item.getParentNode().getName(), "Config");
     }

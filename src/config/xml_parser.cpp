@@ -29,13 +29,13 @@ struct XMLNode::XMLNodeDataTag {
     XMLSTR pcName;                 // null for the top node of a document
     char bIsDeclaration;
     XMLNodeDataTag *pstParent;     // not counted: a parent outlives its children's link to it
-    int nChild, nText, nClear, nAttribute, nOrder;
-    int iChildCap, iTextCap, iClearCap, iAttributeCap, iOrderCap;
+    int nChild, nText, nAttribute, nClear, nOrder;
+    int iChildCap, iTextCap, iAttributeCap, iClearCap, iOrderCap;
     XMLNodeDataTag **ppstChild;    // each child holds one reference of its parent's
     XMLSTR *ppcText;
-    XMLClear *pstClear;            // pcValue owned; the marks point at static strings
     XMLAttribute *pstAttribute;    // name and value owned
-    int *piOrder;
+    XMLClear *pstClear;            // pcValue owned; the marks point at static strings
+    int *piOrder;                  // children, texts and clear sections in source order
     int iRefCount;
 };
 
@@ -254,11 +254,6 @@ XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUse
  * Node data: creation, growth and iterative release
  * ------------------------------------------------------------------------------------------- */
 
-struct XMLNodeBuilder {
-    static XMLNode Wrap(XMLNodeData *pstData) { return XMLNode(pstData); }
-    static XMLNodeData *Data(XMLNode const &xNode) { return xNode.d; }
-};
-
 static XMLNodeData *NewNodeData(void)
 {
     XMLNodeData *pstData = (XMLNodeData *)malloc(sizeof(XMLNodeData));
@@ -427,6 +422,11 @@ typedef struct tagST_PARSER {
     const unsigned char *pucLead;   // lead-byte table of the encoding in force
     XMLError eError;
     size_t uErrorPos;
+    // The text last grown by joining across comments, so that a long run of joins grows it
+    // geometrically instead of copying it again for every piece.
+    XMLSTR pcJoined;
+    size_t uJoinedLen;
+    size_t uJoinedCap;
 } tagST_PARSER;
 
 static void SetError(tagST_PARSER *pstParser, XMLError eError, size_t uPos)
@@ -558,15 +558,24 @@ static bool FlushText(tagST_PARSER *pstParser, XMLNodeData *pstNode, size_t uSta
         free((void *)pstNode->pstClear[--pstNode->nClear].pcValue);
         pstNode->nOrder--;
         XMLSTR pcOld = pstNode->ppcText[pstNode->nText - 1];
-        size_t uOld = strlen(pcOld);
+        bool bGrown = pcOld == pstParser->pcJoined;
+        size_t uOld = bGrown ? pstParser->uJoinedLen : strlen(pcOld);
+        size_t uCap = bGrown ? pstParser->uJoinedCap : uOld + 1;
         size_t uAdd = strlen(pcNew);
-        XMLSTR pcJoined = (XMLSTR)realloc(pcOld, uOld + uAdd + 1);
+        XMLSTR pcJoined = pcOld;
+        if (uOld + uAdd + 1 > uCap) {
+            uCap = uOld + uAdd + 1 > 2 * uCap ? uOld + uAdd + 1 : 2 * uCap;
+            pcJoined = (XMLSTR)realloc(pcOld, uCap);
+        }
         if (pcJoined == 0) {
             free(pcNew);
             return false;
         }
-        memcpy_s(pcJoined + uOld, uAdd + 1, pcNew, uAdd + 1);
+        memcpy_s(pcJoined + uOld, uCap - uOld, pcNew, uAdd + 1);
         pstNode->ppcText[pstNode->nText - 1] = pcJoined;
+        pstParser->pcJoined = pcJoined;
+        pstParser->uJoinedLen = uOld + uAdd;
+        pstParser->uJoinedCap = uCap;
         free(pcNew);
         return true;
     }

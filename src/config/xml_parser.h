@@ -114,7 +114,6 @@ public:
 
 private:
     explicit XMLNode(XMLNodeDataTag *pstData);   // takes a new reference on pstData
-    friend struct XMLNodeBuilder;
     XMLNodeDataTag *d;
 };
 

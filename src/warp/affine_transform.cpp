@@ -65,14 +65,19 @@ static inline float AffineNumY(const float *pfM, float fX, float fY)
     return pfM[3] * fX + pfM[4] * fY + pfM[5];
 }
 
-// One bilinear luma pixel at p with 7-bit weights. The intermediate widths are those of the
-// vector lanes (8-bit weights, 16-bit sums), so out-of-range weights wrap the same way there.
-static inline uint8_t InterpolateLumaPixel(const uint8_t *p, int32_t iPitch, uint8_t ucFx, uint8_t ucFy)
+// One bilinear luma pixel at block offset iOff with 7-bit weights. The intermediate widths are
+// those of the vector lanes (8-bit weights, 16-bit sums), so out-of-range weights wrap the same
+// way there. Every read is clamped into the source block (a no-op except on frames of fewer
+// than six rows).
+static inline uint8_t InterpolateLumaPixel(const tagST_SRC_BLOCK *pstBlock, const char *pcKernel, int32_t iOff,
+                                           int32_t iPitch, uint8_t ucFx, uint8_t ucFy)
 {
     const uint8_t ucGx = (uint8_t)(128 - ucFx);
     const uint8_t ucGy = (uint8_t)(128 - ucFy);
-    const uint16_t usTop = (uint16_t)(p[0] * ucGx + p[1] * ucFx);
-    const uint16_t usBottom = (uint16_t)(p[iPitch] * ucGx + p[iPitch + 1] * ucFx);
+    const uint16_t usTop = (uint16_t)(LdcLumaAt(pstBlock, pcKernel, iOff) * ucGx +
+                                      LdcLumaAt(pstBlock, pcKernel, iOff + 1) * ucFx);
+    const uint16_t usBottom = (uint16_t)(LdcLumaAt(pstBlock, pcKernel, iOff + iPitch) * ucGx +
+                                         LdcLumaAt(pstBlock, pcKernel, iOff + iPitch + 1) * ucFx);
     const uint32_t uTop = ((uint32_t)usTop + 32u) >> 6;          // keeps one extra bit, 0..510
     const uint32_t uBottom = ((uint32_t)usBottom + 32u) >> 6;
     const uint32_t uSum = (uint16_t)(uTop * ucGy + uBottom * ucFy) + 128u;
@@ -80,13 +85,13 @@ static inline uint8_t InterpolateLumaPixel(const uint8_t *p, int32_t iPitch, uin
 }
 
 // 2 x 2 luma block whose pixels share the weights and are sampled one pixel apart.
-static inline void InterpolateLumaBlock(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch, uint8_t ucFx,
-                                        uint8_t ucFy)
+static inline void InterpolateLumaBlock(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, const char *pcKernel,
+                                        int32_t iOff, int32_t iPitch, uint8_t ucFx, uint8_t ucFy)
 {
-    pucDst[0] = InterpolateLumaPixel(pucSrc, iPitch, ucFx, ucFy);
-    pucDst[1] = InterpolateLumaPixel(pucSrc + 1, iPitch, ucFx, ucFy);
-    pucDst[iPitch] = InterpolateLumaPixel(pucSrc + iPitch, iPitch, ucFx, ucFy);
-    pucDst[iPitch + 1] = InterpolateLumaPixel(pucSrc + iPitch + 1, iPitch, ucFx, ucFy);
+    pucDst[0] = InterpolateLumaPixel(pstBlock, pcKernel, iOff, iPitch, ucFx, ucFy);
+    pucDst[1] = InterpolateLumaPixel(pstBlock, pcKernel, iOff + 1, iPitch, ucFx, ucFy);
+    pucDst[iPitch] = InterpolateLumaPixel(pstBlock, pcKernel, iOff + iPitch, iPitch, ucFx, ucFy);
+    pucDst[iPitch + 1] = InterpolateLumaPixel(pstBlock, pcKernel, iOff + iPitch + 1, iPitch, ucFx, ucFy);
 }
 
 // Fraction of v in 1/128 units as the vector code derives it: trunc(128 v) - 128 trunc(v) in
@@ -102,18 +107,36 @@ static inline int32_t SaturateS16(int32_t iV)
     return iV < -32768 ? -32768 : (iV > 32767 ? 32767 : iV);
 }
 
+tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc)
+{
+    tagST_AFFINE_LIMITS stLimits;
+    stLimits.fLastX = (float)(pstSrc->iWidth - 1);
+    stLimits.fInnerX = (float)(pstSrc->iWidth > 2 ? pstSrc->iWidth - 2 : 0);
+    stLimits.fLastY = (float)(pstSrc->iHeight - 1);
+    stLimits.fInnerY = (float)(pstSrc->iHeight > 2 ? pstSrc->iHeight - 2 : 0);
+    return stLimits;
+}
+
+tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar)
+{
+    return LdcSourceBlock(pstSrc->pY, pstSrc->pU, pstSrc->pV, pstSrc->iWidth, pstSrc->iHeight, bPlanar);
+}
+
 // Plain twin of the vector main pass: groups of four blocks with the reciprocal estimate.
 static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd, int32_t bPlanar)
 {
+    static const char *const s_pcKernel = "AffineTransformBand (main pass)";
     const float *pfM = pstTask->pfMatrix;
     const int32_t iPitch = pstTask->pstSrc->iWidth;
     const int32_t iPitchC = bPlanar ? (iPitch >> 1) : iPitch;
+    const int32_t iStepC = bPlanar ? 1 : 2;   // bytes per chroma sample in the plane read
     const int32_t iGroups = pstTask->iWidth / AFFINE_GROUP_COLS;
     const float fDenStep = 8.0f * pfM[6];
-    const uint8_t *pucSrcY = pstTask->pstSrc->pY;
-    const uint8_t *pucSrcC = bPlanar ? pstTask->pstSrc->pU : AffineChromaPlane(pstTask->pstSrc);
+    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(pstTask->pstSrc);
+    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(pstTask->pstSrc, bPlanar);
+    const uint8_t *pucSrcC = pstTask->pstSrc->pU;
     const uint8_t *pucSrcV = pstTask->pstSrc->pV;
-    uint8_t *pucDstC = bPlanar ? pstTask->pstDst->pU : AffineChromaPlane(pstTask->pstDst);
+    uint8_t *pucDstC = pstTask->pstDst->pU;
     uint8_t *pucDstV = pstTask->pstDst->pV;
 
     for (int32_t iY = iRowStart; iY < iRowEnd; iY += 2) {
@@ -138,35 +161,37 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
                 float fR = RecipEstimateF32(afDen[k]);
                 fR = fR * RecipStepF32(afDen[k], fR);
                 fR = fR * RecipStepF32(afDen[k], fR);
-                const float fSx = (pfM[0] * afX[k] + fSxRow) * fR;
-                const float fSy = (pfM[3] * afX[k] + fSyRow) * fR;
+                // Clamped into the frame: a homography fitted to a few faces sends the far
+                // corners of the output well outside the source.
+                const float fSx = AffineClampPos((pfM[0] * afX[k] + fSxRow) * fR, stLimits.fLastX, stLimits.fInnerX);
+                const float fSy = AffineClampPos((pfM[3] * afX[k] + fSyRow) * fR, stLimits.fLastY, stLimits.fInnerY);
                 const int32_t iIx = TruncF32ToS32(fSx);
                 const int32_t iIy = TruncF32ToS32(fSy);
                 aucFx[k] = FractionWeight(fSx, iIx);
                 aucFy[k] = FractionWeight(fSy, iIy);
-                aiOff[k] = (int32_t)((uint32_t)iIx + (uint32_t)iIy * (uint32_t)iPitch);
-                // Nearest chroma: halving with rounding half up; a semi-planar pair is 2 bytes.
-                const int32_t iCx = (int32_t)((uint32_t)iIx + 1u) >> 1;
-                const int32_t iCy = (int32_t)((uint32_t)iIy + 1u) >> 1;
-                aiChroma[k] = (int32_t)((uint32_t)iCy * (uint32_t)iPitchC + (uint32_t)iCx * (bPlanar ? 1u : 2u));
+                aiOff[k] = iIx + iIy * iPitch;
+                // Nearest chroma: halving with rounding half up, clamped into the plane.
+                aiChroma[k] = LdcChromaOffset(&stBlock, ((iIx + 1) >> 1) * iStepC, (iIy + 1) >> 1, iPitchC);
                 afDen[k] += fDenStep;
             }
             // Only the sum of the saturated differences is tested, deliberately: four blocks
             // whose offsets merely add up like a contiguous strip are read as one.
             int32_t iDiffSum = 0;
             for (int32_t k = 1; k < 4; k++) {
-                iDiffSum += SaturateS16((int32_t)((uint32_t)aiOff[k] - (uint32_t)aiOff[0]));
+                iDiffSum += SaturateS16(aiOff[k] - aiOff[0]);
             }
             const int32_t bContiguous = (iDiffSum == AFFINE_CONTIGUOUS_SUM);
             const int32_t iX = pstTask->iStartX + AFFINE_GROUP_COLS * g;
             for (int32_t k = 0; k < 4; k++) {
                 const int32_t iOff = bContiguous ? aiOff[0] + 2 * k : aiOff[k];
-                InterpolateLumaBlock(pucDstRow + iX + 2 * k, pucSrcY + iOff, iPitch, aucFx[k], aucFy[k]);
+                InterpolateLumaBlock(pucDstRow + iX + 2 * k, &stBlock, s_pcKernel, iOff, iPitch, aucFx[k], aucFy[k]);
             }
             const ptrdiff_t iDstC = (ptrdiff_t)(iY >> 1) * iPitchC + (bPlanar ? (iX >> 1) : iX);
             for (int32_t k = 0; k < 4; k++) {
-                const int32_t iC = bContiguous ? aiChroma[0] + (bPlanar ? k : 2 * k) : aiChroma[k];
+                const int32_t iC = bContiguous ? LdcMinS32(aiChroma[0] + iStepC * k, stBlock.iChromaLast) : aiChroma[k];
+                LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + iC, iStepC);
                 if (bPlanar) {
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcV + iC, 1);
                     pucDstC[iDstC + k] = pucSrcC[iC];
                     pucDstV[iDstC + k] = pucSrcV[iC];
                 } else {
@@ -178,6 +203,37 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
     }
 }
 
+// Nearest-sample luma of one 2 x 2 block at block offset iOff and the chroma of the block:
+// semi-planar the pair starting at ix as it is (not rounded to a pair boundary like the main
+// pass: an odd ix straddles two pairs, kept so on purpose), planar the samples at half ix and iy
+// rounded down.
+static void CopyNearestBlock(const tagST_AFFINE_TASK *pstTask, const tagST_SRC_BLOCK *pstBlock, int32_t bPlanar,
+                             int32_t iX, int32_t iY, int32_t iIx, int32_t iIy)
+{
+    static const char *const s_pcKernel = "AffineTail";
+    const int32_t iPitch = pstTask->pstSrc->iWidth;
+    const int32_t iPitchC = bPlanar ? (iPitch >> 1) : iPitch;
+    const int32_t iOff = iIx + iIy * iPitch;
+    uint8_t *pucD = pstTask->pstDst->pY + (ptrdiff_t)iY * iPitch + iX;
+    pucD[0] = LdcLumaAt(pstBlock, s_pcKernel, iOff);
+    pucD[1] = LdcLumaAt(pstBlock, s_pcKernel, iOff + 1);
+    pucD[iPitch] = LdcLumaAt(pstBlock, s_pcKernel, iOff + iPitch);
+    pucD[iPitch + 1] = LdcLumaAt(pstBlock, s_pcKernel, iOff + iPitch + 1);
+    const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + (bPlanar ? (iX >> 1) : iX);
+    const int32_t iS = LdcChromaOffset(pstBlock, bPlanar ? (iIx >> 1) : iIx, iIy >> 1, iPitchC);
+    const uint8_t *pucSrcC = pstTask->pstSrc->pU;
+    uint8_t *pucDstC = pstTask->pstDst->pU;
+    LDC_CHECK_READ(pstBlock, s_pcKernel, pucSrcC + iS, bPlanar ? 1 : 2);
+    if (bPlanar) {
+        LDC_CHECK_READ(pstBlock, s_pcKernel, pstTask->pstSrc->pV + iS, 1);
+        pucDstC[iD] = pucSrcC[iS];
+        pstTask->pstDst->pV[iD] = pstTask->pstSrc->pV[iS];
+    } else {
+        pucDstC[iD] = pucSrcC[iS];
+        pucDstC[iD + 1] = pucSrcC[iS + 1];
+    }
+}
+
 static void AffineTail(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd, int32_t bPlanar)
 {
     const int32_t iTailX = pstTask->iStartX + (pstTask->iWidth / AFFINE_GROUP_COLS) * AFFINE_GROUP_COLS;
@@ -186,39 +242,18 @@ static void AffineTail(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int3
         return;
     }
     const float *pfM = pstTask->pfMatrix;
-    const int32_t iPitch = pstTask->pstSrc->iWidth;
-    const int32_t iPitchC = bPlanar ? (iPitch >> 1) : iPitch;
-    const uint8_t *pucSrcY = pstTask->pstSrc->pY;
-    uint8_t *pucDstY = pstTask->pstDst->pY;
-    const uint8_t *pucSrcC = bPlanar ? pstTask->pstSrc->pU : AffineChromaPlane(pstTask->pstSrc);
-    uint8_t *pucDstC = bPlanar ? pstTask->pstDst->pU : AffineChromaPlane(pstTask->pstDst);
+    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(pstTask->pstSrc);
+    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(pstTask->pstSrc, bPlanar);
 
     for (int32_t iY = iRowStart; iY < iRowEnd; iY += 2) {
         const float fY = (float)iY;
         const float fR = 1.0f / AffineDen(pfM, (float)iTailX, fY);
         for (int32_t iX = iTailX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
-            const int32_t iIx = TruncF32ToS32(AffineNumX(pfM, fX, fY) * fR);
-            const int32_t iIy = TruncF32ToS32(AffineNumY(pfM, fX, fY) * fR);
-            const uint8_t *pucS = pucSrcY + (ptrdiff_t)iIy * iPitch + iIx;
-            uint8_t *pucD = pucDstY + (ptrdiff_t)iY * iPitch + iX;
-            pucD[0] = pucS[0];
-            pucD[1] = pucS[1];
-            pucD[iPitch] = pucS[iPitch];
-            pucD[iPitch + 1] = pucS[iPitch + 1];
-            if (bPlanar) {
-                const ptrdiff_t iS = (ptrdiff_t)(iIy >> 1) * iPitchC + (iIx >> 1);
-                const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + (iX >> 1);
-                pucDstC[iD] = pucSrcC[iS];
-                pstTask->pstDst->pV[iD] = pstTask->pstSrc->pV[iS];
-            } else {
-                // The tail takes the pair at ix as it is, not rounded to a pair boundary like the
-                // main pass: an odd ix straddles two pairs. Kept so on purpose.
-                const ptrdiff_t iS = (ptrdiff_t)(iIy >> 1) * iPitchC + iIx;
-                const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + iX;
-                pucDstC[iD] = pucSrcC[iS];
-                pucDstC[iD + 1] = pucSrcC[iS + 1];
-            }
+            // Clamped into the frame like the main pass.
+            const int32_t iIx = TruncF32ToS32(AffineClampPos(AffineNumX(pfM, fX, fY) * fR, stLimits.fLastX, stLimits.fInnerX));
+            const int32_t iIy = TruncF32ToS32(AffineClampPos(AffineNumY(pfM, fX, fY) * fR, stLimits.fLastY, stLimits.fInnerY));
+            CopyNearestBlock(pstTask, &stBlock, bPlanar, iX, iY, iIx, iIy);
         }
     }
 }
@@ -328,16 +363,27 @@ static inline int32_t ClampS32(int32_t iV, int32_t iLo, int32_t iHi)
     return iV < iLo ? iLo : (iV > iHi ? iHi : iV);
 }
 
+// The scalar companions take the frame's size from pstGeometry and its planes from pstSrc.
+static tagST_PIC CompanionSource(const tagST_PIC *pstGeometry, const tagST_PIC *pstSrc)
+{
+    tagST_PIC stSrc = *pstSrc;
+    stSrc.iWidth = pstGeometry->iWidth;
+    stSrc.iHeight = pstGeometry->iHeight;
+    return stSrc;
+}
+
 int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
 {
     (void)pucScratch;
+    static const char *const s_pcKernel = "AffineTransform_NV12";
     const float *pfM = pfMatrix;
     const int32_t iPitch = pstGeometry->iWidth;
     const int32_t iEndX = pstArea->iStartX + pstArea->iWidth;
     const float fDenStep = 8.0f * pfM[6];
-    const uint8_t *pucSrcC = AffineChromaPlane(pstSrc);
-    uint8_t *pucDstC = AffineChromaPlane(pstDst);
+    const tagST_PIC stSrc = CompanionSource(pstGeometry, pstSrc);
+    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(&stSrc);
+    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 0);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
         const float fY = (float)iY;
@@ -351,17 +397,18 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
                 fDen += fDenStep;
             }
             const float fX = (float)iX;
-            const float fSx = AffineNumX(pfM, fX, fY) * fR;
-            const float fSy = AffineNumY(pfM, fX, fY) * fR;
+            // Clamped into the frame like the vector kernels.
+            const float fSx = AffineClampPos(AffineNumX(pfM, fX, fY) * fR, stLimits.fLastX, stLimits.fInnerX);
+            const float fSy = AffineClampPos(AffineNumY(pfM, fX, fY) * fR, stLimits.fLastY, stLimits.fInnerY);
             const int32_t iIx = TruncF32ToS32(fSx);
             const int32_t iIy = TruncF32ToS32(fSy);
-            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX,
-                                 pstSrc->pY + (ptrdiff_t)iIy * iPitch + iIx, iPitch, AbsFractionWeight(fSx, iIx),
-                                 AbsFractionWeight(fSy, iIy));
-            const ptrdiff_t iS = (ptrdiff_t)((iIy + 1) >> 1) * iPitch + 2 * ((iIx + 1) >> 1);
+            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
+                                 iPitch, AbsFractionWeight(fSx, iIx), AbsFractionWeight(fSy, iIy));
+            const int32_t iS = LdcChromaOffset(&stBlock, 2 * ((iIx + 1) >> 1), (iIy + 1) >> 1, iPitch);
             const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitch + iX;
-            pucDstC[iD] = pucSrcC[iS];
-            pucDstC[iD + 1] = pucSrcC[iS + 1];
+            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 2);
+            pstDst->pU[iD] = stSrc.pU[iS];
+            pstDst->pU[iD + 1] = stSrc.pU[iS + 1];
         }
     }
     return 0;
@@ -371,33 +418,39 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
                                tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
 {
     (void)pucScratch;
+    static const char *const s_pcKernel = "AffineTransform_YUV420";
     const float *pfM = pfMatrix;
     const int32_t iPitch = pstGeometry->iWidth;
     const int32_t iPitchC = iPitch >> 1;
     const int32_t iEndX = pstArea->iStartX + pstArea->iWidth;
     const float fDenStep = 2.0f * pfM[6];
+    const tagST_PIC stSrc = CompanionSource(pstGeometry, pstSrc);
+    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(&stSrc);
+    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 1);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
         const float fY = (float)iY;
         float fDen = AffineDen(pfM, (float)pstArea->iStartX, fY);
         for (int32_t iX = pstArea->iStartX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
-            const float fSx = AffineNumX(pfM, fX, fY) / fDen;
-            const float fSy = AffineNumY(pfM, fX, fY) / fDen;
+            // Clamped into the frame like the vector kernels, before this companion's own limits.
+            const float fSx = AffineClampPos(AffineNumX(pfM, fX, fY) / fDen, stLimits.fLastX, stLimits.fInnerX);
+            const float fSy = AffineClampPos(AffineNumY(pfM, fX, fY) / fDen, stLimits.fLastY, stLimits.fInnerY);
             fDen += fDenStep;
             // The limits use the area's width and height as upper bounds, not its far edges;
-            // kept so on purpose. The weights come from the unlimited position.
+            // kept so on purpose. The weights come from the position before these limits.
             const int32_t iRawX = TruncF32ToS32(fSx);
             const int32_t iRawY = TruncF32ToS32(fSy);
             const int32_t iIx = ClampS32(iRawX, pstArea->iStartX, pstArea->iWidth - 1);
             const int32_t iIy = ClampS32(iRawY, pstArea->iStartY, pstArea->iHeight - 1);
-            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX,
-                                 pstSrc->pY + (ptrdiff_t)iIy * iPitch + iIx, iPitch,
-                                 AbsFractionWeight(fSx, iRawX), AbsFractionWeight(fSy, iRawY));
-            const ptrdiff_t iS = (ptrdiff_t)((iIy + 1) >> 1) * iPitchC + ((iIx + 1) >> 1);
+            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
+                                 iPitch, AbsFractionWeight(fSx, iRawX), AbsFractionWeight(fSy, iRawY));
+            const int32_t iS = LdcChromaOffset(&stBlock, (iIx + 1) >> 1, (iIy + 1) >> 1, iPitchC);
             const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + (iX >> 1);
-            pstDst->pU[iD] = pstSrc->pU[iS];
-            pstDst->pV[iD] = pstSrc->pV[iS];
+            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 1);
+            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pV + iS, 1);
+            pstDst->pU[iD] = stSrc.pU[iS];
+            pstDst->pV[iD] = stSrc.pV[iS];
         }
     }
     return 0;

@@ -3,8 +3,18 @@
 // The matrix maps an output pixel (x, y) to the source position
 //   sx = (m0 x + m1 y + m2) / den,  sy = (m3 x + m4 y + m5) / den,  den = m6 x + m7 y + m8,
 // evaluated once per 2 x 2 output block. Luma is bilinear with 7-bit weights, chroma the nearest
-// sample. Nothing is clamped or validated: the caller guarantees an even rectangle and source
-// positions whose right and lower neighbours lie inside the source frame.
+// sample. The caller guarantees an even rectangle; nothing is validated.
+//
+// Source positions are clamped into the source frame, per block and per axis, before their
+// integer part and fraction are taken (AffineClampPos): a homography fitted to one face's corners
+// is exact near the face but sends far output corners hundreds of pixels outside the source.
+// Below 0 (and NaN) gives 0; at or past the last column W - 1 gives W - 2, so that the block's
+// second column and its right neighbours still lie in the frame and out-of-frame output repeats
+// the last two columns (rows likewise). Positions in [0, W - 1) x [0, H - 1), which include
+// every position whose neighbours the block reads inside the frame, keep their exact bytes; a
+// position in (-1, 0) had weight 0 on its outside sample anyway and keeps them too. Chroma and
+// the remaining reads follow the block rules of geometry/distortion_correct_reads.h, so that no
+// read leaves the source frame (W, H >= 2).
 //
 // Layout of the family:
 //   AffineTransform_neon*            four pinned workers over row bands (frame driver's entry)
@@ -17,6 +27,7 @@
 
 #include <stdint.h>
 
+#include "geometry/distortion_correct_reads.h"
 #include "interface/ldc_para.h"
 
 // Output rectangle; all four values must be even.
@@ -98,9 +109,31 @@ void AffineClaimCore(tagST_LDC_PARA *pstPara, int32_t iCount);
 // Rows [*piRowStart, *piRowEnd) of band iIndex: even shares, the last band takes the rest.
 void AffineBandRows(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount, int32_t *piRowStart,
                     int32_t *piRowEnd);
-// Start of the interleaved chroma plane: the lower of pU and pV (NV21 stores V first), so that
-// the kernels always address whole pairs.
+// Start of the interleaved chroma plane: the lower of pU and pV (NV21 stores V first). Used by the
+// border fill; the warp kernels take pU as that start for both semi-planar types, as the frame
+// driver passes it.
 uint8_t *AffineChromaPlane(const tagST_PIC *pstPic);
+
+// Clamp limits of the source positions: last index and the one before it, per axis.
+typedef struct tagST_AFFINE_LIMITS {
+    float fLastX;    // W - 1
+    float fInnerX;   // W - 2 (0 for W < 3)
+    float fLastY;
+    float fInnerY;
+} tagST_AFFINE_LIMITS;
+
+tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc);
+// The source frame block of pstSrc (size and planes as the kernels address them).
+tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar);
+
+// One axis of a source position clamped into the frame. Written as compares that fail for NaN so
+// that NaN gives 0 here and in the vector twin (AffineClampPos_neon) alike; a position inside
+// [0, fLast) is returned unchanged, bit for bit.
+static inline float AffineClampPos(float fV, float fLast, float fInner)
+{
+    fV = (fV >= 0.0f) ? fV : 0.0f;
+    return (fV < fLast) ? fV : fInner;
+}
 // Nearest-sample pass over the columns right of the last whole group, one exact reciprocal per
 // row pair (the tail is treated as affine within a row).
 void AffineTail_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);

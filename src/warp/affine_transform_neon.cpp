@@ -21,6 +21,28 @@ static inline uint8x8_t GatherPairs(const uint8_t *p, const int32_t *aiOff)
     return vreinterpret_u8_u16(v);
 }
 
+// GatherPairs with every read clamped into the source block: frames of fewer than six rows, and
+// contiguous groups whose wide loads would pass the block's end.
+static inline uint8x8_t GatherPairsClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iRow, const int32_t *aiOff)
+{
+    static const char *const s_pcKernel = "AffineTransformBand_neon (clamped gather)";
+    uint8_t aucPairs[8];
+    for (int32_t k = 0; k < 4; k++) {
+        aucPairs[2 * k] = LdcLumaAt(pstBlock, s_pcKernel, aiOff[k] + iRow);
+        aucPairs[2 * k + 1] = LdcLumaAt(pstBlock, s_pcKernel, aiOff[k] + iRow + 1);
+    }
+    return vld1_u8(aucPairs);
+}
+
+// AffineClampPos on four lanes: compares that fail for NaN, so NaN lanes become 0 as in the
+// plain twin (vmaxq/vminq would keep or drop NaN depending on the target).
+static inline float32x4_t AffineClampPos_neon(float32x4_t v, float32x4_t vLast, float32x4_t vInner)
+{
+    const float32x4_t vZero = vdupq_n_f32(0.0f);
+    v = vbslq_f32(vcgeq_f32(v, vZero), v, vZero);
+    return vbslq_f32(vcltq_f32(v, vLast), v, vInner);
+}
+
 // Horizontal pass of one source row: (a (128 - fx) + b fx + 32) >> 6, one extra bit kept.
 static inline uint16x8_t LerpRow(uint8x8_t vA, uint8x8_t vB, uint8x8_t vGx, uint8x8_t vFx)
 {
@@ -37,21 +59,30 @@ static inline uint8x8_t LerpColumn(uint16x8_t vTop, uint16x8_t vBottom, uint16x8
 static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd,
                                 int32_t bPlanar)
 {
+    static const char *const s_pcKernel = "AffineTransformBand_neon";
     const float *pfM = pstTask->pfMatrix;
     const int32_t iPitch = pstTask->pstSrc->iWidth;
     const int32_t iPitchC = bPlanar ? (iPitch >> 1) : iPitch;
     const int32_t iGroups = pstTask->iWidth / AFFINE_GROUP_COLS;
     const uint8_t *pucTable = pstTask->pucScratch;
     const uint8_t *pucSrcY = pstTask->pstSrc->pY;
-    const uint8_t *pucSrcC = bPlanar ? pstTask->pstSrc->pU : AffineChromaPlane(pstTask->pstSrc);
+    const uint8_t *pucSrcC = pstTask->pstSrc->pU;
     const uint8_t *pucSrcV = pstTask->pstSrc->pV;
-    uint8_t *pucDstC = bPlanar ? pstTask->pstDst->pU : AffineChromaPlane(pstTask->pstDst);
+    uint8_t *pucDstC = pstTask->pstDst->pU;
     uint8_t *pucDstV = pstTask->pstDst->pV;
+    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(pstTask->pstSrc, bPlanar);
+    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(pstTask->pstSrc);
 
     const float32x4_t vDenStep = vdupq_n_f32(8.0f * pfM[6]);
+    const float32x4_t vLastX = vdupq_n_f32(stLimits.fLastX);
+    const float32x4_t vInnerX = vdupq_n_f32(stLimits.fInnerX);
+    const float32x4_t vLastY = vdupq_n_f32(stLimits.fLastY);
+    const float32x4_t vInnerY = vdupq_n_f32(stLimits.fInnerY);
     const int32x4_t vPitch = vdupq_n_s32(iPitch);
     const int32x4_t vPitchC = vdupq_n_s32(iPitchC);
     const int32x4_t vOne = vdupq_n_s32(1);
+    const int32x4_t vChromaRowLast = vdupq_n_s32(stBlock.iChromaRowLast);
+    const int32x4_t vChromaLast = vdupq_n_s32(stBlock.iChromaLast);
     const uint8x8_t v128 = vdup_n_u8(128);
 
     for (int32_t iY = iRowStart; iY < iRowEnd; iY += 2) {
@@ -76,8 +107,12 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             float32x4_t vR = VrecpeqF32(vDen);
             vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
             vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
-            const float32x4_t vSx = vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR);
-            const float32x4_t vSy = vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR);
+            // Clamped into the frame (see AffineClampPos): far output corners of a face
+            // homography map well outside the source.
+            const float32x4_t vSx =
+                AffineClampPos_neon(vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR), vLastX, vInnerX);
+            const float32x4_t vSy =
+                AffineClampPos_neon(vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR), vLastY, vInnerY);
             vDen = vaddq_f32(vDen, vDenStep);
 
             const int32x4_t vIx = VcvtqS32F32(vSx);
@@ -94,9 +129,10 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             const uint16x8_t vGy = vmovl_u8(vsub_u8(v128, vW.val[1]));
 
             const int32x4_t vOff = vmlaq_s32(vIx, vIy, vPitch);
+            // Nearest chroma, row and start clamped into the plane (LdcChromaOffset).
             const int32x4_t vCx = vshrq_n_s32(vaddq_s32(vIx, vOne), 1);
-            const int32x4_t vCy = vshrq_n_s32(vaddq_s32(vIy, vOne), 1);
-            const int32x4_t vChroma = vmlaq_s32(bPlanar ? vCx : vshlq_n_s32(vCx, 1), vCy, vPitchC);
+            const int32x4_t vCy = vminq_s32(vshrq_n_s32(vaddq_s32(vIy, vOne), 1), vChromaRowLast);
+            const int32x4_t vChroma = vminq_s32(vmlaq_s32(bPlanar ? vCx : vshlq_n_s32(vCx, 1), vCy, vPitchC), vChromaLast);
             int32_t aiOff[4];
             int32_t aiChroma[4];
             vst1q_s32(aiOff, vOff);
@@ -111,20 +147,37 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             uint16x8_t vH0;
             uint16x8_t vH1;
             uint16x8_t vH2;
-            if (bContiguous) {
+            if (bContiguous && aiOff[0] <= stBlock.iWideLast) {
                 const uint8_t *pucS0 = pucSrcY + aiOff[0];
                 const uint8_t *pucS1 = pucS0 + iPitch;
                 const uint8_t *pucS2 = pucS1 + iPitch;
+                LDC_CHECK_READ(&stBlock, s_pcKernel, pucS0, 9);
+                LDC_CHECK_READ(&stBlock, s_pcKernel, pucS2, 9);
                 __builtin_prefetch(pucS0 + AFFINE_PREFETCH_SRC);
                 __builtin_prefetch(pucS1 + AFFINE_PREFETCH_SRC);
                 __builtin_prefetch(pucS2 + AFFINE_PREFETCH_SRC);
                 vH0 = LerpRow(vld1_u8(pucS0), vld1_u8(pucS0 + 1), vGx, vFx);
                 vH1 = LerpRow(vld1_u8(pucS1), vld1_u8(pucS1 + 1), vGx, vFx);
                 vH2 = LerpRow(vld1_u8(pucS2), vld1_u8(pucS2 + 1), vGx, vFx);
+            } else if (bContiguous || stBlock.bShortFrame) {
+                // Near the block's end, or on a frame too short for the neighbour rows: the
+                // same samples (o0 + 2k for a contiguous group) gathered with clamped reads.
+                int32_t aiBase[4];
+                for (int32_t k = 0; k < 4; k++) {
+                    aiBase[k] = bContiguous ? aiOff[0] + 2 * k : aiOff[k];
+                }
+                vH0 = LerpRow(GatherPairsClamped(&stBlock, 0, aiBase), GatherPairsClamped(&stBlock, 1, aiBase), vGx, vFx);
+                vH1 = LerpRow(GatherPairsClamped(&stBlock, iPitch, aiBase),
+                              GatherPairsClamped(&stBlock, iPitch + 1, aiBase), vGx, vFx);
+                vH2 = LerpRow(GatherPairsClamped(&stBlock, 2 * iPitch, aiBase),
+                              GatherPairsClamped(&stBlock, 2 * iPitch + 1, aiBase), vGx, vFx);
             } else {
                 // Row r of every block: pairs at o_k + rW (left samples) and o_k + rW + 1 (right).
                 const uint8_t *pucS1 = pucSrcY + iPitch;
                 const uint8_t *pucS2 = pucS1 + iPitch;
+                for (int32_t k = 0; k < 4; k++) {
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcY + aiOff[k], 2 * iPitch + 3);
+                }
                 __builtin_prefetch(pucSrcY + aiOff[0] + AFFINE_PREFETCH_SRC);
                 vH0 = LerpRow(GatherPairs(pucSrcY, aiOff), GatherPairs(pucSrcY + 1, aiOff), vGx, vFx);
                 vH1 = LerpRow(GatherPairs(pucS1, aiOff), GatherPairs(pucS1 + 1, aiOff), vGx, vFx);
@@ -140,14 +193,24 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
                 uint8_t *pucU = pucDstRowC + (iX >> 1);
                 uint8_t *pucV = pucDstRowV + (iX >> 1);
                 for (int32_t k = 0; k < 4; k++) {
-                    const int32_t iC = bContiguous ? aiChroma[0] + k : aiChroma[k];
+                    const int32_t iC = bContiguous ? LdcMinS32(aiChroma[0] + k, stBlock.iChromaLast) : aiChroma[k];
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + iC, 1);
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcV + iC, 1);
                     pucU[k] = pucSrcC[iC];
                     pucV[k] = pucSrcV[iC];
                 }
-            } else if (bContiguous) {
+            } else if (bContiguous && aiChroma[0] + 6 <= stBlock.iChromaLast) {
+                LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + aiChroma[0], 8);
                 vst1_u8(pucDstRowC + iX, vld1_u8(pucSrcC + aiChroma[0]));
             } else {
-                vst1_u8(pucDstRowC + iX, GatherPairs(pucSrcC, aiChroma));
+                // Separate pairs; a contiguous run that would pass the plane's end takes its
+                // pairs one by one, each clamped to the last pair.
+                int32_t aiPair[4];
+                for (int32_t k = 0; k < 4; k++) {
+                    aiPair[k] = bContiguous ? LdcMinS32(aiChroma[0] + 2 * k, stBlock.iChromaLast) : aiChroma[k];
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + aiPair[k], 2);
+                }
+                vst1_u8(pucDstRowC + iX, GatherPairs(pucSrcC, aiPair));
             }
         }
     }

@@ -197,12 +197,8 @@ static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LD
 }
 
 // Frames of one case. Each frame is one block, luma then chroma, as the library's callers hold
-// them (luma reads two rows below a position land in the chroma), plus a slack row: a block
-// mapped onto the bottom luma row, or onto the last column, rounds its chroma position up to the
-// row just past the last, and the 8-byte chroma load of a contiguous group reads 7 bytes
-// further. The sweep's rectangles stop short of that (with no slack AddressSanitizer stays
-// quiet), but the kernels' contract allows it. The slack is random in the source and patterned
-// in the destinations, where it must stay untouched.
+// them (luma reads two rows below a position land in the chroma), allocated to its exact size:
+// the kernels clamp every read into the block, and AddressSanitizer sees any that they miss.
 struct tagST_DC_FRAMES {
     tagST_DC_CASE stCase;
     std::unique_ptr<tagST_LDC_PARA> pstPara{new tagST_LDC_PARA()};
@@ -225,7 +221,7 @@ struct tagST_DC_FRAMES {
         }
         const size_t uLuma = (size_t)stCase.iWidth * (size_t)stCase.iHeight;
         uFrameBytes = uLuma * 3 / 2;
-        uBlockBytes = uFrameBytes + (size_t)stCase.iWidth + 64;
+        uBlockBytes = uFrameBytes;
         vucSrc = std::vector<uint8_t>(uBlockBytes);   // exact capacity: AddressSanitizer sees overreads
         std::mt19937 rng(stCase.uSeed * 2654435761u);
         for (uint8_t &uc : vucSrc) {
@@ -280,7 +276,7 @@ struct tagST_DC_FRAMES {
         }
     }
 
-    // Plane and coordinates of a byte of a frame block ("slack" past the frame).
+    // Plane and coordinates of a byte of a frame block.
     std::string Where(size_t uIndex) const
     {
         const size_t uW = (size_t)stCase.iWidth;
@@ -288,8 +284,6 @@ struct tagST_DC_FRAMES {
         char acText[96];
         if (uIndex < uLuma) {
             snprintf(acText, sizeof(acText), "Y (%zu, %zu)", uIndex % uW, uIndex / uW);
-        } else if (uIndex >= uFrameBytes) {
-            snprintf(acText, sizeof(acText), "slack byte %zu", uIndex - uFrameBytes);
         } else if (stCase.ePicType != 2) {
             const size_t u = uIndex - uLuma;
             snprintf(acText, sizeof(acText), "UV byte (%zu, %zu)", u % uW, u / uW);

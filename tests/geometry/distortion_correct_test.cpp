@@ -90,7 +90,9 @@ TEST(DistortionCorrect, InterpolatorArithmetic)
     const uint16_t auFx[4] = {0, 64, 127, 0};
     const uint16_t auFy[4] = {0, 0, 0, 64};
     uint8_t aucDst[2 * 16] = {};
-    ASSERT_EQ(InterpolateLumaBlock(aucDst, aucSrc, iPitch, aiOffset, auFx, auFy), 1);
+    // The 64 bytes as the block of a 16 x 4 frame whose chroma starts at row 2: no read is clamped.
+    const tagST_SRC_BLOCK stBlock = LdcSourceBlock(aucSrc, aucSrc + 32, aucSrc + 32, iPitch, 4, 0);
+    ASSERT_EQ(InterpolateLumaBlock(aucDst, &stBlock, iPitch, aiOffset, auFx, auFy), 1);
     EXPECT_EQ(aucDst[0], 0);     // zero fractions return the sample itself
     EXPECT_EQ(aucDst[1], 255);
     // (0 * 64 + 255 * 64 + 32) >> 6 = 255, then (255 * 128 + 128) >> 8 = 128

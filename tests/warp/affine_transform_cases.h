@@ -12,22 +12,22 @@
 
 #include "warp/affine_transform.h"
 
-// A YUV 4:2:0 frame of one picture type with its descriptor; a little slack behind the frame
-// absorbs the reads that the contiguous fast path makes past a row's last block.
+// A YUV 4:2:0 frame of one picture type with its descriptor, allocated to its exact size so that
+// AddressSanitizer sees any read past its end. Both semi-planar types hand the kernels the start
+// of the interleaved plane in pU, as the frame driver does.
 struct AffineFrame {
-    static constexpr size_t kSlack = 64;
     std::vector<uint8_t> bytes;
     tagST_PIC pic{};
 
     AffineFrame(int32_t iWidth, int32_t iHeight, int32_t iPicType)
-        : bytes((size_t)iWidth * iHeight * 3 / 2 + kSlack, 0)
+        : bytes((size_t)iWidth * iHeight * 3 / 2, 0)
     {
         const size_t uLuma = (size_t)iWidth * iHeight;
         uint8_t *pucBase = bytes.data();
         pic.iWidth = iWidth;
         pic.iHeight = iHeight;
         pic.pY = pucBase;
-        pic.pU = pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 1 : 0);
+        pic.pU = pucBase + uLuma;
         pic.pV = (iPicType == LDC_PIC_YUV420) ? pucBase + uLuma + uLuma / 4
                                               : pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 0 : 1);
     }
@@ -39,7 +39,7 @@ struct AffineFrame {
         pic.pV = bytes.data() + (o.pic.pV - o.bytes.data());
     }
     AffineFrame &operator=(const AffineFrame &) = delete;
-    size_t FrameBytes() const { return bytes.size() - kSlack; }
+    size_t FrameBytes() const { return bytes.size(); }
     void Fill(uint32_t uSeed)
     {
         uint32_t u = uSeed;

@@ -1,12 +1,15 @@
 // Frames, matrices and the parameter sweep of the affine warp, shared by the equivalence tests and
-// the benchmark. Every matrix keeps the source positions of its area (and the two columns and rows
-// right of and below them that the interpolation reads) inside the source frame.
+// the benchmark. The random matrices keep the source positions of their area (and the two columns
+// and rows right of and below them that the interpolation reads) inside the source frame, where
+// the bytes must be exactly the unclamped ones; the out-of-frame cases send positions far
+// outside, as a face homography does, and NaN and infinity through the clamps.
 #ifndef LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
 #define LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
 
 #include <stdint.h>
 #include <string.h>
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -126,6 +129,39 @@ inline std::string AffineDescribe(const AffineCase &c)
     return ac;
 }
 
+// Matrices whose source positions leave the 80 x 60 frame, over the whole frame (no tail) and an
+// inner area with a 6-column tail. "face-homography" is the fit to one face (3000, 900, 3479,
+// 1379) of a 4000 x 3000 frame at correction degree 0.3 (fx 3349.47), scaled to this frame: it
+// sends the left corners about 7 and 13 pixels outside, the bottom-left one 8 rows below.
+inline std::vector<AffineCase> AffineOutOfFrameCases(int32_t iType)
+{
+    const float fNan = std::numeric_limits<float>::quiet_NaN();
+    const float fInf = std::numeric_limits<float>::infinity();
+    const struct {
+        const char *name;
+        float m[9];
+    } matrices[] = {
+        {"far-right", {1, 0, 240, 0, 1, 0, 0, 0, 1}},
+        {"far-left-up", {1, 0, -200, 0, 1, -150, 0, 0, 1}},
+        {"far-down", {1, 0, 0, 0, 1, 500, 0, 0, 1}},
+        {"den-crosses-zero", {1, 0, 0, 0.3f, 1, 0, -0.02f, 0, 1}},   // den 0 at x = 50
+        {"face-homography", {1.35701869f, -0.0766474608f, -7.09902326f, 0.130572965f, 1.13528845f, -5.57964642f,
+                             0.00434458321f, -0.00167788424f, 1}},
+        {"huge", {1e30f, 0, 0, 0, -1e30f, 0, 0, 0, 1}},
+        {"nan", {fNan, fNan, fNan, fNan, fNan, fNan, fNan, fNan, fNan}},
+        {"inf", {1, 0, fInf, 0, 1, -fInf, 0, 0, 1}},
+    };
+    std::vector<AffineCase> cases;
+    for (const auto &m : matrices) {
+        for (const tagST_REGISTRATION_AREA &a : {tagST_REGISTRATION_AREA{0, 0, 80, 60}, tagST_REGISTRATION_AREA{2, 4, 70, 50}}) {
+            AffineCase c{std::string("out-of-frame/") + m.name + (a.iWidth == 80 ? "" : "/tail"), 80, 60, iType, a, {}};
+            memcpy(c.afMatrix, m.m, sizeof(c.afMatrix));
+            cases.push_back(c);
+        }
+    }
+    return cases;
+}
+
 // The sweep: random areas (with and without a tail, a tail-only width of 6, a height of 2 that
 // leaves three of four workers without rows) and random projective matrices, for every picture
 // type, plus an identity and a half-pixel translation.
@@ -165,6 +201,9 @@ inline std::vector<AffineCase> AffineCaseList()
         memcpy(half.afMatrix, afIdentity, sizeof(afIdentity));
         half.afMatrix[2] = 0.5f;
         cases.push_back(half);
+        for (const AffineCase &c : AffineOutOfFrameCases(iType)) {
+            cases.push_back(c);
+        }
     }
     return cases;
 }

@@ -168,6 +168,54 @@ TEST(AffineTransform, IdentityAndHalfPixelTranslation)
     }
 }
 
+// Source positions are clamped per block and axis: below 0 (and NaN) to 0, at or past the last
+// column (row) to the one before it. Far outside the frame every 2 x 2 block therefore repeats
+// the first or last two columns (rows) of the source, and its chroma the nearest edge sample, in
+// the vector groups and the tail alike.
+TEST(AffineTransform, OutOfFramePositionsRepeatTheEdgeSamples)
+{
+    struct Expect {
+        const char *name;
+        int (*sx)(int x, int w);   // source column of the block at output column x (even)
+        int (*sy)(int y, int h);
+    };
+    const Expect expects[] = {
+        {"far-right", [](int, int w) { return w - 2; }, [](int y, int) { return y; }},
+        {"far-left-up", [](int, int) { return 0; }, [](int, int) { return 0; }},
+        {"far-down", [](int x, int) { return x; }, [](int, int h) { return h - 2; }},
+        {"nan", [](int, int) { return 0; }, [](int, int) { return 0; }},
+    };
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        for (const Expect &e : expects) {
+            for (const char *pcArea : {"", "/tail"}) {
+                AffineRun r(FindCase((std::string("out-of-frame/") + e.name + pcArea).c_str(), iType));
+                r.Driver();
+                const int32_t w = r.c.iWidth, h = r.c.iHeight;
+                const tagST_REGISTRATION_AREA &a = r.c.stArea;
+                for (int32_t y = a.iStartY; y < a.iStartY + a.iHeight; y += 2) {
+                    for (int32_t x = a.iStartX; x < a.iStartX + a.iWidth; x += 2) {
+                        const int32_t sx = e.sx(x, w), sy = e.sy(y, h);
+                        for (int32_t i = 0; i < 4; i++) {
+                            ASSERT_EQ(SrcLuma(r, sx + i % 2, sy + i / 2), r.dst.pic.pY[(y + i / 2) * w + x + i % 2])
+                                << "luma (" << x + i % 2 << ", " << y + i / 2 << ") " << AffineDescribe(r.c);
+                        }
+                        if (r.Planar()) {
+                            const int32_t d = (y / 2) * (w / 2) + x / 2, s = (sy / 2) * (w / 2) + sx / 2;
+                            ASSERT_EQ(r.src.pic.pU[s], r.dst.pic.pU[d]) << "U (" << x << ", " << y << ") " << AffineDescribe(r.c);
+                            ASSERT_EQ(r.src.pic.pV[s], r.dst.pic.pV[d]) << "V (" << x << ", " << y << ") " << AffineDescribe(r.c);
+                        } else {
+                            for (int32_t i = 0; i < 2; i++) {
+                                ASSERT_EQ(r.src.pic.pU[(sy / 2) * w + sx + i], r.dst.pic.pU[(y / 2) * w + x + i])
+                                    << "chroma byte (" << x + i << ", " << y / 2 << ") " << AffineDescribe(r.c);
+                            }
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
 // Restores the test thread's processors after the fallback has pinned it to core 0.
 struct ScopedAffinity {
     cpu_set_t stSaved;
@@ -268,6 +316,30 @@ TEST(AffineTransformScalar, PlanarLimitsUseTheAreaSize)
     for (int32_t x = 0; x < 32; x += 2) {
         ASSERT_EQ(2 * 31, r.Out(x, 0)) << x;
         ASSERT_EQ(2 * 32, r.Out(x + 1, 0)) << x;
+    }
+}
+
+// The scalar companions clamp like the vector kernels: no read leaves the exact-size frames on
+// any out-of-frame matrix, and far right of the frame the semi-planar companion repeats the last
+// two columns.
+TEST(AffineTransformScalar, OutOfFramePositionsStayInTheFrame)
+{
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        for (const AffineCase &c : AffineOutOfFrameCases(iType)) {
+            AffineFrame src(c.iWidth, c.iHeight, iType), dst(c.iWidth, c.iHeight, iType);
+            src.Fill(17);
+            tagST_REGISTRATION_AREA stArea = c.stArea;
+            AffineTransform(&src.pic, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea, NULL, iType);
+            if (c.name != "out-of-frame/far-right" || iType == LDC_PIC_YUV420) {
+                continue;
+            }
+            for (int32_t y = 0; y < c.iHeight; y++) {
+                for (int32_t x = 0; x < c.iWidth; x++) {
+                    ASSERT_EQ(src.pic.pY[y * c.iWidth + c.iWidth - 2 + x % 2], dst.pic.pY[y * c.iWidth + x])
+                        << "x " << x << " y " << y << " type " << iType;
+                }
+            }
+        }
     }
 }
 

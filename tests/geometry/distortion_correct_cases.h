@@ -20,7 +20,11 @@
 // DC_FOLDED_FACE has random face coefficients strong enough to fold the mapping: some groups then
 // have block offsets that only sum as if contiguous, which exercises the interpolator's shortcut
 // and the chroma bytes that follow its verdict.
-enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_PHONE_LENS, DC_FACE, DC_FOLDED_FACE };
+// DC_EDGE is a face model on a square frame with a hand-set rectangle of one row pair at the
+// bottom right (a group and a tail block): its last block maps to (W - 0.5, H - 0.5), the bottom
+// row and the last column, where the chroma row rounds up past the plane and the tail's pair
+// and the neighbours reach the frame's end.
+enum eDcModel { DC_IDENTITY, DC_BARREL, DC_PINCUSHION, DC_PHONE_LENS, DC_FACE, DC_FOLDED_FACE, DC_EDGE };
 
 struct tagST_DC_CASE {
     int32_t iWidth;
@@ -110,6 +114,16 @@ static inline bool DcSetModel(const tagST_DC_CASE &stCase, tagST_LDC_PARA *pstPa
                   -0.26637261f, -0.038588899f, 0.23839153f);
         break;
     }
+    case DC_EDGE: {
+        // f = 1 + c1 r2 reaches (d + 1.5) / d at the last block, d = W / 2 - 2 on both axes.
+        const float fD = (float)(stCase.iWidth / 2 - 2);
+        pstPara->afGlobalFDCCoefficients[0] = ((fD + 1.5f) / fD - 1.0f) / (2.0f * fD * fD);
+        pstPara->iGolbalFDCFlag = 1;
+        pstPara->iLDCEnable = 0;
+        const int32_t aiArea[4] = {stCase.iWidth - 10, stCase.iHeight - 2, stCase.iWidth - 1, stCase.iHeight - 1};
+        memcpy(pstPara->aiGlobalFDCArea, aiArea, sizeof(aiArea));
+        break;
+    }
     default: {
         // Coefficients scaled to the frame's corner radius; the mild ranges keep the mapping
         // monotone.
@@ -145,7 +159,8 @@ static inline std::vector<tagST_DC_CASE> DcSweepCases()
 {
     struct {
         int32_t iW, iH;
-    } const astSizes[] = {{64, 48}, {50, 30}, {37, 23}, {96, 34}, {8, 6}, {6, 10}, {22, 6}, {41, 64}};
+    } const astSizes[] = {{64, 48}, {50, 30}, {37, 23}, {96, 34}, {8, 6},  {6, 10}, {22, 6},
+                          {41, 64}, {2, 2},   {4, 2},   {6, 6},   {8, 2},  {16, 4}, {7, 5}, {9, 3}};
     const int32_t aaiInsets[][4] = {{0, 0, 0, 0}, {2, 4, 0, 2}, {6, 2, 8, 0}};
     std::vector<tagST_DC_CASE> vstCases;
     uint32_t uSeed = 1;
@@ -178,12 +193,17 @@ static inline std::vector<tagST_DC_CASE> DcSweepCases()
             vstCases.push_back(stCase);
         }
     }
+    for (int32_t iSide : {16, 24}) {
+        for (int32_t ePicType = 0; ePicType < 3; ePicType++) {
+            vstCases.push_back({iSide, iSide, ePicType, DC_EDGE, {0, 0, 0, 0}, 7});
+        }
+    }
     return vstCases;
 }
 
 static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LDC_PARA &stPara)
 {
-    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face", "folded face"};
+    static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face", "folded face", "edge"};
     const int32_t bLens = (stPara.iLDCEnable == 1);
     const int32_t *piArea = bLens ? stPara.aiLDCArea : stPara.aiGlobalFDCArea;
     tagST_RADIAL_MODEL stM;

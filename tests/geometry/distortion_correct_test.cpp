@@ -37,6 +37,28 @@ bool PrepareCase(tagST_DC_FRAMES *pstFrames, tagST_DC_CASE stCase)
     return false;
 }
 
+// Whether some block origin of the rectangle maps onto the bottom row (bit 0) or the last column
+// (bit 1): there the chroma row rounds up past the plane and the pair (or the neighbours) reach
+// past the frame's end, which the exact-size frames make visible.
+int32_t EdgeHits(const tagST_DC_FRAMES &stFrames)
+{
+    const tagST_LDC_PARA &stPara = *stFrames.pstPara;
+    const int32_t *piArea = stFrames.Area();
+    tagST_RADIAL_MODEL stM;
+    GetRadialModel(&stPara, stPara.iLDCEnable == 1, &stM);
+    int32_t iHits = 0;
+    for (int32_t y = piArea[1]; y <= piArea[3]; y += 2) {
+        for (int32_t x = piArea[0]; x <= piArea[2]; x += 2) {
+            const float fDx = (float)x - stM.fCx;
+            const float fDy = (float)y - stM.fCy;
+            const float fF = RadialFactorGrouped(&stM, fDx * fDx + fDy * fDy);
+            iHits |= (TruncF32ToS32(fF * fDy + stM.fCy) == stPara.iImgHeight - 1) ? 1 : 0;
+            iHits |= (TruncF32ToS32(fF * fDx + stM.fCx) == stPara.iImgWidth - 1) ? 2 : 0;
+        }
+    }
+    return iHits;
+}
+
 TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
 {
     const std::vector<tagST_DC_CASE> vstCases = DcSweepCases();
@@ -45,6 +67,8 @@ TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
     std::vector<uint8_t> vucNeon;
     int32_t iTails = 0;
     int32_t iGroupless = 0;
+    int32_t iBottomRow = 0;
+    int32_t iLastColumn = 0;
     for (const tagST_DC_CASE &stCase : vstCases) {
         ASSERT_TRUE(PrepareCase(&stFrames, stCase))
             << "no usable rectangle: " << DcDescribe(stCase, *stFrames.pstPara);
@@ -70,8 +94,13 @@ TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
         const int32_t *piArea = stFrames.Area();
         iTails += ((piArea[2] + 1 - piArea[0]) % 8) != 0;
         iGroupless += (piArea[2] + 1 - piArea[0]) < 8;
+        iBottomRow += EdgeHits(stFrames) & 1;
+        iLastColumn += EdgeHits(stFrames) >> 1;
     }
-    // The sweep must reach the tail columns and rectangles with no whole group at all.
+    // ... and the bottom row and the last column of the frame.
+    EXPECT_GE(iBottomRow, 6);
+    EXPECT_GE(iLastColumn, 6);
+    // The sweep must reach the tail columns and rectangles with no whole group at all...
     EXPECT_GT(iTails, 20);
     EXPECT_GT(iGroupless, 5);
 }
@@ -249,5 +278,23 @@ TEST(DistortionCorrect, WorkerStartFailureFallsBackToTheCallingThread)
         ASSERT_EQ(sched_setaffinity(0, sizeof(stSaved), &stSaved), 0);
     }
 }
+
+#if defined(LDC_CHECK_READS)
+// The checking build verifies every source offset: a rectangle wider than the model's valid area
+// (a pincushion lens over the whole frame maps the corners outside it) aborts with the kernel,
+// the offset and the size of the source frame, before the read is made.
+TEST(DistortionCorrectDeathTest, CheckingBuildAbortsOnAReadOutsideTheFrame)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (bool bNeon : {false, true}) {
+        tagST_DC_FRAMES stFrames;
+        ASSERT_TRUE(stFrames.Prepare({64, 48, 1, DC_PINCUSHION, {0, 0, 0, 0}, 3}));
+        const int32_t aiWhole[4] = {0, 0, 63, 47};
+        memcpy(stFrames.pstPara->aiLDCArea, aiWhole, sizeof(aiWhole));
+        std::vector<uint8_t> vucDst;
+        EXPECT_DEATH(stFrames.Run(bNeon, &vucDst), "reads [0-9]+ bytes at offset -?[0-9]+ of a 4608-byte source frame");
+    }
+}
+#endif
 
 }  // namespace

@@ -71,7 +71,17 @@ extern "C" {
 /* Creates an instance; on LDC_OK *pHandle holds it, on failure *pHandle is left untouched. */
 LDC_EXPORT int32_t IQV_LDC_Create(void **pHandle, ST_LDC_INPUT_PARA *pstInputPara);
 
-/* Corrects one frame from pucIn into pucOut (each width x height x 3 / 2 bytes). */
+/*
+ * Corrects one frame from pucIn into pucOut (each width x height x 3 / 2 bytes).
+ *
+ * Reads stay inside the frames: no stage reads before pucIn or past its last byte, and every
+ * output byte derives from the current input frame. A face correction's homography is exact
+ * near the faces but can map far parts of the output outside the frame; such source positions
+ * are clamped per 2 x 2 block and axis: below 0 to 0, at or past the last column (row) to the
+ * column (row) before it. Out-of-frame output therefore repeats the frame's first or last two
+ * columns (rows), and its chroma the nearest edge sample. Source positions inside the frame give
+ * exactly the bytes of the unclamped resampling.
+ */
 LDC_EXPORT int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo,
                                    uint8_t *pucIn, uint8_t *pucOut);
 

@@ -110,10 +110,8 @@ static inline int32_t SaturateS16(int32_t iV)
 tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc)
 {
     tagST_AFFINE_LIMITS stLimits;
-    stLimits.fLastX = (float)(pstSrc->iWidth - 1);
-    stLimits.fInnerX = (float)(pstSrc->iWidth > 2 ? pstSrc->iWidth - 2 : 0);
-    stLimits.fLastY = (float)(pstSrc->iHeight - 1);
-    stLimits.fInnerY = (float)(pstSrc->iHeight > 2 ? pstSrc->iHeight - 2 : 0);
+    stLimits.iInnerX = pstSrc->iWidth > 2 ? pstSrc->iWidth - 2 : 0;
+    stLimits.iInnerY = pstSrc->iHeight > 2 ? pstSrc->iHeight - 2 : 0;
     return stLimits;
 }
 
@@ -161,14 +159,16 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
                 float fR = RecipEstimateF32(afDen[k]);
                 fR = fR * RecipStepF32(afDen[k], fR);
                 fR = fR * RecipStepF32(afDen[k], fR);
+                const float fSx = (pfM[0] * afX[k] + fSxRow) * fR;
+                const float fSy = (pfM[3] * afX[k] + fSyRow) * fR;
                 // Clamped into the frame: a homography fitted to a few faces sends the far
                 // corners of the output well outside the source.
-                const float fSx = AffineClampPos((pfM[0] * afX[k] + fSxRow) * fR, stLimits.fLastX, stLimits.fInnerX);
-                const float fSy = AffineClampPos((pfM[3] * afX[k] + fSyRow) * fR, stLimits.fLastY, stLimits.fInnerY);
-                const int32_t iIx = TruncF32ToS32(fSx);
-                const int32_t iIy = TruncF32ToS32(fSy);
-                aucFx[k] = FractionWeight(fSx, iIx);
-                aucFy[k] = FractionWeight(fSy, iIy);
+                int32_t bInsideX;
+                int32_t bInsideY;
+                const int32_t iIx = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+                const int32_t iIy = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
+                aucFx[k] = bInsideX ? FractionWeight(fSx, iIx) : 0;
+                aucFy[k] = bInsideY ? FractionWeight(fSy, iIy) : 0;
                 aiOff[k] = iIx + iIy * iPitch;
                 // Nearest chroma: halving with rounding half up, clamped into the plane.
                 aiChroma[k] = LdcChromaOffset(&stBlock, ((iIx + 1) >> 1) * iStepC, (iIy + 1) >> 1, iPitchC);
@@ -251,8 +251,9 @@ static void AffineTail(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int3
         for (int32_t iX = iTailX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
             // Clamped into the frame like the main pass.
-            const int32_t iIx = TruncF32ToS32(AffineClampPos(AffineNumX(pfM, fX, fY) * fR, stLimits.fLastX, stLimits.fInnerX));
-            const int32_t iIy = TruncF32ToS32(AffineClampPos(AffineNumY(pfM, fX, fY) * fR, stLimits.fLastY, stLimits.fInnerY));
+            int32_t bInside;
+            const int32_t iIx = AffineClampIndex(TruncF32ToS32(AffineNumX(pfM, fX, fY) * fR), stLimits.iInnerX, &bInside);
+            const int32_t iIy = AffineClampIndex(TruncF32ToS32(AffineNumY(pfM, fX, fY) * fR), stLimits.iInnerY, &bInside);
             CopyNearestBlock(pstTask, &stBlock, bPlanar, iX, iY, iIx, iIy);
         }
     }
@@ -397,13 +398,16 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
                 fDen += fDenStep;
             }
             const float fX = (float)iX;
+            const float fSx = AffineNumX(pfM, fX, fY) * fR;
+            const float fSy = AffineNumY(pfM, fX, fY) * fR;
             // Clamped into the frame like the vector kernels.
-            const float fSx = AffineClampPos(AffineNumX(pfM, fX, fY) * fR, stLimits.fLastX, stLimits.fInnerX);
-            const float fSy = AffineClampPos(AffineNumY(pfM, fX, fY) * fR, stLimits.fLastY, stLimits.fInnerY);
-            const int32_t iIx = TruncF32ToS32(fSx);
-            const int32_t iIy = TruncF32ToS32(fSy);
+            int32_t bInsideX;
+            int32_t bInsideY;
+            const int32_t iIx = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+            const int32_t iIy = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
             InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
-                                 iPitch, AbsFractionWeight(fSx, iIx), AbsFractionWeight(fSy, iIy));
+                                 iPitch, bInsideX ? AbsFractionWeight(fSx, iIx) : 0,
+                                 bInsideY ? AbsFractionWeight(fSy, iIy) : 0);
             const int32_t iS = LdcChromaOffset(&stBlock, 2 * ((iIx + 1) >> 1), (iIy + 1) >> 1, iPitch);
             const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitch + iX;
             LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 2);
@@ -433,18 +437,21 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
         float fDen = AffineDen(pfM, (float)pstArea->iStartX, fY);
         for (int32_t iX = pstArea->iStartX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
-            // Clamped into the frame like the vector kernels, before this companion's own limits.
-            const float fSx = AffineClampPos(AffineNumX(pfM, fX, fY) / fDen, stLimits.fLastX, stLimits.fInnerX);
-            const float fSy = AffineClampPos(AffineNumY(pfM, fX, fY) / fDen, stLimits.fLastY, stLimits.fInnerY);
+            const float fSx = AffineNumX(pfM, fX, fY) / fDen;
+            const float fSy = AffineNumY(pfM, fX, fY) / fDen;
             fDen += fDenStep;
-            // The limits use the area's width and height as upper bounds, not its far edges;
-            // kept so on purpose. The weights come from the position before these limits.
-            const int32_t iRawX = TruncF32ToS32(fSx);
-            const int32_t iRawY = TruncF32ToS32(fSy);
+            // Clamped into the frame like the vector kernels, then this companion's own limits,
+            // which use the area's width and height as upper bounds, not its far edges; kept so
+            // on purpose. The weights come from the position before the area limits.
+            int32_t bInsideX;
+            int32_t bInsideY;
+            const int32_t iRawX = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+            const int32_t iRawY = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
             const int32_t iIx = ClampS32(iRawX, pstArea->iStartX, pstArea->iWidth - 1);
             const int32_t iIy = ClampS32(iRawY, pstArea->iStartY, pstArea->iHeight - 1);
             InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
-                                 iPitch, AbsFractionWeight(fSx, iRawX), AbsFractionWeight(fSy, iRawY));
+                                 iPitch, bInsideX ? AbsFractionWeight(fSx, iRawX) : 0,
+                                 bInsideY ? AbsFractionWeight(fSy, iRawY) : 0);
             const int32_t iS = LdcChromaOffset(&stBlock, (iIx + 1) >> 1, (iIy + 1) >> 1, iPitchC);
             const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + (iX >> 1);
             LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 1);

@@ -5,16 +5,17 @@
 // evaluated once per 2 x 2 output block. Luma is bilinear with 7-bit weights, chroma the nearest
 // sample. The caller guarantees an even rectangle; nothing is validated.
 //
-// Source positions are clamped into the source frame, per block and per axis, before their
-// integer part and fraction are taken (AffineClampPos): a homography fitted to one face's corners
-// is exact near the face but sends far output corners hundreds of pixels outside the source.
-// Below 0 (and NaN) gives 0; at or past the last column W - 1 gives W - 2, so that the block's
-// second column and its right neighbours still lie in the frame and out-of-frame output repeats
-// the last two columns (rows likewise). Positions in [0, W - 1) x [0, H - 1), which include
-// every position whose neighbours the block reads inside the frame, keep their exact bytes; a
-// position in (-1, 0) had weight 0 on its outside sample anyway and keeps them too. Chroma and
-// the remaining reads follow the block rules of geometry/distortion_correct_reads.h, so that no
-// read leaves the source frame (W, H >= 2).
+// Source positions are clamped into the source frame, per block and per axis
+// (AffineClampIndex): a homography fitted to one face's corners is exact near the face but sends
+// far output corners hundreds of pixels outside the source. The truncated position ix (NaN
+// gives 0) is limited to [0, W - 2], and a position that this moves loses its fraction: below
+// the frame it samples column 0, at or past the last column W - 1 column W - 2, so that the
+// block's second column and its right neighbours still lie in the frame and out-of-frame output
+// repeats the first or last two columns (rows likewise). Positions in [0, W - 1) x [0, H - 1),
+// which include every position whose neighbours the block reads inside the frame, keep their
+// exact bytes, as do those in (-1, 0) in the vector kernels (their fraction saturated to 0
+// anyway). Chroma and the remaining reads follow the block rules of
+// geometry/distortion_correct_reads.h, so that no read leaves the source frame (W, H >= 2).
 //
 // Layout of the family:
 //   AffineTransform_neon*            four pinned workers over row bands (frame driver's entry)
@@ -114,26 +115,27 @@ void AffineBandRows(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iC
 // driver passes it.
 uint8_t *AffineChromaPlane(const tagST_PIC *pstPic);
 
-// Clamp limits of the source positions: last index and the one before it, per axis.
+// Largest block column and row of the source: W - 2 and H - 2 (0 for a side below 2).
 typedef struct tagST_AFFINE_LIMITS {
-    float fLastX;    // W - 1
-    float fInnerX;   // W - 2 (0 for W < 3)
-    float fLastY;
-    float fInnerY;
+    int32_t iInnerX;
+    int32_t iInnerY;
 } tagST_AFFINE_LIMITS;
 
 tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc);
 // The source frame block of pstSrc (size and planes as the kernels address them).
 tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar);
 
-// One axis of a source position clamped into the frame. Written as compares that fail for NaN so
-// that NaN gives 0 here and in the vector twin (AffineClampPos_neon) alike; a position inside
-// [0, fLast) is returned unchanged, bit for bit.
-static inline float AffineClampPos(float fV, float fLast, float fInner)
+// One axis of a block's source position, clamped into the frame: the truncated position iRaw
+// limited to [0, iInner]; *pbInside is 0 when that moved it (the caller then zeroes the
+// fraction). Works on the integer part, so NaN (truncated to 0) and infinities need no compare
+// of their own; the vector twin does the same with vmax / vmin / vceq.
+static inline int32_t AffineClampIndex(int32_t iRaw, int32_t iInner, int32_t *pbInside)
 {
-    fV = (fV >= 0.0f) ? fV : 0.0f;
-    return (fV < fLast) ? fV : fInner;
+    const int32_t iV = iRaw < 0 ? 0 : (iRaw > iInner ? iInner : iRaw);
+    *pbInside = (iV == iRaw);
+    return iV;
 }
+
 // Nearest-sample pass over the columns right of the last whole group, one exact reciprocal per
 // row pair (the tail is treated as affine within a row).
 void AffineTail_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);

@@ -34,13 +34,16 @@ static inline uint8x8_t GatherPairsClamped(const tagST_SRC_BLOCK *pstBlock, int3
     return vld1_u8(aucPairs);
 }
 
-// AffineClampPos on four lanes: compares that fail for NaN, so NaN lanes become 0 as in the
-// plain twin (vmaxq/vminq would keep or drop NaN depending on the target).
-static inline float32x4_t AffineClampPos_neon(float32x4_t v, float32x4_t vLast, float32x4_t vInner)
+// AffineClampIndex on four lanes, with the fraction (trunc(128 s) - 128 trunc(s)) of a moved lane
+// zeroed: integer max / min / compare, native on 32-bit ARM (its float compares are not IEEE
+// and compilers turn them into scalar ones).
+static inline int32x4_t AffineClampIndex_neon(float32x4_t vS, int32x4_t vInner, int32x4_t *pvFrac)
 {
-    const float32x4_t vZero = vdupq_n_f32(0.0f);
-    v = vbslq_f32(vcgeq_f32(v, vZero), v, vZero);
-    return vbslq_f32(vcltq_f32(v, vLast), v, vInner);
+    const int32x4_t vRaw = VcvtqS32F32(vS);
+    const int32x4_t vIdx = vminq_s32(vmaxq_s32(vRaw, vdupq_n_s32(0)), vInner);
+    const int32x4_t vFrac = vsubq_s32(VcvtqS32F32(vmulq_n_f32(vS, 128.0f)), vshlq_n_s32(vRaw, 7));
+    *pvFrac = vandq_s32(vFrac, vreinterpretq_s32_u32(vceqq_s32(vIdx, vRaw)));
+    return vIdx;
 }
 
 // Horizontal pass of one source row: (a (128 - fx) + b fx + 32) >> 6, one extra bit kept.
@@ -74,10 +77,8 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
     const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(pstTask->pstSrc);
 
     const float32x4_t vDenStep = vdupq_n_f32(8.0f * pfM[6]);
-    const float32x4_t vLastX = vdupq_n_f32(stLimits.fLastX);
-    const float32x4_t vInnerX = vdupq_n_f32(stLimits.fInnerX);
-    const float32x4_t vLastY = vdupq_n_f32(stLimits.fLastY);
-    const float32x4_t vInnerY = vdupq_n_f32(stLimits.fInnerY);
+    const int32x4_t vInnerX = vdupq_n_s32(stLimits.iInnerX);
+    const int32x4_t vInnerY = vdupq_n_s32(stLimits.iInnerY);
     const int32x4_t vPitch = vdupq_n_s32(iPitch);
     const int32x4_t vPitchC = vdupq_n_s32(iPitchC);
     const int32x4_t vOne = vdupq_n_s32(1);
@@ -107,19 +108,19 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             float32x4_t vR = VrecpeqF32(vDen);
             vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
             vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
-            // Clamped into the frame (see AffineClampPos): far output corners of a face
-            // homography map well outside the source.
-            const float32x4_t vSx =
-                AffineClampPos_neon(vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR), vLastX, vInnerX);
-            const float32x4_t vSy =
-                AffineClampPos_neon(vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR), vLastY, vInnerY);
+            const float32x4_t vSx = vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR);
+            const float32x4_t vSy = vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR);
             vDen = vaddq_f32(vDen, vDenStep);
 
-            const int32x4_t vIx = VcvtqS32F32(vSx);
-            const int32x4_t vIy = VcvtqS32F32(vSy);
-            // Fractions in 1/128: trunc(128 s) - 128 trunc(s), negative ones saturate to 0.
-            const uint16x4_t vFx16 = vqmovun_s32(vsubq_s32(VcvtqS32F32(vmulq_n_f32(vSx, 128.0f)), vshlq_n_s32(vIx, 7)));
-            const uint16x4_t vFy16 = vqmovun_s32(vsubq_s32(VcvtqS32F32(vmulq_n_f32(vSy, 128.0f)), vshlq_n_s32(vIy, 7)));
+            // Clamped into the frame (see AffineClampIndex): far output corners of a face
+            // homography map well outside the source. Fractions in 1/128, negative ones
+            // saturate to 0.
+            int32x4_t vFx32;
+            int32x4_t vFy32;
+            const int32x4_t vIx = AffineClampIndex_neon(vSx, vInnerX, &vFx32);
+            const int32x4_t vIy = AffineClampIndex_neon(vSy, vInnerY, &vFy32);
+            const uint16x4_t vFx16 = vqmovun_s32(vFx32);
+            const uint16x4_t vFy16 = vqmovun_s32(vFy32);
             // Each block's weight on both of its columns: (f0 f0 f1 f1 f2 f2 f3 f3).
             const uint8x8_t vFxFy = vmovn_u16(vcombine_u16(vFx16, vFy16));
             const uint8x8x2_t vW = vzip_u8(vFxFy, vFxFy);

@@ -37,17 +37,19 @@ static inline uint8x8_t BilinearVerticalQ7_neon(uint16x8_t vuUpper, uint16x8_t v
     return vrshrn_n_u16(vqaddq_u16(vmulq_u16(vuUpper, vuW0), vmulq_u16(vuLower, vuW1)), 8);
 }
 
-// Row pairs of the four blocks with every read clamped into the source block: frames of fewer
-// than six rows, and contiguous groups whose wide loads would pass the block's end.
-static inline uint8x8_t GatherPairsClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iRow, const int32_t aiBase[4])
+// LdcGatherRowsClamped into vectors, out of line so that this rare path costs the common ones no
+// registers.
+static __attribute__((noinline)) void GatherBlockClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
+                                                         const int32_t aiOffset[4], int32_t bContiguous,
+                                                         uint8x8_t avucA[3], uint8x8_t avucB[3])
 {
-    static const char *const s_pcKernel = "InterpolateLumaBlock_neon (clamped gather)";
-    uint8_t aucPairs[8];
-    for (int32_t k = 0; k < 4; k++) {
-        aucPairs[2 * k] = LdcLumaAt(pstBlock, s_pcKernel, aiBase[k] + iRow);
-        aucPairs[2 * k + 1] = LdcLumaAt(pstBlock, s_pcKernel, aiBase[k] + iRow + 1);
+    uint8_t aaucA[3][8];
+    uint8_t aaucB[3][8];
+    LdcGatherRowsClamped(pstBlock, "InterpolateLumaBlock_neon (clamped gather)", iPitch, aiOffset, bContiguous, aaucA, aaucB);
+    for (int32_t r = 0; r < 3; r++) {
+        avucA[r] = vld1_u8(aaucA[r]);
+        avucB[r] = vld1_u8(aaucB[r]);
     }
-    return vld1_u8(aucPairs);
 }
 
 int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
@@ -75,15 +77,7 @@ int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlo
             avucB[r] = vld1_u8(pucRow + 1);
         }
     } else if (bContiguous || pstBlock->bShortFrame) {
-        // The same samples (o0 + 2k for a contiguous group), read one by one and clamped.
-        int32_t aiBase[4];
-        for (int32_t k = 0; k < 4; k++) {
-            aiBase[k] = bContiguous ? aiOffset[0] + 2 * k : aiOffset[k];
-        }
-        for (int32_t r = 0; r < 3; r++) {
-            avucA[r] = GatherPairsClamped(pstBlock, r * iPitch, aiBase);
-            avucB[r] = GatherPairsClamped(pstBlock, r * iPitch + 1, aiBase);
-        }
+        GatherBlockClamped(pstBlock, iPitch, aiOffset, bContiguous, avucA, avucB);
     } else {
         for (int32_t k = 0; k < 4; k++) {
             LDC_CHECK_READ(pstBlock, s_pcKernel, pucSrc + aiOffset[k], 2 * iPitch + 3);
@@ -220,9 +214,13 @@ void DistortionCorrect_neon_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, 
             LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pucSrc + aiChroma[0], 8);
             vst1_u8(pucDst, vld1_u8(pucSrc + aiChroma[0]));
         } else {
-            // A contiguous run that would pass the plane's end: its pairs one by one, clamped.
+            if (bContiguous) {
+                // A run that would pass the plane's end: its pairs one by one, clamped.
+                for (int32_t k = 1; k < 4; k++) {
+                    aiChroma[k] = LdcMinS32(aiChroma[0] + 2 * k, iChromaLast);
+                }
+            }
             for (int32_t k = 0; k < 4; k++) {
-                aiChroma[k] = bContiguous ? LdcMinS32(aiChroma[0] + 2 * k, iChromaLast) : aiChroma[k];
                 LDC_CHECK_READ(&stBand.stBlock, s_pcKernel, pucSrc + aiChroma[k], 2);
             }
             vst1_u8(pucDst, CombinePairs(LoadPair(pucSrc + aiChroma[0]), LoadPair(pucSrc + aiChroma[1]),

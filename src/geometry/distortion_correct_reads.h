@@ -81,6 +81,25 @@ static inline uint8_t LdcLumaAt(const tagST_SRC_BLOCK *pstBlock, const char *pcK
     return *pucRead;
 }
 
+// Rows 0..2 (pitch iPitch) of a group of four 2 x 2 blocks at luma offsets aiOffset (o0 + 2k for
+// a contiguous group) with every read clamped: the left sample of each output column to
+// aaucA[row], the right one to aaucB[row]. The vector bodies' path for frames of fewer than six
+// rows and for wide loads that would pass the block's end.
+static inline void LdcGatherRowsClamped(const tagST_SRC_BLOCK *pstBlock, const char *pcKernel, int32_t iPitch,
+                                        const int32_t aiOffset[4], int32_t bContiguous, uint8_t aaucA[3][8],
+                                        uint8_t aaucB[3][8])
+{
+    for (int32_t r = 0; r < 3; r++) {
+        for (int32_t k = 0; k < 4; k++) {
+            const int32_t iBase = (bContiguous ? aiOffset[0] + 2 * k : aiOffset[k]) + r * iPitch;
+            for (int32_t j = 0; j < 2; j++) {
+                aaucA[r][2 * k + j] = LdcLumaAt(pstBlock, pcKernel, iBase + j);
+                aaucB[r][2 * k + j] = LdcLumaAt(pstBlock, pcKernel, iBase + j + 1);
+            }
+        }
+    }
+}
+
 // Offset of chroma sample (column term iColTerm, row iRow) in a plane of pitch iPitchC, with the
 // row and then the start clamped into the plane.
 static inline int32_t LdcChromaOffset(const tagST_SRC_BLOCK *pstBlock, int32_t iColTerm, int32_t iRow,

@@ -21,17 +21,19 @@ static inline uint8x8_t GatherPairs(const uint8_t *p, const int32_t *aiOff)
     return vreinterpret_u8_u16(v);
 }
 
-// GatherPairs with every read clamped into the source block: frames of fewer than six rows, and
-// contiguous groups whose wide loads would pass the block's end.
-static inline uint8x8_t GatherPairsClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iRow, const int32_t *aiOff)
+// LdcGatherRowsClamped into vectors, out of line so that this rare path costs the common ones no
+// registers.
+static __attribute__((noinline)) void GatherRowsClamped(const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
+                                                        const int32_t *aiOff, int32_t bContiguous,
+                                                        uint8x8_t avucA[3], uint8x8_t avucB[3])
 {
-    static const char *const s_pcKernel = "AffineTransformBand_neon (clamped gather)";
-    uint8_t aucPairs[8];
-    for (int32_t k = 0; k < 4; k++) {
-        aucPairs[2 * k] = LdcLumaAt(pstBlock, s_pcKernel, aiOff[k] + iRow);
-        aucPairs[2 * k + 1] = LdcLumaAt(pstBlock, s_pcKernel, aiOff[k] + iRow + 1);
+    uint8_t aaucA[3][8];
+    uint8_t aaucB[3][8];
+    LdcGatherRowsClamped(pstBlock, "AffineTransformBand_neon (clamped gather)", iPitch, aiOff, bContiguous, aaucA, aaucB);
+    for (int32_t r = 0; r < 3; r++) {
+        avucA[r] = vld1_u8(aaucA[r]);
+        avucB[r] = vld1_u8(aaucB[r]);
     }
-    return vld1_u8(aucPairs);
 }
 
 // AffineClampIndex on four lanes, with the fraction (trunc(128 s) - 128 trunc(s)) of a moved lane
@@ -161,17 +163,12 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
                 vH1 = LerpRow(vld1_u8(pucS1), vld1_u8(pucS1 + 1), vGx, vFx);
                 vH2 = LerpRow(vld1_u8(pucS2), vld1_u8(pucS2 + 1), vGx, vFx);
             } else if (bContiguous || stBlock.bShortFrame) {
-                // Near the block's end, or on a frame too short for the neighbour rows: the
-                // same samples (o0 + 2k for a contiguous group) gathered with clamped reads.
-                int32_t aiBase[4];
-                for (int32_t k = 0; k < 4; k++) {
-                    aiBase[k] = bContiguous ? aiOff[0] + 2 * k : aiOff[k];
-                }
-                vH0 = LerpRow(GatherPairsClamped(&stBlock, 0, aiBase), GatherPairsClamped(&stBlock, 1, aiBase), vGx, vFx);
-                vH1 = LerpRow(GatherPairsClamped(&stBlock, iPitch, aiBase),
-                              GatherPairsClamped(&stBlock, iPitch + 1, aiBase), vGx, vFx);
-                vH2 = LerpRow(GatherPairsClamped(&stBlock, 2 * iPitch, aiBase),
-                              GatherPairsClamped(&stBlock, 2 * iPitch + 1, aiBase), vGx, vFx);
+                uint8x8_t avucA[3];
+                uint8x8_t avucB[3];
+                GatherRowsClamped(&stBlock, iPitch, aiOff, bContiguous, avucA, avucB);
+                vH0 = LerpRow(avucA[0], avucB[0], vGx, vFx);
+                vH1 = LerpRow(avucA[1], avucB[1], vGx, vFx);
+                vH2 = LerpRow(avucA[2], avucB[2], vGx, vFx);
             } else {
                 // Row r of every block: pairs at o_k + rW (left samples) and o_k + rW + 1 (right).
                 const uint8_t *pucS1 = pucSrcY + iPitch;
@@ -204,14 +201,16 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
                 LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + aiChroma[0], 8);
                 vst1_u8(pucDstRowC + iX, vld1_u8(pucSrcC + aiChroma[0]));
             } else {
-                // Separate pairs; a contiguous run that would pass the plane's end takes its
-                // pairs one by one, each clamped to the last pair.
-                int32_t aiPair[4];
-                for (int32_t k = 0; k < 4; k++) {
-                    aiPair[k] = bContiguous ? LdcMinS32(aiChroma[0] + 2 * k, stBlock.iChromaLast) : aiChroma[k];
-                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + aiPair[k], 2);
+                if (bContiguous) {
+                    // A run that would pass the plane's end: its pairs one by one, clamped.
+                    for (int32_t k = 1; k < 4; k++) {
+                        aiChroma[k] = LdcMinS32(aiChroma[0] + 2 * k, stBlock.iChromaLast);
+                    }
                 }
-                vst1_u8(pucDstRowC + iX, GatherPairs(pucSrcC, aiPair));
+                for (int32_t k = 0; k < 4; k++) {
+                    LDC_CHECK_READ(&stBlock, s_pcKernel, pucSrcC + aiChroma[k], 2);
+                }
+                vst1_u8(pucDstRowC + iX, GatherPairs(pucSrcC, aiChroma));
             }
         }
     }

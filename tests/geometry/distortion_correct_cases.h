@@ -62,7 +62,8 @@ static inline void DcSetLens(tagST_LDC_PARA *pstPara, float fFx, float fU0, floa
 }
 
 // Every block origin of the rectangle (both evaluation orders) must map into the frame: the
-// kernels never clamp. Also the rectangle's even/odd shape.
+// remap trusts the rectangle (it clamps only reads that would leave the frame block). Also the
+// rectangle's even/odd shape.
 static inline bool DcRectangleIsUsable(const tagST_LDC_PARA *pstPara)
 {
     const int32_t bLens = (pstPara->iLDCEnable == 1);

@@ -175,20 +175,33 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
     const int32_t iH = stOut.rows;
     const int32_t iThick = std::max(1, iW / 640);
     const cv::Scalar stCyan(255, 255, 0), stMagenta(255, 0, 255), stYellow(0, 230, 255), stWhite(255, 255, 255);
-    const cv::Scalar astLineColor[3] = {cv::Scalar(0, 220, 0), cv::Scalar(0, 0, 255), cv::Scalar(160, 160, 160)};
+    const cv::Scalar astLineColor[3] = {cv::Scalar(0, 220, 0), cv::Scalar(0, 0, 255), cv::Scalar(200, 200, 200)};
 
     // Lines first, so that the rectangles stay readable on top. DrawLine paints 255 into an
     // 8-bit plane of frame pixels; the plane is thickened to be visible on big frames.
+    // Unjudged lines go first, thin and faint: after the first bending line they only show
+    // what else the check found.
     if (pstCheck != NULL && !pstCheck->vstLines.empty() && stPara.iImgWidth == iW && stPara.iImgHeight == iH) {
-        for (int32_t eState = QV_LINE_STRAIGHT; eState <= QV_LINE_UNJUDGED; eState++) {
+        const int32_t aeOrder[3] = {QV_LINE_UNJUDGED, QV_LINE_STRAIGHT, QV_LINE_BENDS};
+        for (int32_t eState : aeOrder) {
             cv::Mat stMask = cv::Mat::zeros(iH, iW, CV_8UC1);
             for (size_t i = 0; i < pstCheck->vstLines.size(); i++) {
                 if (pstCheck->viState[i] == eState) {
                     DrawLine(stMask.data, &pstCheck->vstLines[i], iW);
                 }
             }
-            cv::dilate(stMask, stMask, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * iThick + 1, 2 * iThick + 1)));
-            stOut.setTo(astLineColor[eState], stMask);
+            const int32_t iRadius = eState == QV_LINE_UNJUDGED ? iThick / 2 : (eState == QV_LINE_BENDS ? 2 * iThick : iThick);
+            if (iRadius > 0) {
+                cv::dilate(stMask, stMask,
+                           cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * iRadius + 1, 2 * iRadius + 1)));
+            }
+            if (eState == QV_LINE_UNJUDGED) {
+                cv::Mat stBlend;
+                cv::addWeighted(stOut, 0.5, cv::Mat(stOut.size(), stOut.type(), astLineColor[eState]), 0.5, 0, stBlend);
+                stBlend.copyTo(stOut, stMask);
+            } else {
+                stOut.setTo(astLineColor[eState], stMask);
+            }
         }
     }
     DrawRect(stOut, stPara.aiLDCArea[0], stPara.aiLDCArea[1], stPara.aiLDCArea[2], stPara.aiLDCArea[3], stCyan, iThick);
@@ -203,9 +216,14 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
     }
 
     // The text block in the top left corner on a darkened band.
-    const double dFont = std::max(0.4, iW / 1400.0);
-    const int32_t iFontThick = std::max(1, (int32_t)(dFont * 1.5));
+    // The font grows with the frame but the longest line stays within three quarters of it.
     int32_t iBase = 0;
+    int32_t iWidestAtOne = 1;
+    for (const std::string &strLine : stDecision.vstrLines) {
+        iWidestAtOne = std::max(iWidestAtOne, cv::getTextSize(strLine, cv::FONT_HERSHEY_SIMPLEX, 1.0, 1, &iBase).width);
+    }
+    const double dFont = std::max(0.3, std::min(iW / 1400.0, 0.75 * iW / iWidestAtOne));
+    const int32_t iFontThick = std::max(1, (int32_t)(dFont * 1.5));
     const cv::Size stText = cv::getTextSize("Ag", cv::FONT_HERSHEY_SIMPLEX, dFont, iFontThick, &iBase);
     const int32_t iLineH = stText.height + iBase + iThick * 2;
     int32_t iBlockW = 0;

@@ -116,6 +116,8 @@ struct FrameResult {
     tagST_LDC_PARA stPara = {};   // the instance's decision fields after the frame
     std::string strPath;          // which way the frame went, in words
     int32_t iFovLost = 0;
+    int32_t bHaveCheck = 0;
+    tagST_QV_LINE_CHECK stCheck;
 };
 
 std::string DescribePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
@@ -196,19 +198,18 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     stResult.stLog = ParseLibraryLog(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
     stResult.strPath = DescribePath(stResult.stPara, stResult.stLog, &stResult.iFovLost);
+    // The replay logs a bending line a second time; that copy is not the frame's and is dropped.
+    if (stResult.stPara.pucWorkBuf != NULL && stResult.stPara.iImgWidth == stIn.iWidth) {
+        CaptureStderr([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stResult.stCheck); });
+        stResult.bHaveCheck = 1;
+    }
     return stResult;
 }
 
 cv::Mat MakeOverlay(const FrameResult &stResult, const tagST_QV_FRAME &stIn, const cv::Mat &stBefore, int32_t iISO,
                     const std::vector<ST_FACE_RECT> &vstFaces)
 {
-    tagST_QV_LINE_CHECK stCheck;
-    const tagST_QV_LINE_CHECK *pstCheck = NULL;
-    // Replaying the check logs its bending line a second time; that copy is not the frame's.
-    if (stResult.stPara.pucWorkBuf != NULL && stResult.stPara.iImgWidth == stIn.iWidth) {
-        CaptureStderr([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stCheck); });
-        pstCheck = &stCheck;
-    }
+    const tagST_QV_LINE_CHECK *pstCheck = stResult.bHaveCheck ? &stResult.stCheck : NULL;
     tagST_QV_DECISION stDecision;
     stDecision.vstrLines = DecisionLines(stResult, stIn, iISO, vstFaces, pstCheck);
     return DrawOverlay(stBefore, vstFaces, stResult.stPara, pstCheck, stDecision);
@@ -224,12 +225,24 @@ int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void *
     }
     memcpy(acPath, stOpt.strConfig.c_str(), stOpt.strConfig.size());
     ST_LDC_INPUT_PARA stInput = {iW, iH, acPath, stOpt.ePicType};
-    const int32_t iRet = IQV_LDC_Create(ppHandle, &stInput);
+    int32_t iRet = LDC_OK;
+    const std::string strLog = CaptureStderr([&] { iRet = IQV_LDC_Create(ppHandle, &stInput); });
+    if (!stOpt.bQuiet || iRet != LDC_OK) {
+        fputs(strLog.c_str(), stderr);
+    }
     if (iRet != LDC_OK) {
         fprintf(stderr, "qvldc: IQV_LDC_Create failed with %d for %dx%d and %s\n", iRet, iW, iH,
                 stOpt.strConfig.c_str());
     }
     return iRet;
+}
+
+void DeleteInstance(void *pHandle, int32_t bQuiet)
+{
+    const std::string strLog = CaptureStderr([&] { IQV_LDC_Delete(pHandle); });
+    if (!bQuiet) {
+        fputs(strLog.c_str(), stderr);
+    }
 }
 
 int RunFrame(const tagST_QV_OPTIONS &stOpt)
@@ -288,7 +301,8 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
         fprintf(stderr, "qvldc: IQV_LDC_Process returned %d\n", stResult.iRet);
         iExit = 1;
     }
-    for (const std::string &strLine : DecisionLines(stResult, stIn, iISO, vstFaces, NULL)) {
+    for (const std::string &strLine :
+         DecisionLines(stResult, stIn, iISO, vstFaces, stResult.bHaveCheck ? &stResult.stCheck : NULL)) {
         printf("%s\n", strLine.c_str());
     }
     auto save = [&](bool bOk, const std::string &strPath) {
@@ -310,7 +324,7 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
         save(SavePng(stOpt.strOverlayPng, MakeOverlay(stResult, stIn, stBefore, iISO, vstFaces)),
              stOpt.strOverlayPng);
     }
-    IQV_LDC_Delete(pHandle);
+    DeleteInstance(pHandle, stOpt.bQuiet);
     return iExit;
 }
 
@@ -394,7 +408,7 @@ int RunBatch(const tagST_QV_OPTIONS &stOpt)
                 stResult.strPath.c_str());
     }
     if (pHandle != NULL) {
-        IQV_LDC_Delete(pHandle);
+        DeleteInstance(pHandle, stOpt.bQuiet);
     }
     if (!WriteText(strOutDir + "/summary.csv", strCsv)) {
         fprintf(stderr, "qvldc: cannot write %s/summary.csv\n", strOutDir.c_str());
@@ -451,6 +465,8 @@ int RunRender(const tagST_QV_OPTIONS &stOpt)
 
 int main(int iArgc, char **ppcArgv)
 {
+    // Line by line, so that the decision and the library's log keep their order in one stream.
+    setvbuf(stdout, NULL, _IOLBF, 0);
     tagST_QV_OPTIONS stOpt;
     std::string strError;
     if (!ParseOptions(iArgc, ppcArgv, &stOpt, &strError)) {

@@ -87,7 +87,9 @@ void DrawPerson(SceneCanvas &stC, double dU, double dV, double dA, const cv::Sca
     const double dB = 1.36 * dA;                         // face half-height, as a fraction of the width
     const double dBv = dB * stC.dW / stC.dH;             // the same in fractions of the height
     const cv::Scalar stSkin(125, 165, 220), stSkinDark(95, 130, 185), stHair(35, 45, 70);
-    stC.Ellipse(dU, dV + 2.7 * dBv, 2.3 * dA, 1.7 * dB, stShirt);
+    // Shoulders, and the body below them running out of the picture.
+    stC.Ellipse(dU, dV + 2.1 * dBv, 2.1 * dA, 0.9 * dB, stShirt);
+    stC.Box(dU - 2.1 * dA, dV + 2.1 * dBv, dU + 2.1 * dA, 2.0, stShirt);
     stC.Box(dU - 0.38 * dA, dV + 0.6 * dBv, dU + 0.38 * dA, dV + 1.35 * dBv, stSkinDark);
     stC.Ellipse(dU, dV - 0.22 * dBv, 1.1 * dA, 0.9 * dB, stHair);
     stC.Ellipse(dU, dV, dA, dB, stSkin);

@@ -432,7 +432,8 @@ int RunRender(const tagST_QV_OPTIONS &stOpt)
         fprintf(stderr, "qvldc: %s\n", strError.c_str());
         return 2;
     }
-    const std::string strDumps = stOpt.strIn + "/dumps_" + std::to_string(stSize.iWidth) + "x" + std::to_string(stSize.iHeight);
+    // Every size goes into one dump directory, as on the phone: --batch then meets a size change.
+    const std::string strDumps = stOpt.strIn + "/dumps";
     if (!MakeDir(stOpt.strIn) || !MakeDir(strDumps)) {
         fprintf(stderr, "qvldc: cannot create %s\n", strDumps.c_str());
         return 2;

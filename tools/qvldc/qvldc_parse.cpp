@@ -284,7 +284,7 @@ const char *UsageText()
 "through the configured lens):\n"
 "  qvldc --render-sample DIR --config FILE [--size WxH] [--iso N]\n"
 "    Writes DIR/sample_WxH.png, DIR/sample_WxH_faces.txt and the same frame as a dump\n"
-"    (DIR/dumps_WxH/<dump name>_org.yuv, NV21) for --batch. Default size 4000x3000.\n"
+"    (DIR/dumps/<dump name>_org.yuv, NV21) for --batch. Default size 4000x3000.\n"
 "\n"
 "What is printed: the library's log lines (I/ZB5QU_QVLDC: ... / E/ZB5QU_QVLDC: ...) and the\n"
 "decision: which path the frame took (face homography, global correction after the line\n"

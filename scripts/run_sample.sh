@@ -7,6 +7,7 @@
 #   out/qvldc_<size>_after.png    the library's output
 #   out/qvldc_<size>_overlay.png  faces, valid areas, the line check's lines and the decision
 #   out/qvldc_<size>.log          the library's log and the decision, as printed
+#   out/qvldc_640x480_detected_overlay.png  the same with the faces of OpenCV's detector
 #   out/batch/                    the same two frames as debug dumps through --batch
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,8 +32,12 @@ for SIZE in 4000x3000 640x480; do
     --overlay "out/qvldc_${SIZE}_overlay.png" 2>&1 | tee "out/qvldc_$SIZE.log"
 done
 
+echo "== 640x480 again, the faces found by OpenCV's detector instead of given"
+"$QVLDC" --in out/sample/sample_640x480.png --config "$CONFIG" --detect-faces --quiet \
+  --overlay out/qvldc_640x480_detected_overlay.png
+
 echo "== the same frames as debug dumps, in batch"
 "$QVLDC" --batch out/sample/dumps --config "$CONFIG" --out-dir out/batch --quiet
 
 echo "Written: out/qvldc_4000x3000_{before,after,overlay}.png, out/qvldc_640x480_{before,after,overlay}.png,"
-echo "         out/qvldc_*.log, out/batch/summary.csv"
+echo "         out/qvldc_640x480_detected_overlay.png, out/qvldc_*.log, out/batch/summary.csv"

@@ -95,7 +95,10 @@ void DrawPerson(SceneCanvas &stC, double dU, double dV, double dA, const cv::Sca
     stC.Ellipse(dU, dV, dA, dB, stSkin);
     for (int iSide = -1; iSide <= 1; iSide += 2) {
         stC.Line(dU + iSide * 0.62 * dA, dV - 0.34 * dBv, dU + iSide * 0.18 * dA, dV - 0.40 * dBv, stHair, 0.14 * dA);
-        stC.Ellipse(dU + iSide * 0.38 * dA, dV - 0.16 * dBv, 0.21 * dA, 0.10 * dB, cv::Scalar(245, 245, 245));
+        // Shadowed sockets make the eye band darker than cheeks and nose bridge, as in a
+        // photograph (and as face detectors expect).
+        stC.Ellipse(dU + iSide * 0.38 * dA, dV - 0.17 * dBv, 0.27 * dA, 0.15 * dB, stSkinDark);
+        stC.Ellipse(dU + iSide * 0.38 * dA, dV - 0.16 * dBv, 0.19 * dA, 0.08 * dB, cv::Scalar(225, 225, 225));
         stC.Ellipse(dU + iSide * 0.38 * dA, dV - 0.16 * dBv, 0.09 * dA, 0.09 * dA, cv::Scalar(40, 45, 60));
     }
     stC.Line(dU, dV - 0.08 * dBv, dU - 0.06 * dA, dV + 0.2 * dBv, stSkinDark, 0.06 * dA);

@@ -382,7 +382,8 @@ int RunBatch(const tagST_QV_OPTIONS &stOpt)
         // One instance for the whole run: Process re-reads the configuration itself when the
         // size changes, as it does on the phone.
         if (pHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, &pHandle) != LDC_OK) {
-            return 1;
+            iFailed++;
+            continue;
         }
         tagST_QV_FRAME stOut;
         const FrameResult stResult = ProcessFrame(pHandle, stIn, &stOut, stDump.iISO, stDump.vstFaces, !stOpt.bQuiet);

@@ -1,0 +1,172 @@
+// Frames, matrices and the parameter sweep of the affine warp, shared by the equivalence tests and
+// the benchmark. Every matrix keeps the source positions of its area (and the two columns and rows
+// right of and below them that the interpolation reads) inside the source frame.
+#ifndef LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
+#define LDC_TESTS_WARP_AFFINE_TRANSFORM_CASES_H
+
+#include <stdint.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "warp/affine_transform.h"
+
+// A YUV 4:2:0 frame of one picture type with its descriptor; a little slack behind the frame
+// absorbs the reads that the contiguous fast path makes past a row's last block.
+struct AffineFrame {
+    static constexpr size_t kSlack = 64;
+    std::vector<uint8_t> bytes;
+    tagST_PIC pic{};
+
+    AffineFrame(int32_t iWidth, int32_t iHeight, int32_t iPicType)
+        : bytes((size_t)iWidth * iHeight * 3 / 2 + kSlack, 0)
+    {
+        const size_t uLuma = (size_t)iWidth * iHeight;
+        uint8_t *pucBase = bytes.data();
+        pic.iWidth = iWidth;
+        pic.iHeight = iHeight;
+        pic.pY = pucBase;
+        pic.pU = pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 1 : 0);
+        pic.pV = (iPicType == LDC_PIC_YUV420) ? pucBase + uLuma + uLuma / 4
+                                              : pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 0 : 1);
+    }
+    // A copy addresses its own bytes.
+    AffineFrame(const AffineFrame &o) : bytes(o.bytes), pic(o.pic)
+    {
+        pic.pY = bytes.data();
+        pic.pU = bytes.data() + (o.pic.pU - o.bytes.data());
+        pic.pV = bytes.data() + (o.pic.pV - o.bytes.data());
+    }
+    AffineFrame &operator=(const AffineFrame &) = delete;
+    size_t FrameBytes() const { return bytes.size() - kSlack; }
+    void Fill(uint32_t uSeed)
+    {
+        uint32_t u = uSeed;
+        for (uint8_t &b : bytes) {
+            u = u * 1664525u + 1013904223u;
+            b = (uint8_t)(u >> 24);
+        }
+    }
+};
+
+// Plane of byte i of a frame ("luma", "chroma" for an interleaved plane, "U", "V") and the luma
+// position (x, y) that it belongs to: a chroma byte stands for its 2 x 2 block.
+inline const char *AffineBytePosition(int32_t iWidth, int32_t iHeight, int32_t iPicType, size_t i, int32_t *piX,
+                                      int32_t *piY)
+{
+    const size_t uLuma = (size_t)iWidth * iHeight;
+    if (i < uLuma) {
+        *piX = (int32_t)(i % iWidth);
+        *piY = (int32_t)(i / iWidth);
+        return "luma";
+    }
+    if (iPicType != LDC_PIC_YUV420) {
+        *piX = (int32_t)((i - uLuma) % iWidth);   // the two bytes of a pair sit in its two columns
+        *piY = 2 * (int32_t)((i - uLuma) / iWidth);
+        return "chroma";
+    }
+    const size_t j = (i - uLuma) % (uLuma / 4);
+    *piX = 2 * (int32_t)(j % (iWidth / 2));
+    *piY = 2 * (int32_t)(j / (iWidth / 2));
+    return i - uLuma < uLuma / 4 ? "U" : "V";
+}
+
+// Small deterministic generator (numerical recipes LCG), so that every target draws the same cases.
+struct AffineRng {
+    uint32_t u;
+    explicit AffineRng(uint32_t uSeed) : u(uSeed) {}
+    uint32_t Next() { return u = u * 1664525u + 1013904223u; }
+    double Unit() { return (Next() >> 8) / 16777216.0; }
+    int32_t Even(int32_t iLo, int32_t iHi) { return (iLo + (int32_t)(Unit() * (iHi - iLo + 1))) & ~1; }
+};
+
+// A projective matrix taking the area onto a quadrilateral whose corners lie up to dJitter pixels
+// inside [4, width - 5] x [4, height - 5] (a convex image keeps every interior position inside,
+// with room for the two extra columns and rows that the interpolation reads), scaled by dScale
+// so that m8 is not 1. Square-to-quadrilateral in closed form, after the area is normalised.
+inline void AffineMakeMatrix(AffineRng &rng, const tagST_REGISTRATION_AREA &a, int32_t iWidth, int32_t iHeight,
+                             double dJitter, double dScale, float afM[9])
+{
+    const double l = 4, t = 4, r = iWidth - 5, b = iHeight - 5;
+    const double x0 = l + dJitter * rng.Unit(), y0 = t + dJitter * rng.Unit();   // (0, 0)
+    const double x1 = r - dJitter * rng.Unit(), y1 = t + dJitter * rng.Unit();   // (1, 0)
+    const double x2 = r - dJitter * rng.Unit(), y2 = b - dJitter * rng.Unit();   // (1, 1)
+    const double x3 = l + dJitter * rng.Unit(), y3 = b - dJitter * rng.Unit();   // (0, 1)
+    const double dx1 = x1 - x2, dx2 = x3 - x2, dx3 = x0 - x1 + x2 - x3;
+    const double dy1 = y1 - y2, dy2 = y3 - y2, dy3 = y0 - y1 + y2 - y3;
+    const double det = dx1 * dy2 - dx2 * dy1;
+    const double g = (dx3 * dy2 - dx2 * dy3) / det, h = (dx1 * dy3 - dx3 * dy1) / det;
+    const double sq[9] = {x1 - x0 + g * x1, x3 - x0 + h * x3, x0, y1 - y0 + g * y1, y3 - y0 + h * y3, y0, g, h, 1};
+    // (u, v) = ((x - ax) / aw, (y - ay) / ah) before the square-to-quadrilateral map.
+    const double sx = 1.0 / a.iWidth, sy = 1.0 / a.iHeight, tx = -a.iStartX * sx, ty = -a.iStartY * sy;
+    for (int i = 0; i < 3; i++) {
+        afM[3 * i] = (float)(dScale * sq[3 * i] * sx);
+        afM[3 * i + 1] = (float)(dScale * sq[3 * i + 1] * sy);
+        afM[3 * i + 2] = (float)(dScale * (sq[3 * i] * tx + sq[3 * i + 1] * ty + sq[3 * i + 2]));
+    }
+}
+
+struct AffineCase {
+    std::string name;
+    int32_t iWidth;
+    int32_t iHeight;
+    int32_t iPicType;
+    tagST_REGISTRATION_AREA stArea;
+    float afMatrix[9];
+};
+
+inline std::string AffineDescribe(const AffineCase &c)
+{
+    char ac[512];
+    snprintf(ac, sizeof(ac), "%s: %dx%d type %d area (%d, %d, %d, %d) m = {%.9g %.9g %.9g; %.9g %.9g %.9g; %.9g %.9g %.9g}",
+             c.name.c_str(), c.iWidth, c.iHeight, c.iPicType, c.stArea.iStartX, c.stArea.iStartY, c.stArea.iWidth,
+             c.stArea.iHeight, c.afMatrix[0], c.afMatrix[1], c.afMatrix[2], c.afMatrix[3], c.afMatrix[4],
+             c.afMatrix[5], c.afMatrix[6], c.afMatrix[7], c.afMatrix[8]);
+    return ac;
+}
+
+// The sweep: random areas (with and without a tail, a tail-only width of 6, a height of 2 that
+// leaves three of four workers without rows) and random projective matrices, for every picture
+// type, plus an identity and a half-pixel translation.
+inline std::vector<AffineCase> AffineCaseList()
+{
+    std::vector<AffineCase> cases;
+    AffineRng rng(0x5EED0A1Fu);
+    struct Shape {
+        const char *name;
+        int32_t iW, iH, iX, iY, iAw, iAh;
+    };
+    const Shape shapes[] = {
+        {"full-no-tail", 96, 64, 0, 0, 96, 64},  {"inner-tail-2", 100, 70, 6, 4, 82, 52},
+        {"inner-tail-4", 120, 48, 2, 8, 92, 30}, {"inner-tail-6", 64, 40, 10, 2, 46, 34},
+        {"width-6", 48, 32, 20, 6, 6, 20},       {"height-2", 80, 40, 8, 10, 64, 2},
+        {"height-2-tail", 80, 40, 8, 10, 50, 2}, {"odd-rows-band", 66, 58, 0, 2, 66, 54},
+    };
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        for (const Shape &s : shapes) {
+            for (int iDraw = 0; iDraw < 2; iDraw++) {
+                AffineCase c;
+                c.name = std::string(s.name) + (iDraw ? "/wide-jitter" : "/mild");
+                c.iWidth = s.iW;
+                c.iHeight = s.iH;
+                c.iPicType = iType;
+                c.stArea = {s.iX, s.iY, s.iAw, s.iAh};
+                AffineMakeMatrix(rng, c.stArea, s.iW, s.iH, iDraw ? 0.25 * s.iH : 2.0, iDraw ? 0.37 : 1.0,
+                                 c.afMatrix);
+                cases.push_back(c);
+            }
+        }
+        const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+        AffineCase id{"identity", 72, 40, iType, {8, 4, 52, 30}, {}};
+        memcpy(id.afMatrix, afIdentity, sizeof(afIdentity));
+        cases.push_back(id);
+        AffineCase half{"half-pixel", 72, 40, iType, {8, 4, 52, 30}, {}};
+        memcpy(half.afMatrix, afIdentity, sizeof(afIdentity));
+        half.afMatrix[2] = 0.5f;
+        cases.push_back(half);
+    }
+    return cases;
+}
+
+#endif

@@ -1,0 +1,274 @@
+// Equivalence harness of the affine warp: the vector bodies against their plain twins, byte for
+// byte over the whole frame, on the shared sweep of areas, matrices and picture types; then the
+// behaviour the frame driver relies on (identity, half-pixel translation, untouched border,
+// four-worker split, single-thread fallback) and the rules of the scalar companions.
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include "support/thread_fault.h"
+#include "warp/affine_transform.h"
+#include "warp/affine_transform_cases.h"
+
+namespace {
+
+// Everything one warp call needs; the affinity slots start taken, so that calling a band body
+// directly never pins the test thread.
+struct AffineRun {
+    const AffineCase &c;
+    AffineFrame src;
+    AffineFrame dst;
+    std::vector<uint8_t> scratch;
+    tagST_LDC_PARA para{};
+    tagST_AFFINE_TASK task{};
+
+    explicit AffineRun(const AffineCase &stCase)
+        : c(stCase), src(c.iWidth, c.iHeight, c.iPicType), dst(c.iWidth, c.iHeight, c.iPicType),
+          scratch(AFFINE_QUAD_BYTES * ((c.iWidth + 7) / 8) + 3)
+    {
+        src.Fill(0xA5u + (uint32_t)c.iWidth);
+        dst.Fill(0x3Cu);
+        para.ePicType = c.iPicType;
+        for (int i = 0; i < 4; i++) {
+            para.aiThreadState[i] = 1;
+            para.aiThreadMask[i] = 1 << i;
+        }
+        // An odd table address, as the working buffer may give.
+        uint8_t *pucTable = scratch.data() + 3;
+        AffineFillColumnTable(pucTable, c.stArea.iStartX, c.iWidth);
+        task = {&src.pic, &dst.pic, c.stArea.iStartX, c.stArea.iStartY, c.stArea.iWidth, c.stArea.iHeight,
+                const_cast<float *>(c.afMatrix), pucTable, &para};
+    }
+    bool Planar() const { return c.iPicType == LDC_PIC_YUV420; }
+    void Band(bool bNeon, int32_t iIndex, int32_t iCount)
+    {
+        if (Planar()) {
+            (bNeon ? AffineTransformBand_neon_YUV420 : AffineTransformBand_YUV420)(&task, iIndex, iCount);
+        } else {
+            (bNeon ? AffineTransformBand_neon_NV12 : AffineTransformBand_NV12)(&task, iIndex, iCount);
+        }
+    }
+    void Driver()
+    {
+        tagST_REGISTRATION_AREA stArea = c.stArea;
+        AffineTransform_neon(&para, &src.pic, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea,
+                             task.pucScratch);
+    }
+};
+
+std::string Locate(const AffineCase &c, size_t i)
+{
+    int32_t x, y;
+    const char *pcPlane = AffineBytePosition(c.iWidth, c.iHeight, c.iPicType, i, &x, &y);
+    return std::string(pcPlane) + " byte " + std::to_string(i) + " (x " + std::to_string(x) + ", y " +
+           std::to_string(y) + ")";
+}
+
+::testing::AssertionResult SameFrame(const AffineCase &c, const AffineFrame &expected, const AffineFrame &actual,
+                                     const char *pcWhat)
+{
+    for (size_t i = 0; i < expected.FrameBytes(); i++) {
+        if (expected.bytes[i] != actual.bytes[i]) {
+            return ::testing::AssertionFailure()
+                   << pcWhat << ": first difference at " << Locate(c, i) << ": expected " << +expected.bytes[i]
+                   << ", got " << +actual.bytes[i] << "\n  " << AffineDescribe(c);
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+bool InsideArea(const AffineCase &c, size_t i)
+{
+    const tagST_REGISTRATION_AREA &a = c.stArea;
+    int32_t x, y;
+    AffineBytePosition(c.iWidth, c.iHeight, c.iPicType, i, &x, &y);
+    return x >= a.iStartX && x < a.iStartX + a.iWidth && y >= a.iStartY && y < a.iStartY + a.iHeight;
+}
+
+class AffineSweep : public ::testing::TestWithParam<AffineCase> {};
+
+// Vector body against plain twin over the whole area in one band, the vector body in four bands
+// and the four-worker driver against the same reference; the border keeps its earlier bytes.
+TEST_P(AffineSweep, VectorMatchesPlainAndBorderIsUntouched)
+{
+    const AffineCase &c = GetParam();
+    AffineRun plain(c), vec(c), banded(c), threaded(c);
+    plain.Band(false, 0, 1);
+    vec.Band(true, 0, 1);
+    for (int32_t i = 0; i < 4; i++) {
+        banded.Band(true, i, 4);
+    }
+    threaded.Driver();
+    ASSERT_TRUE(SameFrame(c, plain.dst, vec.dst, "vector body vs plain twin"));
+    ASSERT_TRUE(SameFrame(c, plain.dst, banded.dst, "four vector bands vs plain twin"));
+    ASSERT_TRUE(SameFrame(c, plain.dst, threaded.dst, "four workers vs plain twin"));
+
+    AffineFrame untouched(c.iWidth, c.iHeight, c.iPicType);
+    untouched.Fill(0x3Cu);
+    size_t uChanged = 0;
+    for (size_t i = 0; i < plain.dst.FrameBytes(); i++) {
+        if (!InsideArea(c, i)) {
+            ASSERT_EQ(untouched.bytes[i], plain.dst.bytes[i]) << "written outside the area at " << Locate(c, i)
+                                                              << "\n  " << AffineDescribe(c);
+        }
+        uChanged += untouched.bytes[i] != plain.dst.bytes[i];
+    }
+    EXPECT_GT(uChanged, 0u) << AffineDescribe(c);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, AffineSweep, ::testing::ValuesIn(AffineCaseList()),
+                         [](const ::testing::TestParamInfo<AffineCase> &info) {
+                             std::string s = info.param.name + "_type" + std::to_string(info.param.iPicType);
+                             for (char &ch : s) {
+                                 ch = isalnum((unsigned char)ch) ? ch : '_';
+                             }
+                             return s + "_" + std::to_string(info.index);
+                         });
+
+const AffineCase &FindCase(const char *pcName, int32_t iType)
+{
+    static const std::vector<AffineCase> cases = AffineCaseList();
+    for (const AffineCase &c : cases) {
+        if (c.name == pcName && c.iPicType == iType) {
+            return c;
+        }
+    }
+    throw std::runtime_error(pcName);
+}
+
+uint8_t SrcLuma(const AffineRun &r, int32_t x, int32_t y)
+{
+    return r.src.pic.pY[y * r.c.iWidth + x];
+}
+
+// Identity reproduces the source inside the area; a translation by half a pixel gives
+// top = (64 a + 64 b + 32) >> 6, out = (128 top + 128) >> 8, and leaves chroma in place.
+TEST(AffineTransform, IdentityAndHalfPixelTranslation)
+{
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        AffineRun id(FindCase("identity", iType)), half(FindCase("half-pixel", iType));
+        id.Driver();
+        half.Driver();
+        const tagST_REGISTRATION_AREA &a = id.c.stArea;
+        for (int32_t y = a.iStartY; y < a.iStartY + a.iHeight; y++) {
+            for (int32_t x = a.iStartX; x < a.iStartX + a.iWidth; x++) {
+                ASSERT_EQ(SrcLuma(id, x, y), id.dst.pic.pY[y * id.c.iWidth + x]) << "type " << iType << " x " << x << " y " << y;
+                // Columns right of the last whole group of 8 come from the nearest-sample tail.
+                const bool bTail = x >= a.iStartX + (a.iWidth & ~7);
+                const int32_t iTop = (64 * SrcLuma(half, x, y) + 64 * SrcLuma(half, x + 1, y) + 32) >> 6;
+                ASSERT_EQ(bTail ? SrcLuma(half, x, y) : (iTop * 128 + 128) >> 8, half.dst.pic.pY[y * half.c.iWidth + x])
+                    << "type " << iType << " x " << x << " y " << y;
+            }
+        }
+        for (size_t i = (size_t)id.c.iWidth * id.c.iHeight; i < id.dst.FrameBytes(); i++) {
+            if (InsideArea(id.c, i)) {
+                ASSERT_EQ(id.src.bytes[i], id.dst.bytes[i]) << Locate(id.c, i) << " type " << iType;
+                ASSERT_EQ(half.src.bytes[i], half.dst.bytes[i]) << Locate(half.c, i) << " type " << iType;
+            }
+        }
+    }
+}
+
+// Restores the test thread's processors after the fallback has pinned it to core 0.
+struct ScopedAffinity {
+    cpu_set_t stSaved;
+    ScopedAffinity() { sched_getaffinity(0, sizeof(stSaved), &stSaved); }
+    ~ScopedAffinity() { sched_setaffinity(0, sizeof(stSaved), &stSaved); }
+};
+
+// Workers that cannot be started: the caller warps the whole area itself, with the same bytes,
+// and takes the first affinity slot.
+TEST(AffineTransform, ThreadCreationFailureGivesTheSameOutput)
+{
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        const AffineCase &c = FindCase("odd-rows-band/wide-jitter", iType);
+        AffineRun normal(c), fallback(c);
+        normal.Driver();
+        {
+            ScopedAffinity stRestore;
+            ScopedThreadCreateFailure stFail(0);
+            testing::internal::CaptureStderr();
+            fallback.Driver();
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_NE(std::string::npos, log.find("E/ZB5QU_QVLDC: Thread Create Failed i = 0!!!")) << log;
+        }
+        EXPECT_EQ(1, fallback.para.aiThreadState[0]);
+        EXPECT_EQ(0, fallback.para.aiThreadState[1]);
+        ASSERT_TRUE(SameFrame(c, normal.dst, fallback.dst, "single-thread fallback vs four workers"));
+    }
+}
+
+// FNV-1a of one output frame. The plain twin defines the bytes identically on every target, so
+// host (through SIMDe), armhf and arm64 must all arrive at this value.
+TEST(AffineTransform, SameBytesOnEveryTarget)
+{
+    const AffineCase &c = FindCase("inner-tail-6/wide-jitter", LDC_PIC_NV21);
+    AffineRun r(c);
+    r.Driver();
+    uint32_t uHash = 2166136261u;
+    for (size_t i = 0; i < r.dst.FrameBytes(); i++) {
+        uHash = (uHash ^ r.dst.bytes[i]) * 16777619u;
+    }
+    EXPECT_EQ(1095329950u, uHash) << AffineDescribe(c);
+}
+
+// The scalar companions: a horizontal luma ramp (value 2x) makes the source column visible.
+struct RampRun {
+    AffineFrame src;
+    AffineFrame dst;
+    explicit RampRun(int32_t iType) : src(128, 16, iType), dst(128, 16, iType)
+    {
+        src.Fill(7);
+        for (int32_t y = 0; y < 16; y++) {
+            for (int32_t x = 0; x < 128; x++) {
+                src.pic.pY[y * 128 + x] = (uint8_t)(2 * x);
+            }
+        }
+    }
+    uint8_t Out(int32_t x, int32_t y) const { return dst.pic.pY[y * 128 + x]; }
+};
+
+TEST(AffineTransformScalar, IdentityReproducesTheSourceInBothLayouts)
+{
+    float afId[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        RampRun r(iType);
+        tagST_REGISTRATION_AREA stArea = {0, 0, 126, 14};
+        EXPECT_EQ(0, AffineTransform(&r.src.pic, &r.src.pic, &r.dst.pic, afId, &stArea, NULL, iType));
+        for (size_t i = 0; i < r.dst.FrameBytes(); i++) {
+            const AffineCase c{"ramp", 128, 16, iType, stArea, {}};
+            if (InsideArea(c, i)) {
+                ASSERT_EQ(r.src.bytes[i], r.dst.bytes[i]) << "type " << iType << " " << Locate(c, i);
+            }
+        }
+    }
+}
+
+// den = 1 + x / 100: the semi-planar companion holds the reciprocal of each group's first block
+// for the whole group, the planar one divides for every block.
+TEST(AffineTransformScalar, ReciprocalPerGroupOrPerBlock)
+{
+    float afM[9] = {1, 0, 0, 0, 1, 0, 0.01f, 0, 1};
+    tagST_REGISTRATION_AREA stArea = {0, 0, 64, 4};
+    RampRun semi(LDC_PIC_NV21), planar(LDC_PIC_YUV420);
+    AffineTransform_NV12(&semi.src.pic, &semi.src.pic, &semi.dst.pic, afM, &stArea, NULL);
+    AffineTransform_YUV420(&planar.src.pic, &planar.src.pic, &planar.dst.pic, afM, &stArea, NULL);
+    // Block x = 14 of the group at 8: 14 / 1.08 = 12.96 against 14 / 1.14 = 12.28 (ramp value 2x).
+    EXPECT_NEAR(2 * 14 / 1.08, semi.Out(14, 0), 1.0);
+    EXPECT_NEAR(2 * 14 / 1.14, planar.Out(14, 0), 1.0);
+    EXPECT_EQ(semi.Out(8, 0), planar.Out(8, 0));   // the group's first block agrees
+}
+
+// The planar companion limits ix to [x0, area width - 1], the width standing in for the far edge.
+TEST(AffineTransformScalar, PlanarLimitsUseTheAreaSize)
+{
+    float afShift[9] = {1, 0, 100, 0, 1, 0, 0, 0, 1};
+    tagST_REGISTRATION_AREA stArea = {0, 0, 32, 8};
+    RampRun r(LDC_PIC_YUV420);
+    AffineTransform(&r.src.pic, &r.src.pic, &r.dst.pic, afShift, &stArea, NULL, LDC_PIC_YUV420);
+    for (int32_t x = 0; x < 32; x += 2) {
+        ASSERT_EQ(2 * 31, r.Out(x, 0)) << x;
+        ASSERT_EQ(2 * 32, r.Out(x + 1, 0)) << x;
+    }
+}
+
+}  // namespace

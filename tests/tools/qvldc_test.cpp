@@ -166,6 +166,35 @@ TEST(QvldcParse, LibraryLog)
     EXPECT_EQ(-1, stLog.iTimeMs);
 }
 
+TEST(QvldcParse, FramePath)
+{
+    tagST_LDC_PARA stPara;
+    memset(&stPara, 0, sizeof(stPara));
+    int32_t iFov = -1;
+    auto path = [&](const char *pcLog) { return DescribeFramePath(stPara, ParseLibraryLog(pcLog), &iFov); };
+
+    stPara.iFDCMode = 1;
+    EXPECT_EQ("global face correction: the line check found no bending line (global face model)",
+              path("I/ZB5QU_QVLDC: FOV is lost 4%\n"));
+    EXPECT_EQ(4, iFov);
+    // Mode 2 after a refused fit: the stretch is what counts, with the lens model while LDC is on.
+    stPara.iFDCMode = 2;
+    stPara.iLDCEnable = 1;
+    EXPECT_EQ("global correction as the fallback of a refused face correction (lens model over its valid area)",
+              path("E/ZB5QU_QVLDC: FOV is lost 30%, more than 10%, ret of H is 0!\nI/ZB5QU_QVLDC: FOV is lost 2%\n"));
+    EXPECT_EQ(2, iFov);
+    stPara.iFDCMode = 0;
+    EXPECT_EQ("face homography on the lens-corrected frame", path("I/ZB5QU_QVLDC: FOV is lost 6%, ret of H is 0\n"));
+    EXPECT_EQ(6, iFov);
+    EXPECT_EQ("copy: the face correction pushed a face's outer edge out",
+              path("I/ZB5QU_QVLDC: FOV is lost 6%, ret of H is 0\nE/ZB5QU_QVLDC: bFDCEffect = 0\n"));
+    EXPECT_EQ(0, iFov);
+    EXPECT_EQ("copy: the face correction cost too much field of view",
+              path("E/ZB5QU_QVLDC: FOV is lost 30%, more than 10%, ret of H is 0!\n"));
+    EXPECT_EQ(0, iFov);
+    EXPECT_EQ("copy: no correction applies", path("I/ZB5QU_QVLDC: Exit IQV_LDC_Process.\n"));
+}
+
 bool Options(std::vector<const char *> vpcArgs, tagST_QV_OPTIONS *pstOpt, std::string *pstrError)
 {
     vpcArgs.insert(vpcArgs.begin(), "qvldc");

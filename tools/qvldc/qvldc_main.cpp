@@ -120,31 +120,6 @@ struct FrameResult {
     tagST_QV_LINE_CHECK stCheck;
 };
 
-std::string DescribePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
-{
-    *piFovLost = 0;
-    if (stLog.bGlobal) {
-        *piFovLost = stLog.iGlobalFovLost;
-        const char *pcModel = stPara.iLDCEnable == 1 ? "lens model over its valid area"
-                                                     : "global face model";
-        if (stPara.iFDCMode == 1) {
-            return std::string("global face correction: the line check found no bending line (") + pcModel + ")";
-        }
-        return std::string("global correction as the fallback of a refused face correction (") + pcModel + ")";
-    }
-    if (stLog.bFaceFit && !stLog.bFaceFitRefused && !stLog.bFaceEdgeRefused) {
-        *piFovLost = stLog.iFaceFovLost;
-        return "face homography on the lens-corrected frame";
-    }
-    if (stLog.bFaceFitRefused) {
-        return "copy: the face correction cost too much field of view";
-    }
-    if (stLog.bFaceEdgeRefused) {
-        return "copy: the face correction pushed a face's outer edge out";
-    }
-    return "copy: no correction applies";
-}
-
 std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_QV_FRAME &stFrame,
                                        int32_t iISO, const std::vector<ST_FACE_RECT> &vstFaces,
                                        const tagST_QV_LINE_CHECK *pstCheck)
@@ -197,7 +172,7 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     }
     stResult.stLog = ParseLibraryLog(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
-    stResult.strPath = DescribePath(stResult.stPara, stResult.stLog, &stResult.iFovLost);
+    stResult.strPath = DescribeFramePath(stResult.stPara, stResult.stLog, &stResult.iFovLost);
     // The replay logs a bending line a second time; that copy is not the frame's and is dropped.
     if (stResult.stPara.pucWorkBuf != NULL && stResult.stPara.iImgWidth == stIn.iWidth) {
         CaptureStderr([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stResult.stCheck); });

@@ -248,6 +248,31 @@ tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog)
     return stSummary;
 }
 
+std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
+{
+    *piFovLost = 0;
+    if (stLog.bGlobal) {
+        *piFovLost = stLog.iGlobalFovLost;
+        const char *pcModel = stPara.iLDCEnable == 1 ? "lens model over its valid area"
+                                                     : "global face model";
+        if (stPara.iFDCMode == 1) {
+            return std::string("global face correction: the line check found no bending line (") + pcModel + ")";
+        }
+        return std::string("global correction as the fallback of a refused face correction (") + pcModel + ")";
+    }
+    if (stLog.bFaceFit && !stLog.bFaceFitRefused && !stLog.bFaceEdgeRefused) {
+        *piFovLost = stLog.iFaceFovLost;
+        return "face homography on the lens-corrected frame";
+    }
+    if (stLog.bFaceFitRefused) {
+        return "copy: the face correction cost too much field of view";
+    }
+    if (stLog.bFaceEdgeRefused) {
+        return "copy: the face correction pushed a face's outer edge out";
+    }
+    return "copy: no correction applies";
+}
+
 const char *UsageText()
 {
     return

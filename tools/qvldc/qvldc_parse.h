@@ -94,6 +94,10 @@ bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfi
 // lines are ignored.
 tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog);
 
+// Which way IQV_LDC_Process took the frame, in words, from the decision fields it left in the
+// instance and its log; *piFovLost receives the field of view the chosen path lost (0 for a copy).
+std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost);
+
 // Parses argv; on false *pstrError says why. --help wins over everything else.
 bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError);
 const char *UsageText();

@@ -89,10 +89,20 @@ static inline float RecipEstimateF32(float f)
     return BitsFloat(uSign | (uResultExp << 23) | ((uEstimate & 0xFFu) << 15));
 }
 
-// One Newton-Raphson step factor of 32-bit ARM's VRECPS: 2 - a * b with the product rounded
-// before the subtraction (arm64's FRECPS fuses it), and 2 for infinity times zero.
+// 32-bit ARM's Advanced SIMD flushes denormal operands to zero.
+static inline float FlushDenormalF32(float f)
+{
+    const uint32_t u = FloatBits(f);
+    return ((u & 0x7F800000u) == 0u) ? BitsFloat(u & 0x80000000u) : f;
+}
+
+// One Newton-Raphson step factor of 32-bit ARM's VRECPS: 2 - a * b with denormal operands
+// flushed, the product rounded before the subtraction (arm64's FRECPS fuses it), and 2 for
+// infinity times zero.
 static inline float RecipStepF32(float a, float b)
 {
+    a = FlushDenormalF32(a);
+    b = FlushDenormalF32(b);
     const float fProd = a * b;
     if (fProd != fProd && a == a && b == b) {
         return 2.0f;
@@ -100,10 +110,33 @@ static inline float RecipStepF32(float a, float b)
     return 2.0f - fProd;
 }
 
+#if !defined(__arm__)
+// Lanes whose magnitude is below 2^-126 (denormals and zeros), as 32-bit ARM's flush-to-zero sees them.
+static inline uint32x4_t VisTinyF32(float32x4_t v)
+{
+    return vcltq_f32(vabsq_f32(v), vdupq_n_f32(1.17549435e-38f));
+}
+
+static inline float32x4_t VflushDenormalF32(float32x4_t v)
+{
+    const float32x4_t vSignedZero = vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(v), vdupq_n_u32(0x80000000u)));
+    return vbslq_f32(VisTinyF32(v), vSignedZero, v);
+}
+#endif
+
 static inline float32x4_t VrecpeqF32(float32x4_t v)
 {
-#if defined(__arm__) || defined(__aarch64__)
+#if defined(__arm__)
     return vrecpeq_f32(v);
+#elif defined(__aarch64__)
+    // arm64 keeps denormals: tiny inputs give finite estimates and huge ones denormal results,
+    // where 32-bit ARM gives infinity and zero.
+    const uint32x4_t vSign = vandq_u32(vreinterpretq_u32_f32(v), vdupq_n_u32(0x80000000u));
+    const float32x4_t vSignedInf = vreinterpretq_f32_u32(vorrq_u32(vSign, vdupq_n_u32(0x7F800000u)));
+    const float32x4_t vSignedZero = vreinterpretq_f32_u32(vSign);
+    const uint32x4_t vHuge = vcgeq_f32(vabsq_f32(v), vdupq_n_f32(8.50705917e+37f));   // 2^126
+    const float32x4_t vEstimate = vbslq_f32(vHuge, vSignedZero, vrecpeq_f32(v));
+    return vbslq_f32(VisTinyF32(v), vSignedInf, vEstimate);
 #else
     float af[4];
     vst1q_f32(af, v);
@@ -119,6 +152,8 @@ static inline float32x4_t VrecpsqF32(float32x4_t a, float32x4_t b)
 #if defined(__arm__)
     return vrecpsq_f32(a, b);
 #else
+    a = VflushDenormalF32(a);
+    b = VflushDenormalF32(b);
     const float32x4_t vProd = vmulq_f32(a, b);
     const uint32x4_t vInfTimesZero =
         vandq_u32(vmvnq_u32(vceqq_f32(vProd, vProd)), vandq_u32(vceqq_f32(a, a), vceqq_f32(b, b)));

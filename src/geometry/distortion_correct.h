@@ -1,0 +1,97 @@
+// Distortion-correction remap: every output pixel inside the model's rectangle takes its value
+// from the input frame at the position the radial model maps it to. The mapping is evaluated once
+// per 2 x 2 output block, four blocks (eight columns) at a time; luma is interpolated bilinearly
+// with 7-bit weights, chroma is the nearest sample. Pixels outside the rectangle are not written.
+//
+// The plain worker bodies and InterpolateLumaBlock define the bytes; the _neon twins must give
+// the same bytes on every target (tests/geometry/distortion_correct_test.cpp compares them).
+#ifndef LDC_GEOMETRY_DISTORTION_CORRECT_H
+#define LDC_GEOMETRY_DISTORTION_CORRECT_H
+
+#include <stdint.h>
+
+#include "geometry/lens_model.h"
+#include "interface/ldc_para.h"
+#include "platform/neon.h"
+
+// The column table lies in the working buffer just past one frame's worth of bytes, where the
+// intermediate image ends: one float quadruple per eight output columns.
+#define LDC_COLUMN_TABLE_OFFSET(iWidth, iHeight) (((iWidth) * (iHeight) * 3) / 2)
+#define LDC_COLUMN_TABLE_BYTES(iLeft, iRight) ((size_t)(((iRight) - (iLeft) + 8) & ~7) * 2)
+
+// Work record handed read-only to every worker. Semi-planar: pucSrcU / pucDstU address the
+// interleaved chroma plane (pitch W) and the V pointers are not read. Planar: U and V planes of
+// pitch W >> 1.
+typedef struct tagST_LDC_WORK {
+    tagST_LDC_PARA *pstPara;
+    uint8_t *pucSrcY;
+    uint8_t *pucSrcU;
+    uint8_t *pucSrcV;
+    uint8_t *pucDstY;
+    uint8_t *pucDstU;
+    uint8_t *pucDstV;
+} tagST_LDC_WORK;
+
+// One worker's share of the rectangle, with the model it maps through.
+typedef struct tagST_LDC_BAND {
+    tagST_RADIAL_MODEL stModel;
+    int32_t iLeft;
+    int32_t iRight;
+    int32_t iStart;    // first row (even)
+    int32_t iRows;     // even, may be 0
+    int32_t iGroups;   // whole groups of eight columns; the rest is the tail
+} tagST_LDC_BAND;
+
+typedef void (*LdcDistortionBody)(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Remaps the frame described by pstSrc into pstDst on four pinned workers (the calling thread
+// does the whole rectangle itself when they cannot be started). iPlanar is non-zero for picture
+// type 2 and 0 for the semi-planar types, whose pU is the first byte of the interleaved plane.
+// Only the descriptors' plane pointers pY, pU, pV are read: the size, the model, the rectangle
+// and the working buffer (column table) come from the instance. The frame driver passes its
+// input and intermediate descriptors as they are. Returns 0.
+LDC_EXPORT int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara,
+                                          const tagST_PIC *pstSrc, const tagST_PIC *pstDst);
+
+#ifdef __cplusplus
+}
+#endif
+
+// The same driver, threads and fallback around the plain worker bodies.
+int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, const tagST_PIC *pstSrc,
+                          const tagST_PIC *pstDst);
+
+// Thread entries of create_thread_lock: band index of the thread record out of four bands.
+void *DistortionCorrectThread_NV12(void *pArg);
+void *DistortionCorrectThread_YUV420(void *pArg);
+
+// Worker bodies: correct band iIndex of iCount.
+void DistortionCorrect_neon_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
+void DistortionCorrect_neon_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
+void DistortionCorrect_NV12(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
+void DistortionCorrect_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);
+
+// Shared by both twins of a body: claims an affinity slot and pins the calling thread, then
+// fills in the model, the rectangle's columns and the rows of band iIndex out of iCount.
+void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount,
+                         tagST_LDC_BAND *pstBand);
+// The columns right of the last whole group, nearest sample, two at a time (scalar in both
+// twins).
+void DistortionCorrectTail_NV12(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand);
+void DistortionCorrectTail_YUV420(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand);
+
+// Bilinear 2 x 8 luma block: output columns 2k, 2k + 1 of rows 0 and 1 (pucDst, pucDst + iPitch)
+// are sampled at source offset o_k (plus the column / row) with fractions fx_k, fy_k in 1/128.
+// Returns 1 when the offsets were taken as contiguous (only their sum is tested) and the block
+// was read as three 9-byte rows from o0, else 0.
+int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+                                  int32x4_t viOffset, uint16x4_t vuFx, uint16x4_t vuFy);
+int32_t InterpolateLumaBlock(uint8_t *pucDst, const uint8_t *pucSrc, int32_t iPitch,
+                             const int32_t aiOffset[4], const uint16_t auFx[4],
+                             const uint16_t auFy[4]);
+
+#endif

@@ -1,0 +1,304 @@
+// The configuration schema: defaults, normalisation, profile choice, principal point, classifier
+// keys and every refusal with its message.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <string.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "config/config_schema.h"
+
+namespace {
+
+std::string TestConfigPath(const char *pcName)
+{
+    return std::string(LDC_TEST_CONFIG_DIR) + "/" + pcName;
+}
+
+// A 640 x 480 profile that parses, behind the sections a test varies.
+const char kProfile640[] =
+    "<DistortionCorrection1><ImageWidth>640</ImageWidth><ImageHeight>480</ImageHeight>"
+    "<CameraMatrix>535.91573 0 342.28315 0 535.91573 235.57083 0 0 1</CameraMatrix>"
+    "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221"
+    "</DistortionCoefficients>"
+    "<GlobalFDCCoefficients>2.5e-7 3.90625e-13 0 0.00186597</GlobalFDCCoefficients>"
+    "</DistortionCorrection1>";
+
+// Writes a configuration made of the given sections (and, unless told otherwise, the 640 x 480
+// profile) to its own file; each test names its file so that the store never reuses one.
+std::string WriteConfig(const std::string &strName, const std::string &strSections,
+                        bool bWithProfile = true)
+{
+    const std::string strPath = testing::TempDir() + "ldc_schema_" + strName + ".xml";
+    std::ofstream stOut(strPath, std::ios::binary | std::ios::trunc);
+    stOut << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Config>\n" << strSections
+          << (bWithProfile ? kProfile640 : "") << "\n</Config>\n";
+    return strPath;
+}
+
+struct ParseOutcome {
+    int32_t iRet;
+    tagST_LDC_PARA stPara;
+    std::string strLog;
+};
+
+ParseOutcome Parse(const std::string &strPath, int32_t iWidth, int32_t iHeight)
+{
+    ParseOutcome stOut;
+    memset(&stOut.stPara, 0, sizeof(stOut.stPara));
+    stOut.stPara.iImgWidth = iWidth;
+    stOut.stPara.iImgHeight = iHeight;
+    testing::internal::CaptureStderr();
+    stOut.iRet = ParseConfigFile(strPath.c_str(), &stOut.stPara);
+    stOut.strLog = testing::internal::GetCapturedStderr();
+    return stOut;
+}
+
+std::string ErrorLine(const char *pcMessage)
+{
+    return std::string("E/ZB5QU_QVLDC: ") + pcMessage + "\n";
+}
+
+// The global, face-correction and line-detection fields in the order of their keys.
+std::vector<float> SectionFields(const tagST_LDC_PARA &p)
+{
+    return {(float)p.iLDCFlag, (float)p.iFDCFlag, (float)p.iYUVFlag, (float)p.iMultiFacesLDCFlag,
+            (float)p.iMultiFacesFDCFlag, (float)p.iGolbalFDCFlag, (float)p.iLDCAreaRestrictedFlag,
+            (float)p.iFDCAreaRestrictedFlag, p.fRestrictedAreaRatio, p.fCorrectionDegree,
+            (float)p.iFOVLost, (float)p.iBendDecideMode, (float)p.iBinarizationThresh,
+            p.fConnectLineRatio, p.fLineLengthRatio};
+}
+
+TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
+{
+    const ParseOutcome stOut = Parse(TestConfigPath("no_globals.xml"), 640, 480);
+    ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
+    EXPECT_EQ("", stOut.strLog);
+    const tagST_LDC_PARA &p = stOut.stPara;
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f}),
+              SectionFields(p));
+    EXPECT_EQ(0, p.iBendValue);
+    EXPECT_EQ(240, p.iSvmFactor);   // half of the shorter side
+    EXPECT_EQ(0, p.stSvmModel.aiNSv[0] | p.stSvmModel.aiNSv[1]);
+
+    EXPECT_EQ(343.0f, p.afCameraMatrix[2]);
+    EXPECT_EQ(-0.000281221f, p.afDistortionCoefficients[4]);
+    EXPECT_EQ(0.00186597f, p.afGlobalFDCCoefficients[3]);
+}
+
+TEST(ConfigSchema, FlagsAndRangesAreNormalised)
+{
+    const std::string strHigh = WriteConfig(
+        "clamp_high",
+        "<Global><LDCFlag>5</LDCFlag><FDCFlag>-1</FDCFlag><YUVFlag>3</YUVFlag>"
+        "<MultiFacesLDCFlag>0</MultiFacesLDCFlag><MultiFacesFDCFlag>2</MultiFacesFDCFlag>"
+        "<GolbalFDCFlag>7</GolbalFDCFlag><LDCAreaRestrictedFlag>9</LDCAreaRestrictedFlag>"
+        "<FDCAreaRestrictedFlag>-4</FDCAreaRestrictedFlag>"
+        "<RestrictedAreaRatio>1.5</RestrictedAreaRatio></Global>"
+        "<FaceDistortionCorrection><CorrectionDegree>2</CorrectionDegree>"
+        "<FOVLost>250</FOVLost></FaceDistortionCorrection>"
+        // Mode 2 clamps to 1 but loads no classifier: there is none in this file.
+        "<LineDetection><BendDecideMode>2</BendDecideMode>"
+        "<BinarizationThresh>300</BinarizationThresh><ConnectLineRatio>7</ConnectLineRatio>"
+        "<LineLengthRatio>1.0001</LineLengthRatio></LineDetection>");
+    const ParseOutcome stHigh = Parse(strHigh, 640, 480);
+    ASSERT_EQ(0, stHigh.iRet) << stHigh.strLog;
+    EXPECT_EQ((std::vector<float>{1, 1, 1, 0, 1, 2, 1, 1, 1.0f, 1.0f, 100, 1, 255, 1.0f, 1.0f}),
+              SectionFields(stHigh.stPara));
+    EXPECT_EQ(0, stHigh.stPara.stSvmModel.aiNSv[0] | stHigh.stPara.stSvmModel.aiNSv[1]);
+
+    const std::string strLow = WriteConfig(
+        "clamp_low",
+        "<Global><GolbalFDCFlag>-3</GolbalFDCFlag><RestrictedAreaRatio>-0.25</RestrictedAreaRatio>"
+        "</Global><FaceDistortionCorrection><CorrectionDegree>nan</CorrectionDegree>"
+        "<FOVLost>-5</FOVLost></FaceDistortionCorrection>"
+        "<LineDetection><BendDecideMode>-2</BendDecideMode>"
+        "<BinarizationThresh>-1</BinarizationThresh><ConnectLineRatio>0.25</ConnectLineRatio>"
+        "</LineDetection>");
+    const ParseOutcome stLow = Parse(strLow, 640, 480);
+    ASSERT_EQ(0, stLow.iRet) << stLow.strLog;
+    // Keys left out keep their defaults; NaN is taken as 0; 0.25 lies inside its range.
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 0, 0, 0, 0.0f, 0.0f, 0, 0, 0, 0.25f, 0.5f}),
+              SectionFields(stLow.stPara));
+}
+
+TEST(ConfigSchema, ProfileServesBothOrientationsAndKeepsItsOwn)
+{
+    const struct {
+        int32_t iWidth;
+        int32_t iHeight;
+    } astSizes[] = {{4000, 3000}, {3000, 4000}};
+    for (const auto &stSize : astSizes) {
+        const ParseOutcome stOut =
+            Parse(TestConfigPath("transposed_profile.xml"), stSize.iWidth, stSize.iHeight);
+        ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
+        EXPECT_EQ(3000, stOut.stPara.iImgWidth);
+        EXPECT_EQ(4000, stOut.stPara.iImgHeight);
+        EXPECT_EQ(1500, stOut.stPara.iSvmFactor);
+    }
+}
+
+TEST(ConfigSchema, FirstMatchingProfileWinsAndShortVectorsKeepZeros)
+{
+    // Profile 2 holds the same size (from the common profile text) and must not be reached.
+    std::string strSecond = kProfile640;
+    for (size_t uPos; (uPos = strSecond.find("DistortionCorrection1")) != std::string::npos;) {
+        strSecond.replace(uPos, strlen("DistortionCorrection1"), "DistortionCorrection2");
+    }
+    const std::string strPath = WriteConfig(
+        "first_match",
+        "<DistortionCorrection1><ImageWidth>480</ImageWidth><ImageHeight>640</ImageHeight>"
+        "<CameraMatrix>500 0 241 0 500</CameraMatrix>"
+        "<DistortionCoefficients>0.5</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>1 2 3 4</GlobalFDCCoefficients>"
+        "<BendValue>7</BendValue><SvmFactor>99</SvmFactor></DistortionCorrection1>" + strSecond,
+        false);
+    const ParseOutcome stOut = Parse(strPath, 640, 480);
+    ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
+    const tagST_LDC_PARA &p = stOut.stPara;
+    EXPECT_EQ(480, p.iImgWidth);
+    EXPECT_EQ(640, p.iImgHeight);
+    // Missing elements stay 0 (v0 0 then moves to 1).
+    EXPECT_EQ((std::vector<float>{500, 0, 241, 0, 500, 1, 0, 0, 0}),
+              std::vector<float>(p.afCameraMatrix, p.afCameraMatrix + 9));
+    EXPECT_EQ((std::vector<float>{0.5f, 0, 0, 0, 0}),
+              std::vector<float>(p.afDistortionCoefficients, p.afDistortionCoefficients + 5));
+    EXPECT_EQ(7, p.iBendValue);
+    EXPECT_EQ(99, p.iSvmFactor);
+}
+
+TEST(ConfigSchema, PrincipalPointMovesToOddPixels)
+{
+    const ParseOutcome stTruncated = Parse(TestConfigPath("principal_point.xml"), 4000, 3000);
+    ASSERT_EQ(0, stTruncated.iRet) << stTruncated.strLog;
+    EXPECT_EQ(2001.0f, stTruncated.stPara.afCameraMatrix[2]);
+    EXPECT_EQ(1499.0f, stTruncated.stPara.afCameraMatrix[5]);
+    EXPECT_EQ(3349.47f, stTruncated.stPara.afCameraMatrix[0]);
+    EXPECT_EQ(3349.47f, stTruncated.stPara.afCameraMatrix[4]);
+
+    const ParseOutcome stWhole = Parse(TestConfigPath("principal_point.xml"), 4000, 3002);
+    ASSERT_EQ(0, stWhole.iRet) << stWhole.strLog;
+    EXPECT_EQ(1999.0f, stWhole.stPara.afCameraMatrix[2]);
+    EXPECT_EQ(1501.0f, stWhole.stPara.afCameraMatrix[5]);
+}
+
+TEST(ConfigSchema, ClassifierKeysFillTheModel)
+{
+    const ParseOutcome stOut = Parse(TestConfigPath("svm_model.xml"), 640, 480);
+    // The fourth global coefficient is 0, which the classifier mode accepts.
+    ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
+    const tagST_SVM_MODEL &m = stOut.stPara.stSvmModel;
+    EXPECT_EQ(1, stOut.stPara.iBendDecideMode);
+    EXPECT_EQ(2.0f, m.fGamma);
+    EXPECT_EQ(5.0f, m.fRho);
+    EXPECT_EQ(2, m.aiNSv[0]);
+    EXPECT_EQ(1, m.aiNSv[1]);
+    // The element after the last value read stays 0.
+    EXPECT_EQ((std::vector<float>{6.0f, -3.5f, 0.25f, 0}), std::vector<float>(m.afSvCoef, m.afSvCoef + 4));
+    EXPECT_EQ((std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f, -0.5f, -0.6f, -0.7f, -0.8f, 0.9f, -1.0f, 0.5f, -0.25f, 0}),
+              std::vector<float>(m.afSv, m.afSv + 13));
+}
+
+TEST(ConfigSchema, ClassifierRefusals)
+{
+    const ParseOutcome stTooMany = Parse(TestConfigPath("svm_count_201.xml"), 640, 480);
+    EXPECT_EQ(LDC_ERR_PARAM, stTooMany.iRet);
+    EXPECT_EQ(ErrorLine("The number of Sv is 201, can't be more than 200!"), stTooMany.strLog);
+
+    const struct {
+        const char *pcName;
+        const char *pcSvm;
+        const char *pcMessage;
+    } astCases[] = {
+        {"svm_no_number", "<SvCoeff>1</SvCoeff><SvValue>1 2 3 4</SvValue>",
+         "Can't get the svm param: SvNumber!"},
+        {"svm_empty_number", "<SvNumber></SvNumber><SvCoeff>1</SvCoeff>",
+         "Can't get the svm param: SvNumber!"},
+        {"svm_no_coeff", "<SvNumber>1 0</SvNumber><SvValue>1 2 3 4</SvValue>",
+         "Can't get the svm param: SvCoeff!"},
+        {"svm_no_value", "<SvNumber>1 0</SvNumber><SvCoeff>1</SvCoeff>",
+         "Can't get the svm param: SvValue!"},
+    };
+    for (const auto &stCase : astCases) {
+        const std::string strPath = WriteConfig(
+            stCase.pcName, std::string("<LineDetection><BendDecideMode>1</BendDecideMode><SVM>") +
+                               stCase.pcSvm + "</SVM></LineDetection>");
+        const ParseOutcome stOut = Parse(strPath, 640, 480);
+        EXPECT_EQ(LDC_ERR_PARAM, stOut.iRet) << stCase.pcName;
+        EXPECT_EQ(ErrorLine(stCase.pcMessage), stOut.strLog) << stCase.pcName;
+    }
+
+    // 200 vectors fit; short vectors leave the rest of the model at 0.
+    const std::string strFull = WriteConfig(
+        "svm_200", "<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>150 50</SvNumber>"
+                   "<SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM></LineDetection>");
+    const ParseOutcome stFull = Parse(strFull, 640, 480);
+    ASSERT_EQ(0, stFull.iRet) << stFull.strLog;
+    EXPECT_EQ(1.5f, stFull.stPara.stSvmModel.afSvCoef[0]);
+    EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSvCoef[199]);
+    EXPECT_EQ(2.0f, stFull.stPara.stSvmModel.afSv[1]);
+    EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSv[2]);
+
+    // Only the 32-bit sum of the counts is checked; a sum that wraps negative reads no values.
+    const std::string strWrapped = WriteConfig(
+        "svm_wrapped", "<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>2147483647 1"
+                       "</SvNumber><SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM></LineDetection>");
+    const ParseOutcome stWrapped = Parse(strWrapped, 640, 480);
+    ASSERT_EQ(0, stWrapped.iRet) << stWrapped.strLog;
+    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSvCoef[0]);
+    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSv[0]);
+}
+
+TEST(ConfigSchema, EighthProfileIsNeverServed)
+{
+    const ParseOutcome stSeventh = Parse(TestConfigPath("profile8_only.xml"), 720, 1280);
+    ASSERT_EQ(0, stSeventh.iRet) << stSeventh.strLog;
+    EXPECT_EQ(1280, stSeventh.stPara.iImgWidth);
+    EXPECT_EQ(639.0f, stSeventh.stPara.afCameraMatrix[2]);
+
+    const ParseOutcome stEighth = Parse(TestConfigPath("profile8_only.xml"), 640, 480);
+    EXPECT_EQ(LDC_ERR_PARAM, stEighth.iRet);
+    EXPECT_EQ(ErrorLine("Image size is not supportted!"), stEighth.strLog);
+    // Profile 8 was matched and read before the refusal.
+    EXPECT_EQ(343.0f, stEighth.stPara.afCameraMatrix[2]);
+}
+
+TEST(ConfigSchema, ProfileRefusals)
+{
+    const struct {
+        int32_t iWidth;
+        int32_t iHeight;
+        const char *pcMessage;
+    } astCases[] = {
+        {640, 480, "Can't get the camera matrix!"},
+        {1280, 720, "Can't get the distortion coefficients!"},
+        {320, 240, "Can't get the global FDC coefficients!"},
+        {352, 288, "Error GolbalFDCCoeff!"},
+        {800, 600, "Image size is not supportted!"},
+    };
+    for (const auto &stCase : astCases) {
+        const ParseOutcome stOut = Parse(TestConfigPath("missing_vectors.xml"), stCase.iWidth, stCase.iHeight);
+        EXPECT_EQ(LDC_ERR_PARAM, stOut.iRet) << stCase.iWidth << "x" << stCase.iHeight;
+        EXPECT_EQ(ErrorLine(stCase.pcMessage), stOut.strLog) << stCase.iWidth << "x" << stCase.iHeight;
+    }
+}
+
+TEST(ConfigSchema, UnreadableFiles)
+{
+    // A missing, empty or cut-off file becomes the empty default document: no profile matches.
+    for (const char *pcName : {"does_not_exist.xml", "empty.xml", "truncated.xml"}) {
+        const ParseOutcome stOut = Parse(TestConfigPath(pcName), 640, 480);
+        EXPECT_EQ(LDC_ERR_PARAM, stOut.iRet) << pcName;
+        EXPECT_EQ(ErrorLine("Image size is not supportted!"), stOut.strLog) << pcName;
+        EXPECT_EQ(1, stOut.stPara.iLDCFlag) << pcName;
+    }
+    // Only a path the store refuses outright cannot be loaded at all.
+    const ParseOutcome stLong = Parse("/" + std::string(255, 'a'), 640, 480);
+    EXPECT_EQ(LDC_ERR_XML_LOAD, stLong.iRet);
+    EXPECT_EQ(ErrorLine("Can't load xml file!"), stLong.strLog);
+}
+
+}  // namespace

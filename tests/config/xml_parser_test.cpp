@@ -1,0 +1,394 @@
+// XML reader: tree shape, texts and clear sections, error codes, encodings, files, handle
+// lifetime and hostile input.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "config/xml_parser.h"
+
+namespace {
+
+class XmlParserTest : public ::testing::Test {
+protected:
+    void SetUp() override { XMLNode::setGlobalOptions(char_encoding_UTF8); }
+    void TearDown() override
+    {
+        XMLNode::setGlobalOptions(char_encoding_UTF8);
+        for (const std::string &path : files) {
+            unlink(path.c_str());
+        }
+    }
+
+    std::string WriteFile(const std::string &name, const std::string &bytes)
+    {
+        std::string path = ::testing::TempDir() + "xml_parser_test_" + name;
+        FILE *f = fopen(path.c_str(), "wb");
+        EXPECT_NE(f, nullptr);
+        if (f != nullptr) {
+            fwrite(bytes.data(), 1, bytes.size(), f);
+            fclose(f);
+        }
+        files.push_back(path);
+        return path;
+    }
+
+    static XMLNode Parse(const char *text, XMLResults *res)
+    {
+        return XMLNode::parseString(text, nullptr, res);
+    }
+
+    std::vector<std::string> files;
+};
+
+TEST_F(XmlParserTest, TreeShapeNamesAttributesAndCaseInsensitiveLookup)
+{
+    XMLResults res;
+    XMLNode top = Parse("<?xml version=\"1.0\" encoding='UTF-8'?>\n"
+                        "<Config>\n"
+                        "  <Item id=\"1\" kind='a'>first</Item>\n"
+                        "  <Other/>\n"
+                        "  <ITEM id=\"2\">second</ITEM>\n"
+                        "</Config>\n",
+                        &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    ASSERT_FALSE(top.isEmpty());
+    EXPECT_EQ(top.getName(), nullptr);   // the unnamed top node holds declaration and root
+    ASSERT_EQ(top.nChildNode(), 2);
+    EXPECT_TRUE(top.getChildNode(0).isDeclaration());
+    EXPECT_STREQ(top.getChildNode(0).getAttribute("encoding"), "UTF-8");
+
+    XMLNode config = top.getChildNode("config", 0);
+    ASSERT_FALSE(config.isEmpty());
+    EXPECT_STREQ(config.getName(), "Config");   // stored as written
+    EXPECT_FALSE(config.isDeclaration());
+    EXPECT_EQ(config.nChildNode(), 3);
+    EXPECT_EQ(config.nText(), 0);
+    // Index counts only the children of the matching name, in document order.
+    EXPECT_STREQ(config.getChildNode("item", 0).getText(), "first");
+    EXPECT_STREQ(config.getChildNode("Item", 1).getText(), "second");
+    EXPECT_TRUE(config.getChildNode("Item", 2).isEmpty());
+    EXPECT_TRUE(config.getChildNode("Item", -1).isEmpty());
+    EXPECT_TRUE(config.getChildNode(nullptr, 0).isEmpty());
+    EXPECT_TRUE(config.getChildNode(7).isEmpty());
+
+    XMLNode item = config.getChildNode("Item", 0);
+    EXPECT_EQ(item.nAttribute(), 2);
+    EXPECT_STREQ(item.getAttribute("ID"), "1");
+    EXPECT_STREQ(item.getAttribute(1).pcName, "kind");
+    EXPECT_STREQ(item.getAttribute(1).pcValue, "a");
+    EXPECT_EQ(item.getAttribute("nope"), nullptr);
+    EXPECT_EQ(item.getText(1), nullptr);
+    EXPECT_STREQ(item.getParentNode().getName(), "Config");
+    EXPECT_EQ(config.getChildNode("Other", 0).nText(), 0);
+
+    // The empty node answers every query with "nothing".
+    XMLNode empty = XMLNode::emptyXMLNode;
+    EXPECT_TRUE(empty.isEmpty());
+    EXPECT_EQ(empty.getName(), nullptr);
+    EXPECT_EQ(empty.getText(0), nullptr);
+    EXPECT_TRUE(empty.getChildNode("a", 0).isEmpty());
+    EXPECT_EQ(empty.getClear(0).pcValue, nullptr);
+}
+
+TEST_F(XmlParserTest, SingleRootElementIsReturnedItself)
+{
+    // Nothing beside the root: the parse yields the root, so its children are one level up.
+    XMLNode root = Parse("<Config><A>1</A></Config>", nullptr);
+    EXPECT_STREQ(root.getName(), "Config");
+    EXPECT_TRUE(root.getChildNode("Config", 0).isEmpty());
+    EXPECT_TRUE(root.getParentNode().isEmpty());
+
+    // A declaration or a comment beside the root keeps the top node.
+    EXPECT_EQ(Parse("<?xml version=\"1.0\"?><Config/>", nullptr).getName(), nullptr);
+    XMLNode withComment = Parse("<!-- c --><Config/>", nullptr);
+    EXPECT_EQ(withComment.getName(), nullptr);
+    EXPECT_EQ(withComment.nClear(), 1);
+
+    // With a tag, the named child of the top node is returned.
+    XMLResults res;
+    XMLNode tagged = XMLNode::parseString("<?xml?><A/><B>x</B>", "b", &res);
+    EXPECT_STREQ(tagged.getText(), "x");
+    EXPECT_TRUE(XMLNode::parseString("<A/>", "C", &res).isEmpty());
+    EXPECT_EQ(res.error, eXMLErrorFirstTagNotFound);
+}
+
+TEST_F(XmlParserTest, TextsTrimEntitiesAndCommentRules)
+{
+    XMLNode n = Parse("<a>  \r\n\t3 \n</a>", nullptr);
+    EXPECT_STREQ(n.getText(), "3");
+
+    n = Parse("<a>&lt;&amp;&gt;&quot;&apos; &unknown; &amp</a>", nullptr);
+    EXPECT_STREQ(n.getText(), "<&>\"' &unknown; &amp");
+
+    // A comment first, then a text: the comment stays and the text is the only one.
+    n = Parse("<a><!-- five -->5</a>", nullptr);
+    EXPECT_EQ(n.nText(), 1);
+    EXPECT_STREQ(n.getText(), "5");
+    EXPECT_EQ(n.nClear(), 1);
+    EXPECT_STREQ(n.getClear().pcValue, " five ");
+
+    // A comment between two texts disappears and the texts join without a separator.
+    n = Parse("<a>1 <!-- x --> 2<!--y-->3</a>", nullptr);
+    EXPECT_EQ(n.nText(), 1);
+    EXPECT_STREQ(n.getText(), "123");
+    EXPECT_EQ(n.nClear(), 0);
+
+    // A child element between texts keeps them apart, and white-space-only texts vanish.
+    n = Parse("<a> x <b/> \n <c/>y</a>", nullptr);
+    EXPECT_EQ(n.nText(), 2);
+    EXPECT_STREQ(n.getText(0), "x");
+    EXPECT_STREQ(n.getText(1), "y");
+
+    // Clear sections are kept verbatim with their marks and no entity decoding.
+    n = Parse("<?xml?><!DOCTYPE cfg><a><![CDATA[<b>&amp;]]><PRE> <i>&lt; </PRE></a>", nullptr);
+    EXPECT_EQ(n.nClear(), 1);
+    EXPECT_STREQ(n.getClear().pcOpenTag, "<!DOCTYPE");
+    EXPECT_STREQ(n.getClear().pcValue, " cfg");
+    XMLNode a = n.getChildNode("a", 0);
+    ASSERT_EQ(a.nClear(), 2);
+    EXPECT_STREQ(a.getClear(0).pcValue, "<b>&amp;");
+    EXPECT_STREQ(a.getClear(0).pcCloseTag, "]]>");
+    EXPECT_STREQ(a.getClear(1).pcValue, " <i>&lt; ");
+    EXPECT_EQ(a.nChildNode(), 0);
+
+    // Attribute values are decoded too.
+    EXPECT_STREQ(Parse("<a v=\"x&amp;y\"/>", nullptr).getAttribute("v"), "x&y");
+}
+
+TEST_F(XmlParserTest, ErrorsBelowThreeKeepTheTreeOthersDiscardIt)
+{
+    XMLResults res;
+    XMLNode n = Parse("<Config><A>7</A>", &res);   // truncated file
+    EXPECT_EQ(res.error, eXMLErrorMissingEndTag);
+    EXPECT_STREQ(n.getName(), "Config");
+    EXPECT_STREQ(n.getChildNode("A", 0).getText(), "7");
+
+    n = Parse("  just text  ", &res);
+    EXPECT_EQ(res.error, eXMLErrorNoXMLTagFound);
+    ASSERT_FALSE(n.isEmpty());
+    EXPECT_STREQ(n.getText(), "just text");
+
+    // An end tag may close elements left open inside it.
+    n = Parse("<a><b><c></a>", &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    EXPECT_FALSE(n.getChildNode("b", 0).getChildNode("c", 0).isEmpty());
+
+    struct Bad {
+        const char *text;
+        XMLError error;
+    } const bad[] = {
+        {"", eXMLErrorEmpty},
+        {"   \n ", eXMLErrorEmpty},
+        {"<a>< b></a>", eXMLErrorMissingTagName},
+        {"<a></ ></a>", eXMLErrorMissingEndTagName},
+        {"<a></b>", eXMLErrorUnmatchedEndTag},
+        {"<a></a></a>", eXMLErrorUnmatchedEndTag},
+        {"<a><![CDATA[never closed</a>", eXMLErrorUnmatchedEndClearTag},
+        {"<a><!-- never closed </a>", eXMLErrorUnmatchedEndClearTag},
+        {"<a v=\"open></a>", eXMLErrorUnexpectedToken},
+        {"<a v=></a>", eXMLErrorUnexpectedToken},
+        {"<a =\"1\"></a>", eXMLErrorUnexpectedToken},
+        {"<a", eXMLErrorUnexpectedToken},
+        {"<a></a x>", eXMLErrorUnexpectedToken},
+    };
+    for (const Bad &b : bad) {
+        n = Parse(b.text, &res);
+        EXPECT_TRUE(n.isEmpty()) << b.text;
+        EXPECT_EQ(res.error, b.error) << b.text;
+        EXPECT_GE(res.error, eXMLErrorEmpty) << b.text;
+    }
+    EXPECT_TRUE(XMLNode::parseString(nullptr).isEmpty());
+
+    // The position of the first error is 1-based.
+    Parse("<a>\n  <b>\n  </c>", &res);
+    EXPECT_EQ(res.error, eXMLErrorUnmatchedEndTag);
+    EXPECT_EQ(res.nLine, 3);
+    EXPECT_EQ(res.nColumn, 3);
+}
+
+TEST_F(XmlParserTest, GuessCharEncoding)
+{
+    auto guess = [](const std::string &s, char attr = 1) {
+        std::string copy = s;
+        return XMLNode::guessCharEncoding(&copy[0], (int)copy.size(), attr);
+    };
+    const std::string pad(40, 'x');
+    EXPECT_EQ(guess("<a>short, 24 bytes.</a>_"), char_encoding_error);
+    EXPECT_EQ(guess(pad), char_encoding_UTF8);
+    EXPECT_EQ(guess("\xEF\xBB\xBF" + pad), char_encoding_UTF8);
+    EXPECT_EQ(guess(pad + "\xC3\xA9" + pad), char_encoding_UTF8);
+    EXPECT_EQ(guess(pad + "\xC3(" + pad), char_encoding_legacy);
+    EXPECT_EQ(guess(pad + "\xE4\xB8" + pad), char_encoding_legacy);
+    EXPECT_EQ(guess(pad + "\xE4\xB8"), char_encoding_UTF8);   // cut by the end: no evidence
+    // Wide-character files: a 16-bit mark, or mostly small 32-bit words.
+    EXPECT_EQ(guess("\xFF\xFE" + pad), char_encoding_error);
+    EXPECT_EQ(guess("\xFE\xFF" + pad), char_encoding_error);
+    std::string wide;
+    for (char c : pad) {
+        wide += std::string(1, c) + std::string(3, '\0');
+    }
+    EXPECT_EQ(guess(wide), char_encoding_error);
+    EXPECT_EQ(guess(pad + "\xFF\xFE", 1), char_encoding_UTF8);
+    EXPECT_EQ(guess(pad + std::string(4, '\0') + "xxxx"), char_encoding_error);   // a zero word
+
+    // The encoding attribute decides once it is complete; case and blanks do not matter.
+    const std::string decl = "<?xml version=\"1.0\" encoding";
+    EXPECT_EQ(guess(decl + " = \" gb2312\"?>" + pad), char_encoding_GB2312);
+    EXPECT_EQ(guess(decl + "='Shift-JIS'?>" + pad), char_encoding_ShiftJIS);
+    EXPECT_EQ(guess(decl + "='SJIS'?>" + pad), char_encoding_ShiftJIS);
+    EXPECT_EQ(guess(decl + "='shiftjis'?>" + pad), char_encoding_ShiftJIS);
+    EXPECT_EQ(guess(decl + "='big5'?>" + pad), char_encoding_Big5);
+    EXPECT_EQ(guess(decl + "='GBK'?>" + pad), char_encoding_GBK);
+    EXPECT_EQ(guess(decl + "='ISO-8859-1'?>" + pad), char_encoding_legacy);
+    EXPECT_EQ(guess(decl + "='utf8'?>" + pad), char_encoding_UTF8);
+    EXPECT_EQ(guess(decl + "='UTF-8'?>" + pad + "\xC3("), char_encoding_error);
+    EXPECT_EQ(guess(decl + "='GBK'?>" + pad, 0), char_encoding_UTF8);
+    EXPECT_EQ(guess(decl + "=GBK?>" + pad + "\xC3("), char_encoding_legacy);   // no quote
+    EXPECT_EQ(guess(decl + " 'GBK'?>" + pad), char_encoding_UTF8);              // no "="
+    // Only the first 200 bytes are searched for the attribute.
+    EXPECT_EQ(guess(std::string(200, ' ') + decl + "='GBK'?>"), char_encoding_UTF8);
+}
+
+TEST_F(XmlParserTest, LeadBytesKeepMultiByteCharactersWhole)
+{
+    // 0xB0 starts a GB2312 character, so the "<" after it is its second byte, not markup.
+    const char *text = "<a>x\xB0<y</a>";
+    XMLResults res;
+    EXPECT_TRUE(Parse(text, &res).isEmpty());   // as UTF-8 the "<" opens a tag
+    XMLNode::setGlobalOptions(char_encoding_GB2312);
+    XMLNode n = Parse(text, &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    EXPECT_STREQ(n.getText(), "x\xB0<y");
+
+    XMLNode::setGlobalOptions(char_encoding_ShiftJIS);
+    EXPECT_STREQ(Parse("<a>\xE0<</a>", nullptr).getText(), "\xE0<");
+    EXPECT_TRUE(Parse("<a>\xA1<</a>", nullptr).isEmpty());   // not a lead byte in Shift-JIS
+    XMLNode::setGlobalOptions(char_encoding_Big5);
+    EXPECT_STREQ(Parse("<a>\x81<</a>", nullptr).getText(), "\x81<");
+    XMLNode::setGlobalOptions(char_encoding_legacy);
+    EXPECT_TRUE(Parse("<a>\xB0<</a>", nullptr).isEmpty());
+    EXPECT_EQ(XMLNode::setGlobalOptions(char_encoding_error), 1);
+    EXPECT_EQ(XMLNode::characterEncoding, char_encoding_legacy);
+
+    // A lead byte right before the end never steps over the terminating zero.
+    XMLNode::setGlobalOptions(char_encoding_GB2312);
+    for (const char *t : {"<a>\xB0", "<a b='\xB0", "<\xB0", "<a><!--\xB0", "\xB0"}) {
+        Parse(t, &res);
+        EXPECT_NE(res.error, eXMLErrorNone) << t;
+    }
+}
+
+TEST_F(XmlParserTest, FilesEncodingAndByteOrderMark)
+{
+    const std::string body = "<?xml version=\"1.0\" encoding=\"GB2312\"?>\n"
+                             "<Config><Name>\xB0<\xB1\xB2</Name></Config>\n";
+    XMLNode top = XMLNode::openFileHelper(WriteFile("gb.xml", body).c_str());
+    EXPECT_EQ(XMLNode::characterEncoding, char_encoding_GB2312);
+    EXPECT_STREQ(top.getChildNode("Config", 0).getChildNode("Name", 0).getText(), "\xB0<\xB1\xB2");
+
+    // A file shorter than 25 bytes is read with the encoding already in force.
+    XMLResults res;
+    XMLNode small = XMLNode::parseFile(WriteFile("small.xml", "<a>\xB0<</a>").c_str(), nullptr, &res);
+    EXPECT_EQ(XMLNode::characterEncoding, char_encoding_GB2312);
+    EXPECT_STREQ(small.getText(), "\xB0<");
+
+    // The UTF-8 byte-order mark is skipped and sets UTF-8.
+    const std::string plain = "<?xml version=\"1.0\"?><Config><V>5</V></Config>";
+    top = XMLNode::parseFile(WriteFile("bom.xml", "\xEF\xBB\xBF" + plain).c_str(), nullptr, &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    EXPECT_EQ(XMLNode::characterEncoding, char_encoding_UTF8);
+    EXPECT_EQ(top.nChildNode(), 2);
+    EXPECT_STREQ(top.getChildNode("Config", 0).getChildNode("V", 0).getText(), "5");
+
+    // Missing, empty and unreadable files give the empty node and "file not found".
+    const std::string paths[] = {::testing::TempDir() + "xml_parser_test_missing.xml",
+                                 WriteFile("empty.xml", ""), ::testing::TempDir()};
+    for (const std::string &p : paths) {
+        EXPECT_TRUE(XMLNode::parseFile(p.c_str(), nullptr, &res).isEmpty()) << p;
+        EXPECT_EQ(res.error, eXMLErrorFileNotFound) << p;
+    }
+    EXPECT_TRUE(XMLNode::openFileHelper(nullptr).isEmpty());
+    // A file parses as its text would: a syntax error still discards the tree.
+    EXPECT_TRUE(XMLNode::parseFile(WriteFile("bad.xml", "<a></b>").c_str(), nullptr, &res).isEmpty());
+    EXPECT_EQ(res.error, eXMLErrorUnmatchedEndTag);
+}
+
+TEST_F(XmlParserTest, HandlesShareDataAndOutliveTheirDocument)
+{
+    XMLNode item;
+    {
+        XMLNode top = Parse("<?xml?><Config><Item>v</Item><B/></Config>", nullptr);
+        XMLNode copy(top);
+        XMLNode &alias = copy;
+        copy = alias;   // self-assignment keeps the data
+        item = copy.getChildNode("Config", 0).getChildNode("Item", 0);
+        EXPECT_STREQ(item.getParentNode().getName(), "Config");
+    }
+    // The document is gone: the child survives as a top node of its own.
+    EXPECT_STREQ(item.getName(), "Item");
+    EXPECT_STREQ(item.getText(), "v");
+    EXPECT_TRUE(item.getParentNode().isEmpty());
+    item = XMLNode::emptyXMLNode;
+    EXPECT_TRUE(item.isEmpty());
+}
+
+TEST_F(XmlParserTest, HostileShapesNeitherRecurseNorGoQuadratic)
+{
+    const int depth = 100000;
+    std::string text;
+    for (int i = 0; i < depth; i++) {
+        text += "<a>";
+    }
+    text += "x";
+    XMLResults res;
+    {
+        // Unclosed: a warning, the whole chain kept.
+        XMLNode n = Parse(text.c_str(), &res);
+        EXPECT_EQ(res.error, eXMLErrorMissingEndTag);
+        int levels = 1;
+        for (XMLNode c = n.getChildNode(0); !c.isEmpty(); c = c.getChildNode(0)) {
+            levels++;
+            if (c.nChildNode() == 0) {
+                EXPECT_STREQ(c.getText(), "x");
+            }
+        }
+        EXPECT_EQ(levels, depth);
+    }
+    for (int i = 0; i < depth; i++) {
+        text += "</a>";
+    }
+    XMLNode n = Parse(text.c_str(), &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    EXPECT_STREQ(n.getName(), "a");
+    // A single end tag far down closes the whole chain at once.
+    n = Parse(("<z>" + text.substr(0, 3 * depth) + "</z>").c_str(), &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+
+    // A long run of texts joined across comments grows one text, not a copy per piece.
+    std::string joins = "<a>";
+    for (int i = 0; i < depth; i++) {
+        joins += "xy<!---->";
+    }
+    n = Parse((joins + "</a>").c_str(), &res);
+    EXPECT_EQ(res.error, eXMLErrorNone);
+    EXPECT_EQ(strlen(n.getText()), 2u * depth);
+    EXPECT_EQ(n.nClear(), 1);   // the last comment has no text after it
+}
+
+TEST(XmlToValue, DefaultsOnlyForMissingText)
+{
+    EXPECT_EQ(xmltoi(nullptr, 4), 4);
+    EXPECT_EQ(xmltoi("-12x", 4), -12);
+    EXPECT_EQ(xmltol("123456", 5L), 123456L);
+    EXPECT_DOUBLE_EQ(xmltof("2.25", 1.5), 2.25);
+    EXPECT_EQ(xmltob("yes"), 1);
+    EXPECT_EQ(xmltob("0", 1), 0);
+    EXPECT_STREQ(xmltoa(nullptr, "d"), "d");
+    EXPECT_EQ(xmltoc("abc", 'q'), 'a');
+}
+
+}  // namespace

@@ -158,7 +158,7 @@ int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
     }
     uint8_t *pucBuf = pstPara->pucWorkBuf;
     if (pucBuf == NULL) {
-        return 0;   // cannot check: leave the global correction out
+        return 0;   // cannot check: leave the global correction out (checked before any write)
     }
     stLine *pstLines = (stLine *)pucBuf;
     uint8_t *pucImage = pucBuf + LDC_LD_IMAGE_OFFSET;
@@ -179,6 +179,9 @@ int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
         JoinDetectedLines(pstLines, iCount, pucScratch, pstPara->fConnectLineRatio, iMinLength);
 
     const stPoint stCentre = {iWidth / 2, iHeight / 2};
+    // The bend strength is the fourth global coefficient: the one configuration loading refuses
+    // to be 0 in bend mode.
+    const float fBendK = pstPara->afGlobalFDCCoefficients[3];
     for (int32_t i = 0; i < iKept; i++) {
         stLine *pstLine = &pstLines[i];
         pstLine->rho *= iFactor;
@@ -188,8 +191,7 @@ int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
         pstLine->Pnt1.y *= iFactor;
         const int32_t iStraight =
             bClassifier ? SortLineBySvm(&pstPara->stSvmModel, pstLine, pstPara->iSvmFactor)
-                        : SortLineByBendValue(pstLine, stCentre, pstPara->afGlobalFDCCoefficients[3],
-                                              pstPara->iBendValue);
+                        : SortLineByBendValue(pstLine, stCentre, fBendK, pstPara->iBendValue);
         if (!iStraight) {
             return 0;
         }

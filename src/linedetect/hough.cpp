@@ -119,6 +119,9 @@ static void WalkSlanted(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int
     }
     WalkBegin(pstWalk, bFlat ? iBegin : iMinor0, bFlat ? iMinor0 : iBegin);
     int32_t iPos = (iMinor0 << 15) | 16384;
+    // On a map of three rows (columns) the truncated steps can leave the image by one pixel; the
+    // row-major index then lands on a neighbouring row or in the accumulator's zero guard row just
+    // before the run map, so the walk stays inside the scratch and reads 0 there.
     for (int32_t m = iBegin; m < iEnd; m++, iPos += iStep) {
         const int32_t n = iPos >> 15;
         const int32_t x = bFlat ? m : n;

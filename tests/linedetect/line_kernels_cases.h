@@ -1,9 +1,8 @@
-// Inputs shared by the line-kernel equivalence harness and its benchmark: fixed-seed random
-// planes, rendered scenes with straight edges at many angles, and a first-difference report.
+// Inputs shared by the line-kernel equivalence harness and its benchmark: the size sweeps,
+// fixed-seed random planes and a first-difference report.
 #ifndef LDC_TESTS_LINEDETECT_LINE_KERNELS_CASES_H
 #define LDC_TESTS_LINEDETECT_LINE_KERNELS_CASES_H
 
-#include <math.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -46,70 +45,15 @@ constexpr int32_t kBenchHeight = 3000;
 constexpr int32_t kBenchFactor = 8;
 constexpr int32_t kBenchThresh = 100;   // the configuration's default binarization threshold
 
-inline std::vector<uint8_t> RandomPlane(size_t uSize, uint32_t uSeed)
+// Uniform samples in 0 .. uMask; a small mask keeps Sobel magnitudes around the thresholds.
+inline std::vector<uint8_t> RandomPlane(size_t uSize, uint32_t uSeed, uint32_t uMask = 0xFF)
 {
     std::mt19937 rng(uSeed);
     std::vector<uint8_t> v(uSize);
     for (uint8_t &b : v) {
-        b = (uint8_t)(rng() & 0xFF);
+        b = (uint8_t)(rng() & uMask);
     }
     return v;
-}
-
-// Fills the convex polygon (vertices in order) with a constant grey, row by row.
-inline void FillConvex(std::vector<uint8_t> &img, int32_t iWidth, int32_t iHeight, const std::vector<double> &xs,
-                       const std::vector<double> &ys, uint8_t ucValue)
-{
-    const size_t n = xs.size();
-    for (int32_t y = 0; y < iHeight; y++) {
-        const double fy = y + 0.5;
-        double fLeft = 1e30, fRight = -1e30;
-        for (size_t i = 0; i < n; i++) {
-            const size_t j = (i + 1) % n;
-            if ((ys[i] <= fy && ys[j] > fy) || (ys[j] <= fy && ys[i] > fy)) {
-                const double fx = xs[i] + (fy - ys[i]) * (xs[j] - xs[i]) / (ys[j] - ys[i]);
-                fLeft = fx < fLeft ? fx : fLeft;
-                fRight = fx > fRight ? fx : fRight;
-            }
-        }
-        const int32_t x0 = fLeft < 0 ? 0 : (int32_t)lround(fLeft);
-        const int32_t x1 = fRight > iWidth ? iWidth : (int32_t)lround(fRight);
-        for (int32_t x = x0; x < x1; x++) {
-            img[(size_t)y * iWidth + x] = ucValue;
-        }
-    }
-}
-
-// A luma plane that looks like a room: a lit gradient, rotated boxes and bars of varied grey at
-// many angles (window frames, shelves, door edges), and sensor noise.
-inline std::vector<uint8_t> RenderScene(int32_t iWidth, int32_t iHeight, uint32_t uSeed)
-{
-    std::mt19937 rng(uSeed);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<uint8_t> img((size_t)iWidth * iHeight);
-    for (int32_t y = 0; y < iHeight; y++) {
-        for (int32_t x = 0; x < iWidth; x++) {
-            img[(size_t)y * iWidth + x] = (uint8_t)(60 + 80 * x / iWidth + 40 * y / iHeight);
-        }
-    }
-    const double fScale = (iWidth < iHeight ? iWidth : iHeight);
-    for (int32_t k = 0; k < 40; k++) {
-        const double cx = unit(rng) * iWidth, cy = unit(rng) * iHeight;
-        const double fAngle = unit(rng) * M_PI;
-        const double fLen = (0.1 + 0.5 * unit(rng)) * fScale;
-        const double fThick = (k % 3 == 0) ? 0.01 * fScale : (0.05 + 0.25 * unit(rng)) * fScale;
-        const double ux = cos(fAngle), uy = sin(fAngle);
-        const std::vector<double> xs = {cx - ux * fLen - uy * fThick, cx + ux * fLen - uy * fThick,
-                                        cx + ux * fLen + uy * fThick, cx - ux * fLen + uy * fThick};
-        const std::vector<double> ys = {cy - uy * fLen + ux * fThick, cy + uy * fLen + ux * fThick,
-                                        cy + uy * fLen - ux * fThick, cy - uy * fLen - ux * fThick};
-        FillConvex(img, iWidth, iHeight, xs, ys, (uint8_t)(20 + rng() % 216));
-    }
-    for (uint8_t &b : img) {
-        const int32_t v = b + (int32_t)(rng() % 9) - 4;
-        b = (uint8_t)(v < 0 ? 0 : (v > 255 ? 255 : v));
-    }
-    return img;
 }
 
 // "" when equal, else the first differing pixel with its coordinates and both values.

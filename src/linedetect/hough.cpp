@@ -100,8 +100,9 @@ static inline int32_t MaxS32(int32_t a, int32_t b)
 }
 
 // Angles 1..45 and 135..179: one pixel per row between the crossings of columns 2 and w-3, the
-// column stepping in Q15. iMajor/iMinor name the walked axis and the stepped one, so that flat
-// lines (46..134) use the same walk with rows and columns exchanged.
+// column stepping in Q15. Flat lines (46..134) take the same walk with rows and columns
+// exchanged: iMajorQ15 is the Q15 factor of the walked axis in x cos + y sin (sin for steep
+// lines), iMinorQ15 that of the stepped axis.
 static void WalkSlanted(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int32_t iWidth, int32_t iHeight,
                         int32_t iMinorQ15, int32_t iMajorQ15, int32_t bFlat)
 {
@@ -148,8 +149,8 @@ static void WalkVertical(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, in
     }
 }
 
-// Angle 90: the row where the line meets column 2, columns 2..w-4 (one short of the vertical
-// case's range at the far end, kept as the detector has always walked it).
+// Angle 90: the row where the line meets column 2, columns 2..w-4. Both ends differ from the
+// vertical walk's rows 1..h-3; the detector's results depend on these exact ranges.
 static void WalkHorizontal(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int32_t iWidth, int32_t iHeight,
                            const HoughS32 *piTrig)
 {

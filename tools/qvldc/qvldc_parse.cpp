@@ -297,7 +297,7 @@ const char *UsageText()
 "  --overlay FILE        input frame with the faces (thin: as given, thick: widened by the\n"
 "                        library), the valid areas (cyan: lens, magenta: global face\n"
 "                        correction), the lines of the line check (green: straight enough,\n"
-"                        red: would bend, grey: not judged) and the decision as text\n"
+"                        red: would bend, faint grey: found but not judged) and the decision\n"
 "  --quiet               do not repeat the library's log, print only the decision\n"
 "\n"
 "A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
@@ -315,14 +315,14 @@ const char *UsageText()
 "What is printed: the library's log lines (I/ZB5QU_QVLDC: ... / E/ZB5QU_QVLDC: ...) and the\n"
 "decision: which path the frame took (face homography, global correction after the line\n"
 "check, global correction as fallback, or copy), the LDC/FDC switches, the FDC mode and the\n"
-"field of view lost.\n"
+"field of view lost (as the library logged it).\n"
 "\n"
 "Examples:\n"
 "  qvldc --in frame.nv21 --size 4000x3000 --config configs/qvldc_sample.xml \\\n"
-"        --face 300,1200,800,1800 --face 3200,1150,3700,1750 --out-png after.png --overlay ov.png\n"
+"        --face 435,1060,784,1597 --face 3193,1106,3604,1718 --out-png after.png --overlay ov.png\n"
 "  qvldc --in portrait.jpg --format nv12 --config my.xml --detect-faces --before-png b.png \\\n"
 "        --out-png a.png --overlay ov.png\n"
-"  qvldc --batch /sdcard/qvldc --config my.xml --out-dir tuned\n"
+"  adb pull /data/qvldc dumps && qvldc --batch dumps --config my.xml --out-dir tuned\n"
 "  qvldc --render-sample out/sample --config configs/qvldc_sample.xml --size 640x480\n";
 }
 

@@ -54,12 +54,12 @@ typedef struct tagST_HOUGH_WALK {
     int32_t iTheta;
 } tagST_HOUGH_WALK;
 
-// Walks the run map for major positions iBegin .. iEnd-1 (rows, or columns when bFlat), the minor
-// coordinate kept in Q15 from (iMinor0 << 15) | 16384 and advanced by iStep each pixel (0 for the
-// exact vertical and horizontal walks), and stores
-// every run of at least the minimum length that an empty pixel closes: from where the run began
-// (the empty pixel before it, or the walk's first pixel) to that empty pixel. A run still open
-// when the walk ends is dropped. Returns 1 when the line records are full.
+// Walks the run map over major positions iBegin .. iEnd-1 (rows, or columns when bFlat), the
+// minor coordinate kept in Q15 from (iMinor0 << 15) | 16384 and advanced by iStep per pixel (0 for
+// the exact vertical and horizontal walks). Stores every run of at least the minimum length that
+// an empty pixel closes, from where the run began (the empty pixel before it, or the walk's first
+// pixel) to that empty pixel; a run still open when the walk ends is dropped. Returns 1 when the
+// line records are full.
 static int32_t WalkRuns(tagST_HOUGH_WALK *pstWalk, int32_t iBegin, int32_t iEnd, int32_t iMinor0, int32_t iStep,
                         int32_t bFlat)
 {

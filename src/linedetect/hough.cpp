@@ -42,38 +42,54 @@ int32_t CountLineProb(tagST_LINE_DETECT *pstLineDetect)
     return 0;
 }
 
-// Collects the runs of one walk along a peak's line into the line records.
+// The walk of one peak: the map it reads, the peak it reports and the line records it fills.
 typedef struct tagST_HOUGH_WALK {
     stLine *pstLines;
     int32_t iLineNum;
     int32_t iMinVotes;
+    const uint8_t *pucRunMap;
+    int32_t iWidth;
+    int32_t iHeight;
     int32_t iRho;
     int32_t iTheta;
-    int32_t iRun;       // non-empty pixels since stStart
-    stPoint stStart;
 } tagST_HOUGH_WALK;
 
-static inline void WalkBegin(tagST_HOUGH_WALK *pstWalk, int32_t x, int32_t y)
+// Walks the run map over major positions iBegin .. iEnd-1 (rows, or columns when bFlat), the
+// minor coordinate kept in Q15 from (iMinor0 << 15) | 16384 and advanced by iStep per pixel (0 for
+// the exact vertical and horizontal walks). Stores every run of at least the minimum length that
+// an empty pixel closes, from where the run began (the empty pixel before it, or the walk's first
+// pixel) to that empty pixel; a run still open when the walk ends is dropped. Returns 1 when the
+// line records are full.
+static int32_t WalkRuns(tagST_HOUGH_WALK *pstWalk, int32_t iBegin, int32_t iEnd, int32_t iMinor0, int32_t iStep,
+                        int32_t bFlat)
 {
-    pstWalk->iRun = 0;
-    pstWalk->stStart = stPoint{x, y};
-}
-
-// Feeds the run-map byte at (x, y); returns 1 when the line records are full and the walk stops.
-// Only a run closed by an empty pixel is stored: a run still open when the walk ends is dropped.
-static inline int32_t WalkPixel(tagST_HOUGH_WALK *pstWalk, uint8_t ucRun, int32_t x, int32_t y)
-{
-    if (ucRun != 0) {
-        pstWalk->iRun++;
-        return 0;
-    }
-    if (pstWalk->iRun >= pstWalk->iMinVotes) {
-        pstWalk->pstLines[pstWalk->iLineNum++] = stLine{pstWalk->iRho, pstWalk->iTheta, pstWalk->stStart, stPoint{x, y}};
-        if (pstWalk->iLineNum >= LDC_HOUGH_MAX_LINES) {
-            return 1;
+    const uint8_t *pucRunMap = pstWalk->pucRunMap;
+    const int32_t iWidth = pstWalk->iWidth;
+    const int32_t iMinVotes = pstWalk->iMinVotes;
+    int32_t iPos = (iMinor0 << 15) | 16384;
+    int32_t iRun = 0;
+    int32_t iStartMajor = iBegin;
+    int32_t iStartMinor = iMinor0;
+    // On a map of three rows (columns) the truncated steps can leave the image by one pixel; the
+    // row-major index then lands on a neighbouring row or in the accumulator's zero guard row just
+    // before the run map, so the walk stays inside the scratch and reads 0 there.
+    for (int32_t m = iBegin; m < iEnd; m++, iPos += iStep) {
+        const int32_t n = iPos >> 15;
+        const int32_t x = bFlat ? m : n;
+        const int32_t y = bFlat ? n : m;
+        const int32_t bEmpty = (pucRunMap[(intptr_t)y * iWidth + x] == 0);
+        if (bEmpty && iRun >= iMinVotes) {
+            const stPoint stStart = bFlat ? stPoint{iStartMajor, iStartMinor} : stPoint{iStartMinor, iStartMajor};
+            pstWalk->pstLines[pstWalk->iLineNum++] = stLine{pstWalk->iRho, pstWalk->iTheta, stStart, stPoint{x, y}};
+            if (pstWalk->iLineNum >= LDC_HOUGH_MAX_LINES) {
+                return 1;
+            }
         }
+        // An empty pixel starts the next run itself, with count 0.
+        iRun = bEmpty ? 0 : iRun + 1;
+        iStartMajor = bEmpty ? m : iStartMajor;
+        iStartMinor = bEmpty ? n : iStartMinor;
     }
-    WalkBegin(pstWalk, x, y);   // the empty pixel itself starts the next run
     return 0;
 }
 
@@ -103,67 +119,41 @@ static inline int32_t MaxS32(int32_t a, int32_t b)
 // column stepping in Q15. Flat lines (46..134) take the same walk with rows and columns
 // exchanged: iMajorQ15 is the Q15 factor of the walked axis in x cos + y sin (sin for steep
 // lines), iMinorQ15 that of the stepped axis.
-static void WalkSlanted(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int32_t iWidth, int32_t iHeight,
-                        int32_t iMinorQ15, int32_t iMajorQ15, int32_t bFlat)
+static int32_t WalkSlanted(tagST_HOUGH_WALK *pstWalk, int32_t iMinorQ15, int32_t iMajorQ15, int32_t bFlat)
 {
-    const int32_t iMinorSize = bFlat ? iHeight : iWidth;
-    const int32_t iMajorSize = bFlat ? iWidth : iHeight;
+    const int32_t iMinorSize = bFlat ? pstWalk->iHeight : pstWalk->iWidth;
+    const int32_t iMajorSize = bFlat ? pstWalk->iWidth : pstWalk->iHeight;
     const int32_t iP = pstWalk->iRho * 32768 + 16384;
     const int32_t iStep = (-iMajorQ15 * 32768 - 16384) / iMinorQ15;
     const int32_t iA = ClampWalkEnd((iP - 2 * iMinorQ15) / iMajorQ15, iMajorSize);
     const int32_t iB = ClampWalkEnd((iP + iMinorQ15 * (3 - iMinorSize)) / iMajorQ15, iMajorSize);
     const int32_t iBegin = MinS32(iA, iB);
-    const int32_t iEnd = MaxS32(iA, iB);
     const int32_t iMinor0 = (iP - iMajorQ15 * iBegin) / iMinorQ15;
     if (iMinor0 < 1 || iMinor0 >= iMinorSize - 1) {
-        return;
+        return 0;
     }
-    WalkBegin(pstWalk, bFlat ? iBegin : iMinor0, bFlat ? iMinor0 : iBegin);
-    int32_t iPos = (iMinor0 << 15) | 16384;
-    // On a map of three rows (columns) the truncated steps can leave the image by one pixel; the
-    // row-major index then lands on a neighbouring row or in the accumulator's zero guard row just
-    // before the run map, so the walk stays inside the scratch and reads 0 there.
-    for (int32_t m = iBegin; m < iEnd; m++, iPos += iStep) {
-        const int32_t n = iPos >> 15;
-        const int32_t x = bFlat ? m : n;
-        const int32_t y = bFlat ? n : m;
-        if (WalkPixel(pstWalk, pucRunMap[(intptr_t)y * iWidth + x], x, y)) {
-            return;
-        }
-    }
+    return WalkRuns(pstWalk, iBegin, MaxS32(iA, iB), iMinor0, iStep, bFlat);
 }
 
 // Angle 0: the single column of rho, rows 1..h-3.
-static void WalkVertical(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int32_t iWidth, int32_t iHeight,
-                         const HoughS32 *piTrig)
+static int32_t WalkVertical(tagST_HOUGH_WALK *pstWalk, const HoughS32 *piTrig)
 {
     const int32_t x = (pstWalk->iRho * 32768 - piTrig[1] + 16384) / piTrig[0];
-    if (x < 1 || x >= iWidth - 1) {
-        return;
+    if (x < 1 || x >= pstWalk->iWidth - 1) {
+        return 0;
     }
-    WalkBegin(pstWalk, x, 1);
-    for (int32_t y = 1; y <= iHeight - 3; y++) {
-        if (WalkPixel(pstWalk, pucRunMap[(intptr_t)y * iWidth + x], x, y)) {
-            return;
-        }
-    }
+    return WalkRuns(pstWalk, 1, pstWalk->iHeight - 2, x, 0, 0);
 }
 
 // Angle 90: the row where the line meets column 2, columns 2..w-4. Both ends differ from the
 // vertical walk's rows 1..h-3; the detector's results depend on these exact ranges.
-static void WalkHorizontal(tagST_HOUGH_WALK *pstWalk, const uint8_t *pucRunMap, int32_t iWidth, int32_t iHeight,
-                           const HoughS32 *piTrig)
+static int32_t WalkHorizontal(tagST_HOUGH_WALK *pstWalk, const HoughS32 *piTrig)
 {
     const int32_t y = (pstWalk->iRho * 32768 - 2 * piTrig[2 * 90] + 16384) / piTrig[2 * 90 + 1];
-    if (y < 1 || y >= iHeight - 1) {
-        return;
+    if (y < 1 || y >= pstWalk->iHeight - 1) {
+        return 0;
     }
-    WalkBegin(pstWalk, 2, y);
-    for (int32_t x = 2; x <= iWidth - 4; x++) {
-        if (WalkPixel(pstWalk, pucRunMap[(intptr_t)y * iWidth + x], x, y)) {
-            return;
-        }
-    }
+    return WalkRuns(pstWalk, 2, pstWalk->iWidth - 3, y, 0, 1);
 }
 
 static void BuildTrigTable(HoughS32 *piTrig)
@@ -248,6 +238,9 @@ int32_t LineDetectionHough(const uint8_t *pucEdge, int32_t iWidth, int32_t iHeig
     stWalk.pstLines = pstLines;
     stWalk.iLineNum = 0;
     stWalk.iMinVotes = iMinVotes;
+    stWalk.pucRunMap = pucRunMap;
+    stWalk.iWidth = iWidth;
+    stWalk.iHeight = iHeight;
     // Angles in increasing order, so the lines come out sorted by theta.
     for (int32_t t = 0; t < LDC_HOUGH_THETA_NUM; t++) {
         HoughS32 *piRow = HoughAccumRho0(&stVote, t);
@@ -277,16 +270,17 @@ int32_t LineDetectionHough(const uint8_t *pucEdge, int32_t iWidth, int32_t iHeig
             piCell[iCols] = 0;
             stWalk.iRho = iRho;
             stWalk.iTheta = t;
+            int32_t bFull;
             if (t == 0) {
-                WalkVertical(&stWalk, pucRunMap, iWidth, iHeight, piTrig);
+                bFull = WalkVertical(&stWalk, piTrig);
             } else if (t == 90) {
-                WalkHorizontal(&stWalk, pucRunMap, iWidth, iHeight, piTrig);
+                bFull = WalkHorizontal(&stWalk, piTrig);
             } else if (t <= 45 || t >= 135) {
-                WalkSlanted(&stWalk, pucRunMap, iWidth, iHeight, piTrig[2 * t], piTrig[2 * t + 1], 0);
+                bFull = WalkSlanted(&stWalk, piTrig[2 * t], piTrig[2 * t + 1], 0);
             } else {
-                WalkSlanted(&stWalk, pucRunMap, iWidth, iHeight, piTrig[2 * t + 1], piTrig[2 * t], 1);
+                bFull = WalkSlanted(&stWalk, piTrig[2 * t + 1], piTrig[2 * t], 1);
             }
-            if (stWalk.iLineNum >= LDC_HOUGH_MAX_LINES) {
+            if (bFull) {
                 return stWalk.iLineNum;
             }
         }

@@ -131,7 +131,9 @@ struct VoteSetup {
                                          (int32_t)(sin((double)fAngle) * 32768.0)};
             memcpy(p + 8 * t, aiCosSin, 8);
         }
-        memcpy(p + 1440, points.data(), points.size() * 4);
+        if (!points.empty()) {
+            memcpy(p + 1440, points.data(), points.size() * 4);
+        }
         st = tagST_LINE_DETECT{(int32_t)points.size(), 180, iRhoMax, (int32_t *)p, (uint32_t *)(p + 1440),
                                (int32_t *)(p + 1440 + points.size() * 4)};
     }

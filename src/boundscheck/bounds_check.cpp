@@ -11,7 +11,8 @@ static bool RangesOverlap(const void *pA, size_t uLenA, const void *pB, size_t u
     return (a < b + uLenB) && (b < a + uLenA);
 }
 
-errno_t memcpy_s(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
+// The refusals that copy and move share; EOK means the request may go ahead.
+static errno_t CheckMemRequest(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
 {
     if (pDest == NULL || uDestMax == 0 || uDestMax > LDC_SECURE_MEM_MAX_LEN) {
         return LDC_EINVAL;
@@ -24,8 +25,14 @@ errno_t memcpy_s(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
         memset(pDest, 0, uDestMax);
         return LDC_ERANGE_AND_RESET;
     }
-    if (uCount == 0 || pDest == pSrc) {
-        return EOK;
+    return EOK;
+}
+
+errno_t memcpy_s(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
+{
+    const errno_t iErr = CheckMemRequest(pDest, uDestMax, pSrc, uCount);
+    if (iErr != EOK || uCount == 0 || pDest == pSrc) {
+        return iErr;
     }
     if (RangesOverlap(pDest, uCount, pSrc, uCount)) {
         memset(pDest, 0, uDestMax);
@@ -37,21 +44,11 @@ errno_t memcpy_s(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
 
 errno_t memmove_s(void *pDest, size_t uDestMax, const void *pSrc, size_t uCount)
 {
-    if (pDest == NULL || uDestMax == 0 || uDestMax > LDC_SECURE_MEM_MAX_LEN) {
-        return LDC_EINVAL;
-    }
-    if (pSrc == NULL) {
-        memset(pDest, 0, uDestMax);
-        return LDC_EINVAL_AND_RESET;
-    }
-    if (uCount > uDestMax) {
-        memset(pDest, 0, uDestMax);
-        return LDC_ERANGE_AND_RESET;
-    }
-    if (uCount != 0 && pDest != pSrc) {
+    const errno_t iErr = CheckMemRequest(pDest, uDestMax, pSrc, uCount);
+    if (iErr == EOK && uCount != 0 && pDest != pSrc) {
         memmove(pDest, pSrc, uCount);
     }
-    return EOK;
+    return iErr;
 }
 
 errno_t memset_s(void *pDest, size_t uDestMax, int iValue, size_t uCount)

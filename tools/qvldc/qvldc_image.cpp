@@ -1,0 +1,242 @@
+#include "qvldc_image.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/objdetect.hpp>
+
+#include "linedetect/line_bend.h"
+
+bool IsPhotoPath(const std::string &strPath)
+{
+    const size_t uDot = strPath.find_last_of('.');
+    if (uDot == std::string::npos) {
+        return false;
+    }
+    std::string strExt = strPath.substr(uDot + 1);
+    std::transform(strExt.begin(), strExt.end(), strExt.begin(), ::tolower);
+    return strExt == "png" || strExt == "jpg" || strExt == "jpeg";
+}
+
+static bool ReadFile(const std::string &strPath, std::vector<uint8_t> *pvucData)
+{
+    FILE *pFile = fopen(strPath.c_str(), "rb");
+    if (pFile == NULL) {
+        return false;
+    }
+    fseek(pFile, 0, SEEK_END);
+    const long lSize = ftell(pFile);
+    fseek(pFile, 0, SEEK_SET);
+    pvucData->resize(lSize > 0 ? (size_t)lSize : 0);
+    const size_t uRead = pvucData->empty() ? 0 : fread(pvucData->data(), 1, pvucData->size(), pFile);
+    fclose(pFile);
+    return uRead == pvucData->size();
+}
+
+bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, int32_t ePicType, tagST_QV_FRAME *pstFrame,
+               std::string *pstrError)
+{
+    if (IsPhotoPath(strPath)) {
+        cv::Mat stBgr = cv::imread(strPath, cv::IMREAD_COLOR);
+        if (stBgr.empty()) {
+            *pstrError = "cannot read the photo " + strPath;
+            return false;
+        }
+        // 4:2:0 chroma needs even sides: drop the last column or row.
+        stBgr = stBgr(cv::Rect(0, 0, stBgr.cols & ~1, stBgr.rows & ~1)).clone();
+        if (stBgr.cols < 2 || stBgr.rows < 2 || stBgr.cols > LDC_MAX_IMAGE_SIZE || stBgr.rows > LDC_MAX_IMAGE_SIZE) {
+            *pstrError = "the photo must be 2..5000 pixels on each side";
+            return false;
+        }
+        BgrToFrame(stBgr, ePicType, pstFrame);
+        return true;
+    }
+    if (stSize.iWidth <= 0 || stSize.iHeight <= 0) {
+        *pstrError = "a raw frame needs --size WxH (or a dump name and a configuration that decide it)";
+        return false;
+    }
+    if ((stSize.iWidth | stSize.iHeight) & 1) {
+        *pstrError = "4:2:0 frames have even sides";
+        return false;
+    }
+    std::vector<uint8_t> vucData;
+    if (!ReadFile(strPath, &vucData)) {
+        *pstrError = "cannot read " + strPath;
+        return false;
+    }
+    const size_t uBytes = (size_t)stSize.iWidth * stSize.iHeight * 3 / 2;
+    if (vucData.size() != uBytes) {
+        char acMsg[160];
+        snprintf(acMsg, sizeof(acMsg), "%zu bytes, but a %dx%d 4:2:0 frame has %zu", vucData.size(),
+                 stSize.iWidth, stSize.iHeight, uBytes);
+        *pstrError = strPath + ": " + acMsg;
+        return false;
+    }
+    pstFrame->iWidth = stSize.iWidth;
+    pstFrame->iHeight = stSize.iHeight;
+    pstFrame->ePicType = ePicType;
+    pstFrame->vucData.swap(vucData);
+    return true;
+}
+
+bool SaveRaw(const std::string &strPath, const tagST_QV_FRAME &stFrame)
+{
+    FILE *pFile = fopen(strPath.c_str(), "wb");
+    if (pFile == NULL) {
+        return false;
+    }
+    const size_t uWritten = fwrite(stFrame.vucData.data(), 1, stFrame.vucData.size(), pFile);
+    return fclose(pFile) == 0 && uWritten == stFrame.vucData.size();
+}
+
+cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame)
+{
+    cv::Mat stYuv(stFrame.iHeight * 3 / 2, stFrame.iWidth, CV_8UC1, (void *)stFrame.vucData.data());
+    const int iCode = stFrame.ePicType == LDC_PIC_NV21 ? cv::COLOR_YUV2BGR_NV21
+                    : stFrame.ePicType == LDC_PIC_NV12 ? cv::COLOR_YUV2BGR_NV12 : cv::COLOR_YUV2BGR_I420;
+    cv::Mat stBgr;
+    cv::cvtColor(stYuv, stBgr, iCode);
+    return stBgr;
+}
+
+void BgrToFrame(const cv::Mat &stBgr, int32_t ePicType, tagST_QV_FRAME *pstFrame)
+{
+    cv::Mat stI420;
+    cv::cvtColor(stBgr, stI420, cv::COLOR_BGR2YUV_I420);
+    const size_t uS = (size_t)stBgr.cols * stBgr.rows;
+    pstFrame->iWidth = stBgr.cols;
+    pstFrame->iHeight = stBgr.rows;
+    pstFrame->ePicType = ePicType;
+    pstFrame->vucData.assign(stI420.data, stI420.data + uS * 3 / 2);
+    if (ePicType != LDC_PIC_YUV420) {
+        const uint8_t *pucU = stI420.data + uS;
+        const uint8_t *pucV = pucU + uS / 4;
+        uint8_t *pucDst = pstFrame->vucData.data() + uS;
+        const int32_t bVFirst = ePicType == LDC_PIC_NV21;
+        for (size_t i = 0; i < uS / 4; i++) {
+            pucDst[2 * i] = bVFirst ? pucV[i] : pucU[i];
+            pucDst[2 * i + 1] = bVFirst ? pucU[i] : pucV[i];
+        }
+    }
+}
+
+bool SavePng(const std::string &strPath, const cv::Mat &stBgr)
+{
+    try {
+        return cv::imwrite(strPath, stBgr);
+    } catch (const cv::Exception &) {
+        return false;
+    }
+}
+
+bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
+                 std::string *pstrError)
+{
+    cv::CascadeClassifier cascade;
+    if (!cascade.load(strCascade)) {
+        *pstrError = "cannot load the face cascade " + strCascade + " (Debian package opencv-data)";
+        return false;
+    }
+    // The cascade works on about 1000-pixel images; big frames are searched downscaled.
+    const double dScale = std::min(1.0, 1000.0 / std::max(stBgr.cols, stBgr.rows));
+    cv::Mat stGray;
+    cv::cvtColor(stBgr, stGray, cv::COLOR_BGR2GRAY);
+    cv::resize(stGray, stGray, cv::Size(), dScale, dScale, cv::INTER_AREA);
+    cv::equalizeHist(stGray, stGray);
+    std::vector<cv::Rect> vstRects;
+    cascade.detectMultiScale(stGray, vstRects, 1.1, 4, 0, cv::Size(24, 24));
+    std::sort(vstRects.begin(), vstRects.end(), [](const cv::Rect &a, const cv::Rect &b) { return a.x < b.x; });
+    for (const cv::Rect &stRect : vstRects) {
+        const int32_t iL = (int32_t)(stRect.x / dScale);
+        const int32_t iT = (int32_t)(stRect.y / dScale);
+        const int32_t iR = std::min(stBgr.cols - 1, (int32_t)((stRect.x + stRect.width) / dScale) - 1);
+        const int32_t iB = std::min(stBgr.rows - 1, (int32_t)((stRect.y + stRect.height) / dScale) - 1);
+        pvstFaces->push_back({iL, iT, iR, iB});
+    }
+    return true;
+}
+
+static void DrawRect(cv::Mat &stImage, int32_t iL, int32_t iT, int32_t iR, int32_t iB, const cv::Scalar &stColor,
+                     int32_t iThick)
+{
+    cv::rectangle(stImage, cv::Point(iL, iT), cv::Point(iR, iB), stColor, iThick, cv::LINE_8);
+}
+
+cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
+                    const tagST_LDC_PARA &stPara, const tagST_QV_LINE_CHECK *pstCheck,
+                    const tagST_QV_DECISION &stDecision)
+{
+    cv::Mat stOut = stBefore.clone();
+    const int32_t iW = stOut.cols;
+    const int32_t iH = stOut.rows;
+    const int32_t iThick = std::max(1, iW / 640);
+    const cv::Scalar stCyan(255, 255, 0), stMagenta(255, 0, 255), stYellow(0, 230, 255), stWhite(255, 255, 255);
+    const cv::Scalar astLineColor[3] = {cv::Scalar(0, 220, 0), cv::Scalar(0, 0, 255), cv::Scalar(200, 200, 200)};
+
+    // Lines first, so that the rectangles stay readable on top. DrawLine paints 255 into an
+    // 8-bit plane of frame pixels; the plane is thickened to be visible on big frames.
+    // Unjudged lines go first, thin and faint: after the first bending line they only show
+    // what else the check found.
+    if (pstCheck != NULL && !pstCheck->vstLines.empty() && stPara.iImgWidth == iW && stPara.iImgHeight == iH) {
+        const int32_t aeOrder[3] = {QV_LINE_UNJUDGED, QV_LINE_STRAIGHT, QV_LINE_BENDS};
+        for (int32_t eState : aeOrder) {
+            cv::Mat stMask = cv::Mat::zeros(iH, iW, CV_8UC1);
+            for (size_t i = 0; i < pstCheck->vstLines.size(); i++) {
+                if (pstCheck->viState[i] == eState) {
+                    DrawLine(stMask.data, &pstCheck->vstLines[i], iW);
+                }
+            }
+            const int32_t iRadius = eState == QV_LINE_UNJUDGED ? iThick / 2 : (eState == QV_LINE_BENDS ? 2 * iThick : iThick);
+            if (iRadius > 0) {
+                cv::dilate(stMask, stMask,
+                           cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * iRadius + 1, 2 * iRadius + 1)));
+            }
+            if (eState == QV_LINE_UNJUDGED) {
+                cv::Mat stBlend;
+                cv::addWeighted(stOut, 0.5, cv::Mat(stOut.size(), stOut.type(), astLineColor[eState]), 0.5, 0, stBlend);
+                stBlend.copyTo(stOut, stMask);
+            } else {
+                stOut.setTo(astLineColor[eState], stMask);
+            }
+        }
+    }
+    DrawRect(stOut, stPara.aiLDCArea[0], stPara.aiLDCArea[1], stPara.aiLDCArea[2], stPara.aiLDCArea[3], stCyan, iThick);
+    DrawRect(stOut, stPara.aiGlobalFDCArea[0], stPara.aiGlobalFDCArea[1], stPara.aiGlobalFDCArea[2],
+             stPara.aiGlobalFDCArea[3], stMagenta, iThick);
+    for (const ST_FACE_RECT &stFace : vstFaces) {
+        DrawRect(stOut, stFace.iLeft, stFace.iTop, stFace.iRight, stFace.iBottom, stWhite, std::max(1, iThick / 2));
+    }
+    for (int32_t i = 0; i < stPara.iFaceNum && i < LDC_MAX_FACES; i++) {
+        const int32_t *piRect = stPara.aiFaceRect[i];
+        DrawRect(stOut, piRect[0], piRect[1], piRect[2], piRect[3], stYellow, 2 * iThick);
+    }
+
+    // The text block in the top left corner on a darkened band.
+    // The font grows with the frame but the longest line stays within three quarters of it.
+    int32_t iBase = 0;
+    int32_t iWidestAtOne = 1;
+    for (const std::string &strLine : stDecision.vstrLines) {
+        iWidestAtOne = std::max(iWidestAtOne, cv::getTextSize(strLine, cv::FONT_HERSHEY_SIMPLEX, 1.0, 1, &iBase).width);
+    }
+    const double dFont = std::max(0.3, std::min(iW / 1400.0, 0.75 * iW / iWidestAtOne));
+    const int32_t iFontThick = std::max(1, (int32_t)(dFont * 1.5));
+    const cv::Size stText = cv::getTextSize("Ag", cv::FONT_HERSHEY_SIMPLEX, dFont, iFontThick, &iBase);
+    const int32_t iLineH = stText.height + iBase + iThick * 2;
+    int32_t iBlockW = 0;
+    for (const std::string &strLine : stDecision.vstrLines) {
+        iBlockW = std::max(iBlockW, cv::getTextSize(strLine, cv::FONT_HERSHEY_SIMPLEX, dFont, iFontThick, &iBase).width);
+    }
+    const int32_t iBlockH = iLineH * (int32_t)stDecision.vstrLines.size() + iLineH / 2;
+    const cv::Rect stBand(0, 0, std::min(iW, iBlockW + 2 * iLineH), std::min(iH, iBlockH));
+    cv::Mat stBandRoi = stOut(stBand);
+    stBandRoi *= 0.35;
+    for (size_t i = 0; i < stDecision.vstrLines.size(); i++) {
+        cv::putText(stOut, stDecision.vstrLines[i], cv::Point(iLineH, (int32_t)(i + 1) * iLineH),
+                    cv::FONT_HERSHEY_SIMPLEX, dFont, stWhite, iFontThick, cv::LINE_AA);
+    }
+    return stOut;
+}

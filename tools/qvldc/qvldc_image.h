@@ -1,0 +1,51 @@
+// Frames in and out of qvldc: raw 4:2:0 files, photos, PNG views, face detection and the overlay.
+#ifndef QVLDC_IMAGE_H
+#define QVLDC_IMAGE_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "interface/ldc_para.h"
+#include "qvldc_linecheck.h"
+#include "qvldc_parse.h"
+
+// One frame in a library picture type.
+typedef struct tagST_QV_FRAME {
+    int32_t iWidth;
+    int32_t iHeight;
+    int32_t ePicType;
+    std::vector<uint8_t> vucData;   // iWidth * iHeight * 3 / 2 bytes
+} tagST_QV_FRAME;
+
+// What the overlay writes as text, already worded.
+typedef struct tagST_QV_DECISION {
+    std::vector<std::string> vstrLines;
+} tagST_QV_DECISION;
+
+bool IsPhotoPath(const std::string &strPath);
+// Reads a raw frame of stSize (its length must match) or a photo (cropped to even sides).
+bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, int32_t ePicType, tagST_QV_FRAME *pstFrame,
+               std::string *pstrError);
+bool SaveRaw(const std::string &strPath, const tagST_QV_FRAME &stFrame);
+cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame);
+// stBgr must have even sides.
+void BgrToFrame(const cv::Mat &stBgr, int32_t ePicType, tagST_QV_FRAME *pstFrame);
+bool SavePng(const std::string &strPath, const cv::Mat &stBgr);
+
+// Faces of OpenCV's Haar cascade, as inclusive rectangles.
+bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
+                 std::string *pstrError);
+
+// The input frame with the faces as given (thin white) and as the library widened them (thick
+// yellow), the valid areas (cyan: lens, magenta: global face correction), the line check's
+// lines (green straight, red bending, grey unjudged; painted with the library's DrawLine) and
+// the decision text.
+cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
+                    const tagST_LDC_PARA &stPara, const tagST_QV_LINE_CHECK *pstCheck,
+                    const tagST_QV_DECISION &stDecision);
+
+#endif

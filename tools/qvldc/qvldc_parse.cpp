@@ -1,0 +1,466 @@
+#include "qvldc_parse.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <regex>
+#include <sstream>
+
+static bool ParseInt(const std::string &strText, int64_t lMin, int64_t lMax, int32_t *piValue)
+{
+    const char *pcStart = strText.c_str();
+    while (isspace((unsigned char)*pcStart)) {
+        pcStart++;
+    }
+    if (*pcStart == '\0') {
+        return false;
+    }
+    char *pcEnd = NULL;
+    errno = 0;
+    const long long llValue = strtoll(pcStart, &pcEnd, 10);
+    while (isspace((unsigned char)*pcEnd)) {
+        pcEnd++;
+    }
+    if (errno != 0 || *pcEnd != '\0' || llValue < lMin || llValue > lMax) {
+        return false;
+    }
+    *piValue = (int32_t)llValue;
+    return true;
+}
+
+bool ParseFaceRect(const std::string &strText, ST_FACE_RECT *pstFace)
+{
+    int32_t aiValue[4];
+    size_t uStart = 0;
+    for (int32_t i = 0; i < 4; i++) {
+        const size_t uComma = strText.find(',', uStart);
+        if ((i < 3) != (uComma != std::string::npos)) {
+            return false;
+        }
+        const std::string strPart = strText.substr(uStart, i < 3 ? uComma - uStart : std::string::npos);
+        if (!ParseInt(strPart, INT32_MIN, INT32_MAX, &aiValue[i])) {
+            return false;
+        }
+        uStart = uComma + 1;
+    }
+    // The library itself accepts any rectangle and logs the bad ones; the tool keeps them so
+    // that a tuner sees that reaction, but refuses edges given in the wrong order.
+    if (aiValue[2] < aiValue[0] || aiValue[3] < aiValue[1]) {
+        return false;
+    }
+    *pstFace = {aiValue[0], aiValue[1], aiValue[2], aiValue[3]};
+    return true;
+}
+
+bool ParseFacesText(const std::string &strText, std::vector<ST_FACE_RECT> *pvstFaces, int32_t *piBadLine)
+{
+    std::istringstream stream(strText);
+    std::string strLine;
+    int32_t iLine = 0;
+    while (std::getline(stream, strLine)) {
+        iLine++;
+        const size_t uFirst = strLine.find_first_not_of(" \t\r");
+        if (uFirst == std::string::npos || strLine[uFirst] == '#') {
+            continue;
+        }
+        ST_FACE_RECT stFace;
+        if (!ParseFaceRect(strLine, &stFace)) {
+            *piBadLine = iLine;
+            return false;
+        }
+        pvstFaces->push_back(stFace);
+    }
+    return true;
+}
+
+bool ParseFrameSize(const std::string &strText, tagST_QV_SIZE *pstSize)
+{
+    const size_t uSep = strText.find_first_of("xX*");
+    if (uSep == std::string::npos) {
+        return false;
+    }
+    tagST_QV_SIZE stSize;
+    if (!ParseInt(strText.substr(0, uSep), 1, LDC_MAX_IMAGE_SIZE, &stSize.iWidth) ||
+        !ParseInt(strText.substr(uSep + 1), 1, LDC_MAX_IMAGE_SIZE, &stSize.iHeight)) {
+        return false;
+    }
+    *pstSize = stSize;
+    return true;
+}
+
+bool ParsePicType(const std::string &strText, int32_t *pePicType)
+{
+    std::string strLower;
+    for (char c : strText) {
+        strLower += (char)tolower((unsigned char)c);
+    }
+    if (strLower == "nv21") {
+        *pePicType = LDC_PIC_NV21;
+    } else if (strLower == "nv12") {
+        *pePicType = LDC_PIC_NV12;
+    } else if (strLower == "i420" || strLower == "yuv420") {
+        *pePicType = LDC_PIC_YUV420;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+const char *PicTypeName(int32_t ePicType)
+{
+    switch (ePicType) {
+    case LDC_PIC_NV21: return "NV21";
+    case LDC_PIC_NV12: return "NV12";
+    case LDC_PIC_YUV420: return "I420";
+    default: return "?";
+    }
+}
+
+bool ParseDumpName(const std::string &strPath, tagST_QV_DUMP_NAME *pstName)
+{
+    const size_t uSlash = strPath.find_last_of('/');
+    const std::string strName = uSlash == std::string::npos ? strPath : strPath.substr(uSlash + 1);
+    // The faces are joined by blanks; a frame without faces leaves "coord_" followed directly by
+    // "_ISO=", hence the optional face group.
+    static const std::regex s_name("^(\\d{8}_\\d{6})_coord_(.*)_ISO=(-?\\d+)_(org|output)\\.yuv$");
+    static const std::regex s_face("^left=(-?\\d+)_top=(-?\\d+)_right=(-?\\d+)_bottom=(-?\\d+)$");
+    std::smatch match;
+    if (!std::regex_match(strName, match, s_name)) {
+        return false;
+    }
+    tagST_QV_DUMP_NAME stName;
+    stName.strStamp = match[1];
+    if (!ParseInt(match[3], INT32_MIN, INT32_MAX, &stName.iISO)) {
+        return false;
+    }
+    stName.bInput = match[4] == "org";
+    const std::string strFaces = match[2];
+    size_t uStart = 0;
+    while (uStart < strFaces.size()) {
+        size_t uEnd = strFaces.find(' ', uStart);
+        if (uEnd == std::string::npos) {
+            uEnd = strFaces.size();
+        }
+        const std::string strFace = strFaces.substr(uStart, uEnd - uStart);
+        std::smatch faceMatch;
+        int32_t aiValue[4];
+        if (!std::regex_match(strFace, faceMatch, s_face)) {
+            return false;
+        }
+        for (int32_t i = 0; i < 4; i++) {
+            if (!ParseInt(faceMatch[i + 1], INT32_MIN, INT32_MAX, &aiValue[i])) {
+                return false;
+            }
+        }
+        stName.vstFaces.push_back({aiValue[0], aiValue[1], aiValue[2], aiValue[3]});
+        uStart = uEnd + 1;
+    }
+    *pstName = stName;
+    return true;
+}
+
+std::string FormatDumpName(const std::string &strStamp, const std::vector<ST_FACE_RECT> &vstFaces,
+                           int32_t iISO, int32_t bInput)
+{
+    std::string strName = strStamp + "_coord_";
+    char acFace[128];
+    for (size_t i = 0; i < vstFaces.size(); i++) {
+        snprintf(acFace, sizeof(acFace), "left=%d_top=%d_right=%d_bottom=%d%s", vstFaces[i].iLeft,
+                 vstFaces[i].iTop, vstFaces[i].iRight, vstFaces[i].iBottom, i + 1 < vstFaces.size() ? " " : "");
+        strName += acFace;
+    }
+    snprintf(acFace, sizeof(acFace), "_ISO=%d_%s.yuv", iISO, bInput ? "org" : "output");
+    return strName + acFace;
+}
+
+static bool FacesFit(const tagST_QV_SIZE &stSize, const std::vector<ST_FACE_RECT> &vstFaces)
+{
+    for (const ST_FACE_RECT &stFace : vstFaces) {
+        if (stFace.iLeft < 0 || stFace.iTop < 0 || stFace.iRight >= stSize.iWidth ||
+            stFace.iBottom >= stSize.iHeight) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfiles,
+                    const std::vector<ST_FACE_RECT> &vstFaces, tagST_QV_SIZE *pstSize)
+{
+    for (int32_t bTransposed = 0; bTransposed < 2; bTransposed++) {
+        for (const tagST_QV_SIZE &stProfile : vstProfiles) {
+            const tagST_QV_SIZE stSize = bTransposed ? tagST_QV_SIZE{stProfile.iHeight, stProfile.iWidth} : stProfile;
+            if (stSize.iWidth <= 0 || stSize.iHeight <= 0) {
+                continue;
+            }
+            if ((uint64_t)stSize.iWidth * (uint64_t)stSize.iHeight * 3 / 2 == ulBytes && FacesFit(stSize, vstFaces)) {
+                *pstSize = stSize;
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog)
+{
+    tagST_QV_LOG_SUMMARY stSummary = {};
+    stSummary.iTimeMs = -1;
+    static const char s_acTag[] = "/ZB5QU_QVLDC: ";
+    std::istringstream stream(strLog);
+    std::string strLine;
+    while (std::getline(stream, strLine)) {
+        if (strLine.size() < 2 || (strLine[0] != 'I' && strLine[0] != 'E') ||
+            strLine.compare(1, sizeof(s_acTag) - 1, s_acTag) != 0) {
+            continue;
+        }
+        const char *pcMsg = strLine.c_str() + sizeof(s_acTag);
+        if (strLine[0] == 'E') {
+            stSummary.iErrors++;
+        }
+        int32_t iA = 0;
+        int32_t iB = 0;
+        int iUsed = 0;
+        // The three "FOV is lost" forms share their start; the longest is tried first.
+        if (sscanf(pcMsg, "FOV is lost %d%%, more than 10%%, ret of H is %d!%n", &iA, &iB, &iUsed) == 2 && iUsed) {
+            stSummary.bFaceFit = 1;
+            stSummary.bFaceFitRefused = 1;
+            stSummary.iFaceFovLost = iA;
+            stSummary.iFaceFitRet = iB;
+        } else if (sscanf(pcMsg, "FOV is lost %d%%, ret of H is %d%n", &iA, &iB, &iUsed) == 2 && iUsed) {
+            stSummary.bFaceFit = 1;
+            stSummary.iFaceFovLost = iA;
+            stSummary.iFaceFitRet = iB;
+        } else if (sscanf(pcMsg, "FOV is lost %d%%%n", &iA, &iUsed) == 1 && iUsed && pcMsg[iUsed] == '\0') {
+            stSummary.bGlobal = 1;
+            stSummary.iGlobalFovLost = iA;
+        } else if (strcmp(pcMsg, "bFDCEffect = 0") == 0) {
+            stSummary.bFaceEdgeRefused = 1;
+        } else if (strncmp(pcMsg, "There are some lines becoming bended", 36) == 0) {
+            stSummary.bBendingLine = 1;
+        } else if (sscanf(pcMsg, "The time of IQV_LDC_Process is = %d ms", &iA) == 1) {
+            stSummary.iTimeMs = iA;
+        }
+    }
+    return stSummary;
+}
+
+std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
+{
+    *piFovLost = 0;
+    if (stLog.bGlobal) {
+        *piFovLost = stLog.iGlobalFovLost;
+        const char *pcModel = stPara.iLDCEnable == 1 ? "lens model over its valid area"
+                                                     : "global face model";
+        if (stPara.iFDCMode == 1) {
+            return std::string("global face correction: the line check found no bending line (") + pcModel + ")";
+        }
+        return std::string("global correction as the fallback of a refused face correction (") + pcModel + ")";
+    }
+    if (stLog.bFaceFit && !stLog.bFaceFitRefused && !stLog.bFaceEdgeRefused) {
+        *piFovLost = stLog.iFaceFovLost;
+        return "face homography on the lens-corrected frame";
+    }
+    if (stLog.bFaceFitRefused) {
+        return "copy: the face correction cost too much field of view";
+    }
+    if (stLog.bFaceEdgeRefused) {
+        return "copy: the face correction pushed a face's outer edge out";
+    }
+    return "copy: no correction applies";
+}
+
+const char *UsageText()
+{
+    return
+"qvldc - run the lens and face distortion correction on dumped frames or photos, offline.\n"
+"\n"
+"One frame:\n"
+"  qvldc --in FRAME --config FILE [options]\n"
+"    FRAME is raw YUV 4:2:0 (any name but .png/.jpg/.jpeg; without --size the configuration's\n"
+"    profiles decide the size from the file length) or a PNG/JPEG photo (converted to --format).\n"
+"    A dump name (see --batch) supplies the faces and the ISO.\n"
+"  --size WxH            frame size of a raw frame, e.g. 4000x3000\n"
+"  --format F            nv21 (default), nv12 or i420: layout of the raw frame and of --out-yuv\n"
+"  --iso N               ISO of the frame (default 100; a dump name supplies its own)\n"
+"  --face L,T,R,B        a face rectangle, inclusive edges; repeat for several faces\n"
+"  --faces-file FILE     face rectangles, one L,T,R,B per line ('#' starts a comment)\n"
+"  --detect-faces        find faces with OpenCV's Haar cascade instead\n"
+"  --cascade FILE        cascade for --detect-faces\n"
+"                        (default /usr/share/opencv4/haarcascades/haarcascade_frontalface_default.xml)\n"
+"  --out-yuv FILE        corrected frame, raw, in --format\n"
+"  --out-png FILE        corrected frame as PNG\n"
+"  --before-png FILE     input frame as PNG\n"
+"  --overlay FILE        input frame with the faces (thin: as given, thick: widened by the\n"
+"                        library), the valid areas (cyan: lens, magenta: global face\n"
+"                        correction), the lines of the line check (green: straight enough,\n"
+"                        red: would bend, faint grey: found but not judged) and the decision\n"
+"  --quiet               do not repeat the library's log, print only the decision\n"
+"\n"
+"A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
+"  qvldc --batch DIR --config FILE [--size WxH] [--format F] [--out-dir DIR]\n"
+"    Processes every *_org.yuv; faces and ISO come from the file names, the size from --size\n"
+"    or from the file length and the configuration's profiles. Writes <name>_after.png,\n"
+"    <name>_overlay.png and summary.csv into --out-dir (default DIR/qvldc).\n"
+"\n"
+"The project's sample scene (two faces near the border, straight architecture, recorded\n"
+"through the configured lens):\n"
+"  qvldc --render-sample DIR --config FILE [--size WxH] [--iso N]\n"
+"    Writes DIR/sample_WxH.png, DIR/sample_WxH_faces.txt and the same frame as a dump\n"
+"    (DIR/dumps/<dump name>_org.yuv, NV21) for --batch. Default size 4000x3000.\n"
+"\n"
+"What is printed: the library's log lines (I/ZB5QU_QVLDC: ... / E/ZB5QU_QVLDC: ...) and the\n"
+"decision: which path the frame took (face homography, global correction after the line\n"
+"check, global correction as fallback, or copy), the LDC/FDC switches, the FDC mode and the\n"
+"field of view lost (as the library logged it).\n"
+"\n"
+"Examples:\n"
+"  qvldc --in frame.nv21 --size 4000x3000 --config configs/qvldc_sample.xml \\\n"
+"        --face 435,1060,784,1597 --face 3193,1106,3604,1718 --out-png after.png --overlay ov.png\n"
+"  qvldc --in portrait.jpg --format nv12 --config my.xml --detect-faces --before-png b.png \\\n"
+"        --out-png a.png --overlay ov.png\n"
+"  adb pull /data/qvldc dumps && qvldc --batch dumps --config my.xml --out-dir tuned\n"
+"  qvldc --render-sample out/sample --config configs/qvldc_sample.xml --size 640x480\n";
+}
+
+bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError)
+{
+    tagST_QV_OPTIONS stOpt;
+    stOpt.eMode = QV_MODE_FRAME;
+    stOpt.stSize = {0, 0};
+    stOpt.ePicType = LDC_PIC_NV21;
+    stOpt.iISO = 100;
+    stOpt.bDetectFaces = 0;
+    stOpt.bQuiet = 0;
+    stOpt.strCascade = "/usr/share/opencv4/haarcascades/haarcascade_frontalface_default.xml";
+    int32_t iModes = 0;
+    for (int i = 1; i < iArgc; i++) {
+        const std::string strArg = ppcArgv[i];
+        if (strArg == "--help" || strArg == "-h") {
+            pstOptions->eMode = QV_MODE_HELP;
+            return true;
+        }
+    }
+    for (int i = 1; i < iArgc; i++) {
+        const std::string strArg = ppcArgv[i];
+        auto value = [&](std::string *pstrValue) {
+            if (i + 1 >= iArgc) {
+                *pstrError = strArg + " needs a value";
+                return false;
+            }
+            *pstrValue = ppcArgv[++i];
+            return true;
+        };
+        std::string strValue;
+        if (strArg == "--detect-faces") {
+            stOpt.bDetectFaces = 1;
+            continue;
+        }
+        if (strArg == "--quiet") {
+            stOpt.bQuiet = 1;
+            continue;
+        }
+        if (strArg.compare(0, 2, "--") != 0) {
+            *pstrError = "unexpected argument " + strArg;
+            return false;
+        }
+        if (!value(&strValue)) {
+            return false;
+        }
+        if (strArg == "--in" || strArg == "--batch" || strArg == "--render-sample") {
+            stOpt.eMode = strArg == "--in" ? QV_MODE_FRAME : (strArg == "--batch" ? QV_MODE_BATCH : QV_MODE_RENDER);
+            stOpt.strIn = strValue;
+            iModes++;
+        } else if (strArg == "--config") {
+            stOpt.strConfig = strValue;
+        } else if (strArg == "--size") {
+            if (!ParseFrameSize(strValue, &stOpt.stSize)) {
+                *pstrError = "--size wants WxH with both sides in 1..5000, not " + strValue;
+                return false;
+            }
+        } else if (strArg == "--format") {
+            if (!ParsePicType(strValue, &stOpt.ePicType)) {
+                *pstrError = "--format wants nv21, nv12 or i420, not " + strValue;
+                return false;
+            }
+        } else if (strArg == "--iso") {
+            if (!ParseInt(strValue, INT32_MIN, INT32_MAX, &stOpt.iISO)) {
+                *pstrError = "--iso wants an integer, not " + strValue;
+                return false;
+            }
+        } else if (strArg == "--face") {
+            ST_FACE_RECT stFace;
+            if (!ParseFaceRect(strValue, &stFace)) {
+                *pstrError = "--face wants L,T,R,B with L <= R and T <= B, not " + strValue;
+                return false;
+            }
+            stOpt.vstFaces.push_back(stFace);
+        } else if (strArg == "--faces-file") {
+            stOpt.strFacesFile = strValue;
+        } else if (strArg == "--cascade") {
+            stOpt.strCascade = strValue;
+        } else if (strArg == "--out-yuv") {
+            stOpt.strOutYuv = strValue;
+        } else if (strArg == "--out-png") {
+            stOpt.strOutPng = strValue;
+        } else if (strArg == "--before-png") {
+            stOpt.strBeforePng = strValue;
+        } else if (strArg == "--overlay") {
+            stOpt.strOverlayPng = strValue;
+        } else if (strArg == "--out-dir") {
+            stOpt.strOutDir = strValue;
+        } else {
+            *pstrError = "unknown option " + strArg + " (see --help)";
+            return false;
+        }
+    }
+    if (iModes != 1) {
+        *pstrError = iModes == 0 ? "say what to do: --in FRAME, --batch DIR or --render-sample DIR (see --help)"
+                                 : "--in, --batch and --render-sample exclude each other";
+        return false;
+    }
+    if (stOpt.strConfig.empty()) {
+        *pstrError = "--config FILE is required";
+        return false;
+    }
+    const bool bFaceSources = !stOpt.vstFaces.empty() || !stOpt.strFacesFile.empty();
+    if (stOpt.bDetectFaces && bFaceSources) {
+        *pstrError = "--detect-faces replaces --face and --faces-file; give one or the other";
+        return false;
+    }
+    if (stOpt.eMode != QV_MODE_FRAME && (bFaceSources || stOpt.bDetectFaces)) {
+        *pstrError = "faces are given per frame: --face, --faces-file and --detect-faces go with --in";
+        return false;
+    }
+    *pstOptions = stOpt;
+    return true;
+}
+
+float InvertRadialModel(const tagST_RADIAL_MODEL *pstModel, float fRho, float fRMax)
+{
+    if (fRho <= 0.0f) {
+        return 0.0f;
+    }
+    float fLo = 0.0f;
+    float fHi = fRho;
+    // Barrel lenses record a corrected radius further in: grow the bracket until it holds fRho.
+    while (fHi * RadialFactorSerial(pstModel, fHi * fHi) < fRho) {
+        if (fHi >= fRMax) {
+            return -1.0f;
+        }
+        fLo = fHi;
+        fHi = fHi * 2.0f < fRMax ? fHi * 2.0f : fRMax;
+    }
+    for (int32_t i = 0; i < 40 && fHi - fLo > 1e-4f; i++) {
+        const float fMid = 0.5f * (fLo + fHi);
+        if (fMid * RadialFactorSerial(pstModel, fMid * fMid) < fRho) {
+            fLo = fMid;
+        } else {
+            fHi = fMid;
+        }
+    }
+    return 0.5f * (fLo + fHi);
+}

@@ -1,0 +1,110 @@
+// The parts of qvldc that only read text and numbers: command line, face rectangles, frame sizes
+// and picture types, the debug dump's file names, frame-size guessing, the library's log, and the
+// inverse of the lens model for rendering recorded frames. No OpenCV here, so the unit tests
+// compile this file on every target.
+#ifndef QVLDC_PARSE_H
+#define QVLDC_PARSE_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "geometry/lens_model.h"
+#include "vkt_zb_ldc.h"
+
+typedef struct tagST_QV_SIZE {
+    int32_t iWidth;
+    int32_t iHeight;
+} tagST_QV_SIZE;
+
+// What the library's debug dump encodes in a file name:
+// "<%Y%m%d_%H%M%S>_coord_left=%d_top=%d_right=%d_bottom=%d[ left=..]_ISO=%d_org.yuv".
+typedef struct tagST_QV_DUMP_NAME {
+    std::string strStamp;
+    std::vector<ST_FACE_RECT> vstFaces;
+    int32_t iISO;
+    int32_t bInput;   // 1 for "_org.yuv" (an input frame), 0 for "_output.yuv"
+} tagST_QV_DUMP_NAME;
+
+// What a tuner wants to know from one frame's log lines.
+typedef struct tagST_QV_LOG_SUMMARY {
+    int32_t bFaceFit;          // "FOV is lost %d%%, ret of H is %d" or its refused form was logged
+    int32_t iFaceFovLost;
+    int32_t iFaceFitRet;
+    int32_t bFaceFitRefused;   // the fit cost more than the budget
+    int32_t bFaceEdgeRefused;  // "bFDCEffect = 0": a face's outer edge moved too far
+    int32_t bGlobal;           // "FOV is lost %d%%" of the global or lens-only stretch
+    int32_t iGlobalFovLost;
+    int32_t bBendingLine;      // the line check logged a line that would bend
+    int32_t iTimeMs;           // -1 when no timing line was seen
+    int32_t iErrors;           // lines logged at error priority
+} tagST_QV_LOG_SUMMARY;
+
+typedef enum tagE_QV_MODE {
+    QV_MODE_FRAME = 0,   // one frame (--in)
+    QV_MODE_BATCH,       // a directory of dumped frames (--batch)
+    QV_MODE_RENDER,      // the sample scene (--render-sample)
+    QV_MODE_HELP
+} E_QV_MODE;
+
+typedef struct tagST_QV_OPTIONS {
+    E_QV_MODE eMode;
+    std::string strIn;            // frame file, or the directory of --batch / --render-sample
+    std::string strConfig;
+    tagST_QV_SIZE stSize;         // 0 x 0 when not given
+    int32_t ePicType;             // LDC_PIC_NV21 unless --format says otherwise
+    int32_t iISO;
+    std::vector<ST_FACE_RECT> vstFaces;
+    std::string strFacesFile;
+    int32_t bDetectFaces;
+    std::string strCascade;
+    std::string strOutYuv;
+    std::string strOutPng;
+    std::string strBeforePng;
+    std::string strOverlayPng;
+    std::string strOutDir;        // batch and render outputs
+    int32_t bQuiet;               // keep the library's log to the summary
+} tagST_QV_OPTIONS;
+
+// "L,T,R,B": four integers, blanks allowed around the commas.
+bool ParseFaceRect(const std::string &strText, ST_FACE_RECT *pstFace);
+// One "L,T,R,B" per line; blank lines and lines starting with '#' are skipped. On a bad line
+// returns false with its 1-based number in *piBadLine.
+bool ParseFacesText(const std::string &strText, std::vector<ST_FACE_RECT> *pvstFaces, int32_t *piBadLine);
+// "WxH" (or "W*H"), both in 1..LDC_MAX_IMAGE_SIZE.
+bool ParseFrameSize(const std::string &strText, tagST_QV_SIZE *pstSize);
+// "nv21", "nv12" or "i420" (also "yuv420"), any case.
+bool ParsePicType(const std::string &strText, int32_t *pePicType);
+const char *PicTypeName(int32_t ePicType);
+
+// Accepts a bare name or a path; false when the name is not a dump name.
+bool ParseDumpName(const std::string &strPath, tagST_QV_DUMP_NAME *pstName);
+// The name the library's dump gives a frame (without directory).
+std::string FormatDumpName(const std::string &strStamp, const std::vector<ST_FACE_RECT> &vstFaces,
+                           int32_t iISO, int32_t bInput);
+
+// The frame size of a raw 4:2:0 file of ulBytes bytes, from the configuration's profile sizes:
+// each profile as declared, then transposed (the library serves both orientations), the first
+// whose frame has ulBytes bytes and holds every face. False when none fits.
+bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfiles,
+                    const std::vector<ST_FACE_RECT> &vstFaces, tagST_QV_SIZE *pstSize);
+
+// Reads the host log lines ("I/ZB5QU_QVLDC: ..." / "E/ZB5QU_QVLDC: ...") of one frame; other
+// lines are ignored.
+tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog);
+
+// Which way IQV_LDC_Process took the frame, in words, from the decision fields it left in the
+// instance and its log; *piFovLost receives the field of view the chosen path lost (0 for a copy).
+std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost);
+
+// Parses argv; on false *pstrError says why. --help wins over everything else.
+bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError);
+const char *UsageText();
+
+// Inverse of the radial model on the radius: the corrected radius r whose recorded radius
+// r f(r) is fRho, found by bisection (the model is monotonic over a lens's useful range). -1
+// when no r up to fRMax reaches fRho, i.e. the pixel lies beyond what the model can correct.
+float InvertRadialModel(const tagST_RADIAL_MODEL *pstModel, float fRho, float fRMax);
+
+#endif

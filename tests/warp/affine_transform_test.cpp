@@ -6,6 +6,7 @@
 #include <sched.h>
 
 #include "support/thread_fault.h"
+#include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 #include "warp/affine_transform_cases.h"
 
@@ -340,6 +341,47 @@ TEST(AffineTransformScalar, OutOfFramePositionsStayInTheFrame)
                 }
             }
         }
+    }
+}
+
+// End to end through the frame driver: one face near the right edge of a 640 x 480 frame (the
+// 4000 x 3000 example scaled), whose face homography maps the far parts of the output outside
+// the intermediate image. Input and output are allocated to their exact size, so that
+// AddressSanitizer sees a read past them (the checking build sees those into the working buffer
+// too). The face correction must still run, and its output must not depend on an earlier frame.
+TEST(AffineTransformEndToEnd, FaceCorrectionNearTheEdgeStaysInTheFrames)
+{
+    const std::string strConfig = std::string(LDC_CONFIG_DIR) + "/qvldc_sample.xml";
+    const size_t uBytes = 640 * 480 * 3 / 2;
+    ST_FACE_RECT stFace = {480, 144, 556, 220};
+    const ST_LDC_FRAME_INFO stInfo = {640, 480, 100, 1, &stFace};
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        AffineFrame earlier(640, 480, iType), current(640, 480, iType);
+        earlier.Fill(1);
+        current.Fill(2);
+        std::vector<uint8_t> vucOut(uBytes), vucFresh(uBytes);
+        ST_LDC_INPUT_PARA stInput = {640, 480, strConfig.c_str(), iType};
+        void *pHandle = NULL;
+        void *pFresh = NULL;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(LDC_OK, IQV_LDC_Create(&pHandle, &stInput));
+        ASSERT_EQ(LDC_OK, IQV_LDC_Create(&pFresh, &stInput));
+        EXPECT_EQ(LDC_OK, IQV_LDC_Process(pHandle, &stInfo, earlier.bytes.data(), vucOut.data()));
+        (void)testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(LDC_OK, IQV_LDC_Process(pHandle, &stInfo, current.bytes.data(), vucOut.data()));
+        const std::string strLog = testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(LDC_OK, IQV_LDC_Process(pFresh, &stInfo, current.bytes.data(), vucFresh.data()));
+        IQV_LDC_Delete(pHandle);
+        IQV_LDC_Delete(pFresh);
+        (void)testing::internal::GetCapturedStderr();
+        (void)testing::internal::GetCapturedStdout();
+        EXPECT_NE(std::string::npos, strLog.find("I/ZB5QU_QVLDC: FOV is lost ")) << strLog;
+        EXPECT_EQ(std::string::npos, strLog.find("E/ZB5QU_QVLDC")) << strLog;
+        EXPECT_NE(0, memcmp(vucOut.data(), current.bytes.data(), uBytes)) << "no correction, type " << iType;
+        EXPECT_EQ(0, memcmp(vucOut.data(), vucFresh.data(), uBytes)) << "bytes of an earlier frame, type " << iType;
     }
 }
 

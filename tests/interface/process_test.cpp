@@ -1,0 +1,463 @@
+// End-to-end frames through IQV_LDC_Process: every path of the frame driver, its decision fields,
+// its messages, and its output bytes against the stages composed by hand.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "geometry/distortion_correct.h"
+#include "geometry/homography.h"
+#include "interface/ldc_para.h"
+#include "interface/ldc_process.h"
+#include "vkt_zb_ldc.h"
+#include "warp/affine_transform.h"
+#include "warp/fill_blank.h"
+
+namespace {
+
+const int kW = 640;
+const int kH = 480;
+const size_t kGuard = 64;   // bytes behind each caller buffer that must stay untouched
+
+typedef std::map<std::string, std::string> Keys;
+
+// A configuration with the real 640 x 480 calibration (and a 320 x 240 profile scaled from it);
+// keys override the globals, "Section/Key" style.
+std::string WriteConfig(const Keys &stKeys)
+{
+    Keys stAll = {{"Global/LDCFlag", "1"},
+                  {"Global/FDCFlag", "1"},
+                  {"Global/MultiFacesLDCFlag", "1"},
+                  {"Global/MultiFacesFDCFlag", "1"},
+                  {"Global/GolbalFDCFlag", "0"},
+                  {"Global/LDCAreaRestrictedFlag", "0"},
+                  {"Global/FDCAreaRestrictedFlag", "0"},
+                  {"Global/RestrictedAreaRatio", "0.5"},
+                  {"FaceDistortionCorrection/CorrectionDegree", "0.3"},
+                  {"FaceDistortionCorrection/FOVLost", "60"},
+                  {"LineDetection/BendDecideMode", "0"},
+                  {"LineDetection/BinarizationThresh", "100"}};
+    for (const auto &kv : stKeys) {
+        stAll[kv.first] = kv.second;
+    }
+    std::map<std::string, std::string> stSections;
+    for (const auto &kv : stAll) {
+        const size_t uSlash = kv.first.find('/');
+        const std::string sKey = kv.first.substr(uSlash + 1);
+        stSections[kv.first.substr(0, uSlash)] += "<" + sKey + ">" + kv.second + "</" + sKey + ">";
+    }
+    std::string sText = "<?xml version=\"1.0\"?>\n<Config>";
+    for (const auto &kv : stSections) {
+        sText += "<" + kv.first + ">" + kv.second + "</" + kv.first + ">";
+    }
+    sText +=
+        "<DistortionCorrection1><ImageWidth>640</ImageWidth><ImageHeight>480</ImageHeight>"
+        "<CameraMatrix>535.91573 0 342.28315 0 535.91573 235.57083 0 0 1</CameraMatrix>"
+        "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>2.5e-7 3e-13 0 0.0018659</GlobalFDCCoefficients>"
+        "<BendValue>2</BendValue></DistortionCorrection1>"
+        "<DistortionCorrection2><ImageWidth>320</ImageWidth><ImageHeight>240</ImageHeight>"
+        "<CameraMatrix>267.957865 0 171.141575 0 267.957865 117.785415 0 0 1</CameraMatrix>"
+        "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>1e-6 4.8e-12 0 0.0037318</GlobalFDCCoefficients>"
+        "<BendValue>2</BendValue></DistortionCorrection2></Config>\n";
+    char acPath[256] = {0};
+    snprintf(acPath, sizeof(acPath), "/tmp/ldc_process_test_%d_%zu.xml", (int)getpid(),
+             std::hash<std::string>()(sText));
+    FILE *pFile = fopen(acPath, "wb");
+    fwrite(sText.data(), 1, sText.size(), pFile);
+    fclose(pFile);
+    return acPath;
+}
+
+// A textured frame: smooth gradients with a few soft blobs and no long straight edges, so the
+// line check finds nothing; bStraightEdge adds a strong diagonal-free vertical bar near the border.
+std::vector<uint8_t> RenderFrame(int iW, int iH, int ePicType, bool bStraightEdge)
+{
+    std::vector<uint8_t> vFrame((size_t)iW * iH * 3 / 2 + kGuard, 0xA5);
+    for (int y = 0; y < iH; y++) {
+        for (int x = 0; x < iW; x++) {
+            double dV = 120 + 50 * sin(x * 0.031) * cos(y * 0.027) + 20 * sin((x + y) * 0.11);
+            if (bStraightEdge && x > iW - iW / 8 && x < iW - iW / 8 + 6 && y > iH / 10 && y < iH - iH / 10) {
+                dV = 250;
+            }
+            vFrame[(size_t)y * iW + x] = (uint8_t)dV;
+        }
+    }
+    uint8_t *pucChroma = vFrame.data() + (size_t)iW * iH;
+    for (int i = 0; i < iW * iH / 2; i++) {
+        pucChroma[i] = (uint8_t)(96 + (i * 7 + (i / iW) * 3) % 64);
+    }
+    (void)ePicType;
+    return vFrame;
+}
+
+struct Instance {
+    void *pHandle = NULL;
+    std::string sPath;
+    Instance(const Keys &stKeys, int iW = kW, int iH = kH, int ePicType = LDC_PIC_NV21)
+    {
+        sPath = WriteConfig(stKeys);
+        char acPath[256] = {0};
+        snprintf(acPath, sizeof(acPath), "%s", sPath.c_str());
+        ST_LDC_INPUT_PARA stPara = {iW, iH, acPath, ePicType};
+        EXPECT_EQ(IQV_LDC_Create(&pHandle, &stPara), LDC_OK);
+    }
+    ~Instance()
+    {
+        IQV_LDC_Delete(pHandle);
+        unlink(sPath.c_str());
+    }
+    tagST_LDC_PARA *Para() { return (tagST_LDC_PARA *)pHandle; }
+};
+
+struct Result {
+    int32_t iRet;
+    std::vector<uint8_t> vOut;
+    std::string sLog;
+};
+
+Result Process(Instance &stInst, std::vector<uint8_t> &vIn, int iW, int iH, const std::vector<ST_FACE_RECT> &vFaces)
+{
+    Result stResult;
+    stResult.vOut.assign((size_t)iW * iH * 3 / 2 + kGuard, 0x5A);
+    ST_LDC_FRAME_INFO stInfo = {iW, iH, 100, (int32_t)vFaces.size(), vFaces.empty() ? NULL : vFaces.data()};
+    testing::internal::CaptureStderr();
+    stResult.iRet = IQV_LDC_Process(stInst.pHandle, &stInfo, vIn.data(), stResult.vOut.data());
+    stResult.sLog = testing::internal::GetCapturedStderr();
+    return stResult;
+}
+
+bool GuardIntact(const std::vector<uint8_t> &vBuf, size_t uFrameBytes, uint8_t ucGuard)
+{
+    for (size_t i = uFrameBytes; i < vBuf.size(); i++) {
+        if (vBuf[i] != ucGuard) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The remap and warp of the driver, composed by hand from the exported stages: border of the
+// intermediate image from the input, remap of the rectangle, warp through pfMatrix.
+std::vector<uint8_t> ComposeByHand(tagST_LDC_PARA *pstPara, std::vector<uint8_t> &vIn, const float *pfMatrix)
+{
+    const int iW = pstPara->iImgWidth;
+    const int iH = pstPara->iImgHeight;
+    const size_t uBytes = (size_t)iW * iH * 3 / 2;
+    std::vector<uint8_t> vOut(uBytes + kGuard, 0x5A);
+    tagST_PIC stIn, stInter, stOut;
+    BuildPicture(&stIn, vIn.data(), iW, iH, pstPara->ePicType);
+    BuildPicture(&stInter, pstPara->pucWorkBuf, iW, iH, pstPara->ePicType);
+    BuildPicture(&stOut, vOut.data(), iW, iH, pstPara->ePicType);
+    const int32_t *piArea = pstPara->iLDCEnable == 1 ? pstPara->aiLDCArea : pstPara->aiGlobalFDCArea;
+    if (pstPara->ePicType == LDC_PIC_YUV420) {
+        FillBlank_neon_YUV420(&stInter, &stIn, piArea[0], piArea[1], piArea[2] + 1, piArea[3] + 1 - piArea[1]);
+    } else {
+        FillBlank_neon_NV12(&stInter, &stIn, piArea[0], piArea[1], piArea[2] + 1, piArea[3] + 1 - piArea[1]);
+    }
+    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, &stIn, &stInter);
+    tagST_REGISTRATION_AREA stArea = {0, 0, iW, iH};
+    float afMatrix[9];
+    memcpy(afMatrix, pfMatrix, sizeof(afMatrix));
+    AffineTransform_neon(pstPara, &stOut, &stInter, &stOut, afMatrix, &stArea, pstPara->pucWorkBuf + uBytes);
+    return vOut;
+}
+
+bool Contains(const std::string &sLog, const std::string &sLine)
+{
+    return sLog.find(sLine) != std::string::npos;
+}
+
+const std::vector<ST_FACE_RECT> kOneFaceRight = {{480, 180, 579, 299}};
+const std::vector<ST_FACE_RECT> kTwoFaces = {{40, 160, 129, 269}, {500, 170, 589, 279}};
+
+TEST(Process, BadArgumentsReturnTheCodeAndLeaveTheOutputUntouched)
+{
+    Instance stInst(Keys{});
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    std::vector<uint8_t> vOut(vIn.size(), 0x77);
+    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 0, NULL};
+    const std::vector<uint8_t> vUntouched = vOut;
+    struct Case {
+        void *pHandle;
+        const ST_LDC_FRAME_INFO *pstInfo;
+        uint8_t *pucIn;
+        uint8_t *pucOut;
+    } astCases[] = {{NULL, &stInfo, vIn.data(), vOut.data()},
+                    {stInst.pHandle, NULL, vIn.data(), vOut.data()},
+                    {stInst.pHandle, &stInfo, NULL, vOut.data()},
+                    {stInst.pHandle, &stInfo, vIn.data(), NULL}};
+    for (const Case &c : astCases) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(IQV_LDC_Process(c.pHandle, c.pstInfo, c.pucIn, c.pucOut), LDC_ERR_PARAM);
+        const std::string sLog = testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(Contains(sLog, "E/ZB5QU_QVLDC: The point of input param is NULL!\n")) << sLog;
+    }
+    const struct {
+        int iW, iH;
+        const char *pcLog;
+    } astSizes[] = {{0, kH, "E/ZB5QU_QVLDC: iImgWidth: 0 > 5000\n"},
+                    {5001, kH, "E/ZB5QU_QVLDC: iImgWidth: 5001 > 5000\n"},
+                    {kW, -1, "E/ZB5QU_QVLDC: iImgHeight: -1 > 5000\n"},
+                    {0, 5001, "E/ZB5QU_QVLDC: iImgWidth: 0 > 5000\nE/ZB5QU_QVLDC: iImgHeight: 5001 > 5000\n"}};
+    for (const auto &c : astSizes) {
+        ST_LDC_FRAME_INFO stBad = {c.iW, c.iH, 100, 0, NULL};
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(IQV_LDC_Process(stInst.pHandle, &stBad, vIn.data(), vOut.data()), LDC_ERR_PARAM);
+        EXPECT_TRUE(Contains(testing::internal::GetCapturedStderr(), c.pcLog)) << c.pcLog;
+    }
+    EXPECT_EQ(vOut, vUntouched);
+}
+
+TEST(Process, WithoutFaceCorrectionTheOutputIsACopyWhateverTheLensFlagSays)
+{
+    Instance stInst(Keys{{"Global/FDCFlag", "0"}, {"Global/LDCFlag", "1"}});
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    const Result stR = Process(stInst, vIn, kW, kH, kOneFaceRight);
+    const size_t uBytes = (size_t)kW * kH * 3 / 2;
+    ASSERT_EQ(stR.iRet, LDC_OK);
+    EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), uBytes));
+    EXPECT_TRUE(GuardIntact(stR.vOut, uBytes, 0x5A));
+    EXPECT_EQ(stInst.Para()->iLDCEnable, 0);
+    EXPECT_EQ(stInst.Para()->iFDCMode, 0);
+    // Log order: entry, version, frame, faces, time, property, exit.
+    const char *apcOrder[] = {"I/ZB5QU_QVLDC: Enter IQV_LDC_Process.\n", "I/ZB5QU_QVLDC: LDC Version : __QVLDC_V1.0.4<78069>__",
+                              "I/ZB5QU_QVLDC: iImgWidth = 640, iImgHeight = 480, iISO = 100, iFaceNum = 1.\n",
+                              "I/ZB5QU_QVLDC: Face No. 1 Coord<left, top, right, bottom>: 480, 180, 579, 299\n",
+                              "I/ZB5QU_QVLDC: The time of IQV_LDC_Process is = ", "I/ZB5QU_QVLDC: save org image: length = 0",
+                              "I/ZB5QU_QVLDC: Exit IQV_LDC_Process.\n"};
+    size_t uPos = 0;
+    for (const char *pcLine : apcOrder) {
+        const size_t uFound = stR.sLog.find(pcLine, uPos);
+        ASSERT_NE(uFound, std::string::npos) << pcLine << "\n" << stR.sLog;
+        uPos = uFound;
+    }
+}
+
+TEST(Process, FullBudgetGivesTheLensRemapWithoutFaceWarp)
+{
+    for (int ePicType = 0; ePicType <= 2; ePicType++) {
+        Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, kW, kH, ePicType);
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, ePicType, false);
+        const Result stR = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost 100%, ret of H is 0\n")) << stR.sLog;
+        EXPECT_EQ(stInst.Para()->iLDCEnable, 1);
+        const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+        const std::vector<uint8_t> vExpected = ComposeByHand(stInst.Para(), vIn, afIdentity);
+        const size_t uBytes = (size_t)kW * kH * 3 / 2;
+        EXPECT_EQ(0, memcmp(stR.vOut.data(), vExpected.data(), uBytes)) << "picture type " << ePicType;
+        EXPECT_NE(0, memcmp(stR.vOut.data(), vIn.data(), kW * kH)) << "the lens remap changes the frame";
+        EXPECT_TRUE(GuardIntact(stR.vOut, uBytes, 0x5A)) << "picture type " << ePicType;
+        EXPECT_TRUE(GuardIntact(vIn, uBytes, 0xA5)) << "picture type " << ePicType;
+    }
+}
+
+// The face homography the driver should fit: corners of the widened face moved towards the frame
+// centre by s = 1 + g r^2 / fx^2.
+void FitExpectedHomography(const tagST_LDC_PARA *pstPara, float fG, float *pfH)
+{
+    std::vector<tag_VECTOR> vSrc, vDst;
+    const int iCx = pstPara->iImgWidth >> 1;
+    const int iCy = pstPara->iImgHeight >> 1;
+    const float fFx = pstPara->afCameraMatrix[0];
+    for (int i = 0; i < pstPara->iFaceNum; i++) {
+        const int32_t *piR = pstPara->aiFaceRect[i];
+        const int aiX[4] = {piR[0], piR[2], piR[0], piR[2]};
+        const int aiY[4] = {piR[1], piR[1], piR[3], piR[3]};
+        for (int k = 0; k < 4; k++) {
+            const float fDx = (float)(aiX[k] - iCx);
+            const float fDy = (float)(aiY[k] - iCy);
+            const float fS = 1.0f + fG * (fDx * fDx + fDy * fDy) / (fFx * fFx);
+            vSrc.push_back({aiX[k], aiY[k]});
+            vDst.push_back({(int32_t)floorf((float)iCx + fDx * fS + 0.5f), (int32_t)floorf((float)iCy + fDy * fS + 0.5f)});
+        }
+    }
+    tagST_POINT_PAIRS stPairs = {vSrc.data(), vDst.data(), (int32_t)vSrc.size()};
+    uint8_t aucScratch[LDC_HOMOGRAPHY_SCRATCH_BYTES + 4];
+    const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    memcpy(pfH, afIdentity, sizeof(afIdentity));
+    HomographyEstimation(&stPairs, pfH, aucScratch);
+}
+
+TEST(Process, AcceptedFaceHomographyIsRemappedAndWarped)
+{
+    Instance stInst(Keys{{"FaceDistortionCorrection/CorrectionDegree", "0.3"}, {"FaceDistortionCorrection/FOVLost", "60"}});
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    const Result stR = Process(stInst, vIn, kW, kH, kOneFaceRight);
+    ASSERT_EQ(stR.iRet, LDC_OK);
+    tagST_LDC_PARA *pstPara = stInst.Para();
+    // The face widened by an eighth of its size on each side.
+    const int32_t aiWidened[4] = {480 - 12, 180 - 15, 579 + 12, 299 + 15};
+    EXPECT_EQ(0, memcmp(pstPara->aiFaceRect[0], aiWidened, sizeof(aiWidened)));
+    EXPECT_EQ(pstPara->iFaceNum, 1);
+    EXPECT_EQ(pstPara->iLDCEnable, 1);
+    EXPECT_EQ(pstPara->iFDCMode, 0);
+    EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost ")) << stR.sLog;
+    EXPECT_TRUE(Contains(stR.sLog, "%, ret of H is 0\n")) << stR.sLog;
+    float afH[9];
+    FitExpectedHomography(pstPara, -0.3f, afH);
+    const std::vector<uint8_t> vExpected = ComposeByHand(pstPara, vIn, afH);
+    EXPECT_EQ(0, memcmp(stR.vOut.data(), vExpected.data(), (size_t)kW * kH * 3 / 2));
+    // And the face warp really moves pixels compared with the lens remap alone.
+    const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    const std::vector<uint8_t> vLensOnly = ComposeByHand(pstPara, vIn, afIdentity);
+    EXPECT_NE(0, memcmp(stR.vOut.data(), vLensOnly.data(), (size_t)kW * kH));
+}
+
+TEST(Process, FieldOfViewRefusalFallsBackToCopyOrGlobalRemap)
+{
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    const size_t uBytes = (size_t)kW * kH * 3 / 2;
+    {
+        Instance stInst(Keys{{"FaceDistortionCorrection/CorrectionDegree", "1.0"}, {"FaceDistortionCorrection/FOVLost", "0"},
+                         {"Global/GolbalFDCFlag", "0"}});
+        const Result stR = Process(stInst, vIn, kW, kH, kTwoFaces);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        EXPECT_TRUE(Contains(stR.sLog, "E/ZB5QU_QVLDC: FOV is lost ")) << stR.sLog;
+        EXPECT_TRUE(Contains(stR.sLog, "%, more than 10%, ret of H is 0!\n")) << stR.sLog;
+        EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), uBytes)) << "mode 0 copies the frame";
+        EXPECT_EQ(stInst.Para()->iLDCEnable, 0);
+    }
+    {
+        Instance stInst(Keys{{"FaceDistortionCorrection/CorrectionDegree", "1.0"}, {"FaceDistortionCorrection/FOVLost", "0"},
+                         {"Global/GolbalFDCFlag", "2"}});
+        const Result stR = Process(stInst, vIn, kW, kH, kTwoFaces);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        tagST_LDC_PARA *pstPara = stInst.Para();
+        EXPECT_EQ(pstPara->iFDCMode, 2);
+        // The lens flag is still on: the lens area is stretched over the frame.
+        ASSERT_EQ(pstPara->iLDCEnable, 1);
+        const int32_t *piA = pstPara->aiLDCArea;
+        const float fS = fminf((float)(piA[2] - piA[0] + 1) / kW, (float)(piA[3] - piA[1] + 1) / kH);
+        char acLine[64];
+        snprintf(acLine, sizeof(acLine), "I/ZB5QU_QVLDC: FOV is lost %d%%\n", (int)(100.0f * (1.0f - fS)));
+        EXPECT_TRUE(Contains(stR.sLog, acLine)) << stR.sLog;
+        EXPECT_NE(0, memcmp(stR.vOut.data(), vIn.data(), kW * kH)) << "mode 2 remaps";
+    }
+}
+
+TEST(Process, LineCheckChoosesTheGlobalCorrectionOnlyWithoutBendingLines)
+{
+    // No straight edge: the check returns 1, the global correction runs without face homography.
+    {
+        Instance stInst(Keys{{"Global/GolbalFDCFlag", "1"}});
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+        const Result stR = Process(stInst, vIn, kW, kH, kTwoFaces);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        tagST_LDC_PARA *pstPara = stInst.Para();
+        EXPECT_EQ(pstPara->iFDCMode, 1);
+        EXPECT_EQ(pstPara->iLDCEnable, 0);
+        EXPECT_EQ(pstPara->iFDCEnable, 0);
+        EXPECT_FALSE(Contains(stR.sLog, "ret of H is")) << "no face homography on the global path";
+        EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost ")) << stR.sLog;
+        EXPECT_NE(0, memcmp(stR.vOut.data(), vIn.data(), kW * kH));
+    }
+    // A long straight bar near the border bends under the global mapping: the check returns 0
+    // and the face homography decides instead.
+    {
+        Instance stInst(Keys{{"Global/GolbalFDCFlag", "1"}});
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, true);
+        const Result stR = Process(stInst, vIn, kW, kH, kTwoFaces);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        EXPECT_EQ(stInst.Para()->iFDCMode, 0);
+        EXPECT_TRUE(Contains(stR.sLog, "There are some lines becoming bended by using global FDC method! The bend value is "))
+            << stR.sLog;
+        EXPECT_TRUE(Contains(stR.sLog, "ret of H is")) << stR.sLog;
+    }
+}
+
+TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
+{
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    {
+        // A face one pixel wide is logged and switches face correction off; the others still count.
+        Instance stInst(Keys{});
+        std::vector<ST_FACE_RECT> vFaces = {{100, 100, 100, 180}, {500, 170, 589, 279}};
+        const Result stR = Process(stInst, vIn, kW, kH, vFaces);
+        EXPECT_TRUE(Contains(stR.sLog, "E/ZB5QU_QVLDC: The coordinates of faces have error!\n"));
+        EXPECT_EQ(stInst.Para()->iFaceNum, 1);
+        EXPECT_EQ(stInst.Para()->iFDCEnable, 0);
+        EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), (size_t)kW * kH * 3 / 2));
+    }
+    {
+        // Twelve faces: all twelve logged, ten used.
+        Instance stInst(Keys{{"Global/MultiFacesFDCFlag", "0"}});
+        std::vector<ST_FACE_RECT> vFaces;
+        for (int i = 0; i < 12; i++) {
+            vFaces.push_back({10 + 50 * i, 20, 40 + 50 * i, 60});
+        }
+        const Result stR = Process(stInst, vIn, kW, kH, vFaces);
+        EXPECT_TRUE(Contains(stR.sLog, "Face No. 12 Coord<left, top, right, bottom>: 560, 20, 590, 60\n"));
+        EXPECT_EQ(stInst.Para()->iFaceNum, 10);
+        EXPECT_EQ(stInst.Para()->iFDCEnable, 0) << "several faces with MultiFacesFDCFlag 0";
+        EXPECT_EQ(stInst.Para()->aiFaceRect[9][0], 10 + 450 - 3);
+    }
+    {
+        // Restricted area, ratio 0.5 of min(343, 235): R = 117 around (343, 235). A widened face
+        // whose farthest edge lies exactly R away keeps the correction off; one pixel further turns it on.
+        Instance stInst(Keys{{"Global/FDCAreaRestrictedFlag", "1"}, {"FaceDistortionCorrection/FOVLost", "100"}});
+        ASSERT_EQ((int)stInst.Para()->afCameraMatrix[2], 343);
+        // Width and height 80: widened by 10 on each side.
+        std::vector<ST_FACE_RECT> vInside = {{343 - 107, 235 - 107, 343 - 107 + 79, 235 - 107 + 79}};
+        Process(stInst, vIn, kW, kH, vInside);
+        EXPECT_EQ(stInst.Para()->iFDCEnable, 0);
+        std::vector<ST_FACE_RECT> vOutside = {{343 - 108, 235 - 107, 343 - 108 + 79, 235 - 107 + 79}};
+        Process(stInst, vIn, kW, kH, vOutside);
+        EXPECT_EQ(stInst.Para()->iFDCEnable, 1);
+    }
+}
+
+TEST(Process, TransposedFrameSizeChangeAndHollowInstance)
+{
+    Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}});
+    tagST_LDC_PARA *pstPara = stInst.Para();
+    const int32_t aiArea[4] = {pstPara->aiLDCArea[0], pstPara->aiLDCArea[1], pstPara->aiLDCArea[2], pstPara->aiLDCArea[3]};
+    const float fU0 = pstPara->afCameraMatrix[2];
+    const float fV0 = pstPara->afCameraMatrix[5];
+    uint8_t *pucBuf = pstPara->pucWorkBuf;
+
+    // 480 x 640 on a 640 x 480 instance: transposed in place, no reset.
+    std::vector<uint8_t> vTall = RenderFrame(kH, kW, LDC_PIC_NV21, false);
+    std::vector<ST_FACE_RECT> vFace = {{300, 480, 399, 579}};
+    Result stR = Process(stInst, vTall, kH, kW, vFace);
+    ASSERT_EQ(stR.iRet, LDC_OK);
+    EXPECT_EQ(pstPara->iImgWidth, kH);
+    EXPECT_EQ(pstPara->iImgHeight, kW);
+    EXPECT_EQ(pstPara->afCameraMatrix[2], fV0);
+    EXPECT_EQ(pstPara->afCameraMatrix[5], fU0);
+    EXPECT_EQ(pstPara->aiLDCArea[0], aiArea[1]);
+    EXPECT_EQ(pstPara->aiLDCArea[3], aiArea[2]);
+    EXPECT_EQ(pstPara->pucWorkBuf, pucBuf) << "no reset";
+
+    // 320 x 240: a second profile, reached through Reset.
+    std::vector<uint8_t> vSmall = RenderFrame(320, 240, LDC_PIC_NV21, false);
+    stR = Process(stInst, vSmall, 320, 240, {});
+    ASSERT_EQ(stR.iRet, LDC_OK);
+    EXPECT_EQ(pstPara->iImgWidth, 320);
+    EXPECT_EQ(pstPara->iImgHeight, 240);
+
+    // An unknown size: Reset fails, the input is copied, the instance is hollow...
+    std::vector<uint8_t> vOdd = RenderFrame(200, 100, LDC_PIC_NV21, false);
+    stR = Process(stInst, vOdd, 200, 100, {});
+    EXPECT_EQ(stR.iRet, LDC_ERR_CONFIG);
+    EXPECT_TRUE(Contains(stR.sLog, "E/ZB5QU_QVLDC: Parse config file in IQV_LDC_Reset is error!\n")) << stR.sLog;
+    EXPECT_EQ(0, memcmp(stR.vOut.data(), vOdd.data(), 200 * 100 * 3 / 2));
+    EXPECT_TRUE(GuardIntact(stR.vOut, 200 * 100 * 3 / 2, 0x5A));
+    EXPECT_EQ(pstPara->pucWorkBuf, nullptr);
+    // ...and the next frame of a known size resets it again.
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    stR = Process(stInst, vIn, kW, kH, kOneFaceRight);
+    EXPECT_EQ(stR.iRet, LDC_OK);
+    EXPECT_EQ(pstPara->iImgWidth, kW);
+    EXPECT_NE(pstPara->pucWorkBuf, nullptr);
+}
+
+}  // namespace

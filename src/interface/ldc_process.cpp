@@ -300,9 +300,20 @@ static void RemapAndWarp(tagST_LDC_PARA *pstPara, tagST_PIC *pstIn, tagST_PIC *p
     uint8_t *pucScratch = pstPara->pucWorkBuf + (size_t)iW * iH * 3 / 2;
     PrepareIntermediate(pstPara, pstIn, pstInter);
     DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, pstIn, pstInter);
-    tagST_REGISTRATION_AREA stArea = {0, 0, iW, iH};
+    // The warp works on row pairs and column pairs: on a frame of odd size it would write a chroma
+    // row past the end of the caller's output. It covers the even part; the odd last luma row or
+    // column is taken from the input as it stands.
+    tagST_REGISTRATION_AREA stArea = {0, 0, iW & ~1, iH & ~1};
     tagST_PIC stFrame = *pstOut;
     AffineTransform_neon(pstPara, &stFrame, pstInter, pstOut, pfMatrix, &stArea, pucScratch);
+    if (iW & 1) {
+        for (int32_t y = 0; y < iH; y++) {
+            pstOut->pY[(size_t)y * iW + iW - 1] = pstIn->pY[(size_t)y * iW + iW - 1];
+        }
+    }
+    if (iH & 1) {
+        (void)memcpy_s(pstOut->pY + (size_t)(iH - 1) * iW, (size_t)iW, pstIn->pY + (size_t)(iH - 1) * iW, (size_t)iW);
+    }
 }
 
 int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo, uint8_t *pucIn, uint8_t *pucOut)

@@ -66,7 +66,11 @@ std::string WriteConfig(const Keys &stKeys)
         "<CameraMatrix>267.957865 0 171.141575 0 267.957865 117.785415 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221</DistortionCoefficients>"
         "<GlobalFDCCoefficients>1e-6 4.8e-12 0 0.0037318</GlobalFDCCoefficients>"
-        "<BendValue>2</BendValue></DistortionCorrection2></Config>\n";
+        "<BendValue>2</BendValue></DistortionCorrection2>"
+        "<DistortionCorrection3><ImageWidth>35</ImageWidth><ImageHeight>49</ImageHeight>"
+        "<CameraMatrix>30 0 17 0 30 24 0 0 1</CameraMatrix>"
+        "<DistortionCoefficients>-0.2 0 0 0 0</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection3></Config>\n";
     char acPath[256] = {0};
     snprintf(acPath, sizeof(acPath), "/tmp/ldc_process_test_%d_%zu.xml", (int)getpid(),
              std::hash<std::string>()(sText));
@@ -412,6 +416,24 @@ TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
         std::vector<ST_FACE_RECT> vOutside = {{343 - 108, 235 - 107, 343 - 108 + 79, 235 - 107 + 79}};
         Process(stInst, vIn, kW, kH, vOutside);
         EXPECT_EQ(stInst.Para()->iFDCEnable, 1);
+    }
+}
+
+TEST(Process, OddFrameSizesStayInsideTheCallerBuffers)
+{
+    // The warp works on row pairs: the odd last row and column come from the input.
+    for (int ePicType = 0; ePicType <= 2; ePicType++) {
+        Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, 35, 49, ePicType);
+        std::vector<uint8_t> vIn = RenderFrame(35, 49, ePicType, false);
+        const std::vector<ST_FACE_RECT> vFace = {{24, 30, 33, 45}};
+        const Result stR = Process(stInst, vIn, 35, 49, vFace);
+        ASSERT_EQ(stR.iRet, LDC_OK);
+        const size_t uBytes = 35 * 49 * 3 / 2;
+        EXPECT_TRUE(GuardIntact(stR.vOut, uBytes, 0x5A)) << "picture type " << ePicType;
+        EXPECT_EQ(0, memcmp(stR.vOut.data() + 48 * 35, vIn.data() + 48 * 35, 35)) << "last row, type " << ePicType;
+        for (int y = 0; y < 49; y++) {
+            ASSERT_EQ(stR.vOut[y * 35 + 34], vIn[y * 35 + 34]) << "last column, row " << y;
+        }
     }
 }
 

@@ -76,11 +76,14 @@ LDC_EXPORT int32_t IQV_LDC_Create(void **pHandle, ST_LDC_INPUT_PARA *pstInputPar
  *
  * Reads stay inside the frames: no stage reads before pucIn or past its last byte, and every
  * output byte derives from the current input frame. A face correction's homography is exact
- * near the faces but can map far parts of the output outside the frame; such source positions
- * are clamped per 2 x 2 block and axis: below 0 to 0, at or past the last column (row) to the
- * column (row) before it. Out-of-frame output therefore repeats the frame's first or last two
- * columns (rows), and its chroma the nearest edge sample. Source positions inside the frame give
- * exactly the bytes of the unclamped resampling.
+ * near the faces but can map far parts of the output outside the frame (and a lens profile that
+ * is not monotonic over the frame can do the same in the lens remap); such source positions are
+ * clamped, in the remap and the warp alike, per 2 x 2 block and axis: below 0 to 0, at or past
+ * the last column (row) to the column (row) before it. Out-of-frame output therefore repeats the
+ * frame's first or last two columns (rows), and its chroma the nearest edge sample. Source
+ * positions inside the frame give exactly the bytes of the unclamped resampling. The part of
+ * the intermediate image outside the lens area is taken from the input at the same positions,
+ * and a frame of odd width or height gets its last column or row from the input.
  */
 LDC_EXPORT int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo,
                                    uint8_t *pucIn, uint8_t *pucOut);

@@ -69,6 +69,8 @@ void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t bPlanar, int32_t
     tagST_LDC_PARA *pstPara = pstWork->pstPara;
     pstBand->stBlock = LdcSourceBlock(pstWork->pucSrcY, pstWork->pucSrcU, pstWork->pucSrcV, pstPara->iImgWidth,
                                       pstPara->iImgHeight, bPlanar);
+    pstBand->iInnerX = LdcInnerLimit(pstPara->iImgWidth);
+    pstBand->iInnerY = LdcInnerLimit(pstPara->iImgHeight);
 
     // First free affinity slot, claimed without a lock: two racing workers may take the same one,
     // which only means two threads share a core. The slot is independent of the band.
@@ -104,19 +106,24 @@ typedef struct tagST_LDC_SAMPLE {
     uint16_t uFy;
 } tagST_LDC_SAMPLE;
 
-static void MapGroupColumn(const tagST_RADIAL_MODEL *pstModel, float fX, float fDy, float fR2y,
+static void MapGroupColumn(const tagST_LDC_BAND *pstBand, float fX, float fDy, float fR2y,
                            tagST_LDC_SAMPLE *pstSample)
 {
+    const tagST_RADIAL_MODEL *pstModel = &pstBand->stModel;
     const float fDx = fX - pstModel->fCx;
     const float fR2 = fDx * fDx + fR2y;
     const float fF = RadialFactorGrouped(pstModel, fR2);
     const float fSx = fF * fDx + pstModel->fCx;
     const float fSy = fF * fDy + pstModel->fCy;
-    pstSample->iX = TruncF32ToS32(fSx);
-    pstSample->iY = TruncF32ToS32(fSy);
+    const int32_t iRawX = TruncF32ToS32(fSx);
+    const int32_t iRawY = TruncF32ToS32(fSy);
+    int32_t bInsideX;
+    int32_t bInsideY;
+    pstSample->iX = LdcClampIndex(iRawX, pstBand->iInnerX, &bInsideX);
+    pstSample->iY = LdcClampIndex(iRawY, pstBand->iInnerY, &bInsideY);
     // Scaling by 128 is exact, so the fraction is the first 7 bits below the truncated position.
-    pstSample->uFx = SatU16(TruncF32ToS32(fSx * 128.0f) - pstSample->iX * 128);
-    pstSample->uFy = SatU16(TruncF32ToS32(fSy * 128.0f) - pstSample->iY * 128);
+    pstSample->uFx = bInsideX ? SatU16(TruncF32ToS32(fSx * 128.0f) - iRawX * 128) : 0;
+    pstSample->uFy = bInsideY ? SatU16(TruncF32ToS32(fSy * 128.0f) - iRawY * 128) : 0;
 }
 
 // Maps the four block origins of group g and interpolates its 2 x 8 luma block; returns the
@@ -131,7 +138,7 @@ static int32_t CorrectLumaGroup(const tagST_LDC_WORK *pstWork, const tagST_LDC_B
     uint16_t auFx[4];
     uint16_t auFy[4];
     for (int32_t k = 0; k < 4; k++) {
-        MapGroupColumn(&pstBand->stModel, (float)(iX0 + 2 * k), fDy, fDy * fDy, &astSample[k]);
+        MapGroupColumn(pstBand, (float)(iX0 + 2 * k), fDy, fDy * fDy, &astSample[k]);
         aiOffset[k] = astSample[k].iX + astSample[k].iY * iW;
         auFx[k] = astSample[k].uFx;
         auFy[k] = astSample[k].uFy;
@@ -203,13 +210,14 @@ void DistortionCorrect_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex, int
 }
 
 // Source position of an output pixel in the tail, evaluated as the area search does.
-static void MapTailPixel(const tagST_RADIAL_MODEL *pstModel, int32_t iX, float fDy, int32_t *piX,
-                         int32_t *piY)
+static void MapTailPixel(const tagST_LDC_BAND *pstBand, int32_t iX, float fDy, int32_t *piX, int32_t *piY)
 {
+    const tagST_RADIAL_MODEL *pstModel = &pstBand->stModel;
     const float fDx = (float)iX - pstModel->fCx;
     const float fF = RadialFactorSerial(pstModel, fDx * fDx + fDy * fDy);
-    *piX = TruncF32ToS32(pstModel->fCx + fF * fDx);
-    *piY = TruncF32ToS32(pstModel->fCy + fF * fDy);
+    int32_t bInside;
+    *piX = LdcClampIndex(TruncF32ToS32(pstModel->fCx + fF * fDx), pstBand->iInnerX, &bInside);
+    *piY = LdcClampIndex(TruncF32ToS32(pstModel->fCy + fF * fDy), pstBand->iInnerY, &bInside);
 }
 
 // Nearest-sample luma of one 2 x 2 block; returns the source position through piX / piY.
@@ -218,7 +226,7 @@ static void CopyTailLuma(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *ps
 {
     static const char *const s_pcKernel = "DistortionCorrectTail";
     const int32_t iW = pstWork->pstPara->iImgWidth;
-    MapTailPixel(&pstBand->stModel, iX, (float)iY - pstBand->stModel.fCy, piX, piY);
+    MapTailPixel(pstBand, iX, (float)iY - pstBand->stModel.fCy, piX, piY);
     const int32_t iSrc = *piY * iW + *piX;
     uint8_t *pucDst = pstWork->pucDstY + iY * iW + iX;
     pucDst[0] = LdcLumaAt(&pstBand->stBlock, s_pcKernel, iSrc);

@@ -42,6 +42,8 @@ typedef struct tagST_LDC_BAND {
     int32_t iRows;     // even, may be 0
     int32_t iGroups;   // whole groups of eight columns; the rest is the tail
     tagST_SRC_BLOCK stBlock;   // the source frame block every read stays in
+    int32_t iInnerX;           // block positions are clamped to [0, iInnerX] x [0, iInnerY]
+    int32_t iInnerY;
 } tagST_LDC_BAND;
 
 typedef void (*LdcDistortionBody)(const tagST_LDC_WORK *pstWork, int32_t iIndex, int32_t iCount);

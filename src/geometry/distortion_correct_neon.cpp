@@ -113,10 +113,15 @@ typedef struct tagST_LDC_VMODEL {
     float32x4_t vC1;
     float32x4_t vC2;
     float32x4_t vC3;
+    int32x4_t viInnerX;
+    int32x4_t viInnerY;
 } tagST_LDC_VMODEL;
 
-static inline void LoadVectorModel(const tagST_RADIAL_MODEL *pstModel, tagST_LDC_VMODEL *pstV)
+static inline void LoadVectorModel(const tagST_LDC_BAND *pstBand, tagST_LDC_VMODEL *pstV)
 {
+    const tagST_RADIAL_MODEL *pstModel = &pstBand->stModel;
+    pstV->viInnerX = vdupq_n_s32(pstBand->iInnerX);
+    pstV->viInnerY = vdupq_n_s32(pstBand->iInnerY);
     pstV->vCx = vdupq_n_f32(pstModel->fCx);
     pstV->vCy = vdupq_n_f32(pstModel->fCy);
     pstV->vC1 = vdupq_n_f32(pstModel->fC1);
@@ -148,12 +153,12 @@ static inline void MapGroup_neon(const tagST_LDC_VMODEL *pstV, const uint8_t *pu
         vdupq_n_f32(1.0f));
     const float32x4_t vSx = vaddq_f32(vmulq_f32(vF, vDx), pstV->vCx);
     const float32x4_t vSy = vaddq_f32(vmulq_f32(vF, vDy), pstV->vCy);
-    pstS->viX = VcvtqS32F32(vSx);
-    pstS->viY = VcvtqS32F32(vSy);
-    pstS->vuFx =
-        vqmovun_s32(vsubq_s32(VcvtqS32F32(vmulq_n_f32(vSx, 128.0f)), vshlq_n_s32(pstS->viX, 7)));
-    pstS->vuFy =
-        vqmovun_s32(vsubq_s32(VcvtqS32F32(vmulq_n_f32(vSy, 128.0f)), vshlq_n_s32(pstS->viY, 7)));
+    int32x4_t viFx;
+    int32x4_t viFy;
+    pstS->viX = LdcClampIndex_neon(vSx, pstV->viInnerX, &viFx);
+    pstS->viY = LdcClampIndex_neon(vSy, pstV->viInnerY, &viFy);
+    pstS->vuFx = vqmovun_s32(viFx);
+    pstS->vuFy = vqmovun_s32(viFy);
 }
 
 // Shared row-pair loop of both layouts: maps and interpolates every group, then hands the
@@ -167,7 +172,7 @@ static inline void CorrectBand_neon(const tagST_LDC_WORK *pstWork, const tagST_L
     const uint8_t *pucTable =
         pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, pstPara->iImgHeight);
     tagST_LDC_VMODEL stV;
-    LoadVectorModel(&pstBand->stModel, &stV);
+    LoadVectorModel(pstBand, &stV);
     const int32x4_t viW = vdupq_n_s32(iW);
     const int32x4_t viChromaRowLast = vdupq_n_s32(pstBand->stBlock.iChromaRowLast);
     const int32_t iEnd = pstBand->iStart + pstBand->iRows;

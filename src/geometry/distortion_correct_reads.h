@@ -20,6 +20,7 @@
 #include <stdint.h>
 
 #include "interface/ldc_para.h"
+#include "platform/neon.h"
 
 // Extent of one source frame block as the kernels address it.
 typedef struct tagST_SRC_BLOCK {
@@ -106,6 +107,39 @@ static inline int32_t LdcChromaOffset(const tagST_SRC_BLOCK *pstBlock, int32_t i
                                       int32_t iPitchC)
 {
     return LdcMinS32(iColTerm + LdcMinS32(iRow, pstBlock->iChromaRowLast) * iPitchC, pstBlock->iChromaLast);
+}
+
+
+// Largest block column (row) whose bilinear neighbours stay in the frame: W - 2 (H - 2), 0 for a
+// side below 2.
+static inline int32_t LdcInnerLimit(int32_t iSize)
+{
+    return iSize > 2 ? iSize - 2 : 0;
+}
+
+// One axis of a block's source position, clamped into the frame: the truncated position iRaw
+// limited to [0, iInner]; *pbInside is 0 when that moved it (the caller then zeroes the
+// fraction). Positions outside the frame thus repeat the edge samples. A homography fitted to a
+// few faces, or a lens model that is not monotonic over the frame, can map output pixels far
+// outside the source; without the clamp the kernels would read other memory. Working on the
+// integer part, NaN (truncated to 0) and infinities need no compare of their own.
+static inline int32_t LdcClampIndex(int32_t iRaw, int32_t iInner, int32_t *pbInside)
+{
+    const int32_t iV = iRaw < 0 ? 0 : (iRaw > iInner ? iInner : iRaw);
+    *pbInside = (iV == iRaw);
+    return iV;
+}
+
+// LdcClampIndex on four lanes with the fraction trunc(128 s) - 128 trunc(s) of each lane, zeroed
+// where the lane moved: integer max / min / compare, native on 32-bit ARM (its float compares
+// are not IEEE and compilers turn them into scalar ones).
+static inline int32x4_t LdcClampIndex_neon(float32x4_t vS, int32x4_t vInner, int32x4_t *pvFrac)
+{
+    const int32x4_t vRaw = VcvtqS32F32(vS);
+    const int32x4_t vIdx = vminq_s32(vmaxq_s32(vRaw, vdupq_n_s32(0)), vInner);
+    const int32x4_t vFrac = vsubq_s32(VcvtqS32F32(vmulq_n_f32(vS, 128.0f)), vshlq_n_s32(vRaw, 7));
+    *pvFrac = vandq_s32(vFrac, vreinterpretq_s32_u32(vceqq_s32(vIdx, vRaw)));
+    return vIdx;
 }
 
 #endif

@@ -309,6 +309,10 @@ static void FillColumnTable(const tagST_LDC_PARA *pstPara, int32_t iLeft, int32_
 {
     uint8_t *pucTable =
         pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(pstPara->iImgWidth, pstPara->iImgHeight);
+    if (iRight < iLeft) {
+        // An empty rectangle (a collapsed valid area) has no columns; its bands have no rows.
+        return;
+    }
     const size_t uBytes = LDC_COLUMN_TABLE_BYTES(iLeft, iRight);
     float afQuad[4] = {(float)iLeft, (float)(iLeft + 2), (float)(iLeft + 4), (float)(iLeft + 6)};
     for (size_t uDone = 0; uDone < uBytes; uDone += sizeof(afQuad)) {

@@ -70,7 +70,11 @@ std::string WriteConfig(const Keys &stKeys)
         "<DistortionCorrection3><ImageWidth>35</ImageWidth><ImageHeight>49</ImageHeight>"
         "<CameraMatrix>30 0 17 0 30 24 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>-0.2 0 0 0 0</DistortionCoefficients>"
-        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection3></Config>\n";
+        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection3>"
+        "<DistortionCorrection4><ImageWidth>36</ImageWidth><ImageHeight>36</ImageHeight>"
+        "<CameraMatrix>10 0 17 0 10 17 0 0 1</CameraMatrix>"
+        "<DistortionCoefficients>5 0 0 0 0</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection4></Config>\n";
     char acPath[256] = {0};
     snprintf(acPath, sizeof(acPath), "/tmp/ldc_process_test_%d_%zu.xml", (int)getpid(),
              std::hash<std::string>()(sText));
@@ -435,6 +439,21 @@ TEST(Process, OddFrameSizesStayInsideTheCallerBuffers)
             ASSERT_EQ(stR.vOut[y * 35 + 34], vIn[y * 35 + 34]) << "last column, row " << y;
         }
     }
+}
+
+TEST(Process, AcceptedFaceCorrectionWithACollapsedLensArea)
+{
+    // A lens so strong that its valid area shrinks to the centre: rounded to even edges the
+    // rectangle is empty (18, 18, 17, 17), yet an accepted face correction asks for the remap.
+    // The empty rectangle remaps nothing, and the warp reads the input itself.
+    Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, 36, 36, LDC_PIC_NV12);
+    ASSERT_GT(stInst.Para()->aiLDCArea[0], stInst.Para()->aiLDCArea[2]);
+    std::vector<uint8_t> vIn = RenderFrame(36, 36, LDC_PIC_NV12, false);
+    const Result stR = Process(stInst, vIn, 36, 36, {{26, 4, 33, 13}});
+    ASSERT_EQ(stR.iRet, LDC_OK);
+    EXPECT_EQ(stInst.Para()->iLDCEnable, 1);
+    EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), 36 * 36 * 3 / 2)) << "identity warp of the input";
+    EXPECT_TRUE(GuardIntact(stR.vOut, 36 * 36 * 3 / 2, 0x5A));
 }
 
 TEST(Process, TransposedFrameSizeChangeAndHollowInstance)

@@ -89,6 +89,19 @@ void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t bPlanar, int32_t
 void DistortionCorrectTail_NV12(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand);
 void DistortionCorrectTail_YUV420(const tagST_LDC_WORK *pstWork, const tagST_LDC_BAND *pstBand);
 
+// Sum of the distances of blocks 1..3 to block 0, each saturated to 16 bits: the vector bodies'
+// contiguity test. In scalar registers, where the offsets already are for the loads: the
+// narrowing and pairwise lane sums plus the moves back out cost more.
+static inline int32_t LdcOffsetSpreadSum(const int32_t aiOffset[4])
+{
+    int32_t iSum = 0;
+    for (int32_t k = 1; k < 4; k++) {
+        const int32_t iDelta = aiOffset[k] - aiOffset[0];
+        iSum += iDelta > INT16_MAX ? INT16_MAX : (iDelta < INT16_MIN ? INT16_MIN : iDelta);
+    }
+    return iSum;
+}
+
 // Bilinear 2 x 8 luma block: output columns 2k, 2k + 1 of rows 0 and 1 (pucDst, pucDst + iPitch)
 // are sampled at offset o_k of the source block (plus the column / row) with fractions fx_k, fy_k
 // in 1/128. Returns 1 when the offsets were taken as contiguous (only their sum is tested): the

@@ -60,10 +60,7 @@ int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlo
     int32_t aiOffset[4];
     vst1q_s32(aiOffset, viOffset);
     // Only the sum of the distances to block 0 is tested (see InterpolateLumaBlock).
-    const int16x4_t viDelta = vqmovn_s32(vsubq_s32(viOffset, vdupq_n_s32(aiOffset[0])));
-    const int32x2_t viHalves = vpaddl_s16(viDelta);
-    const int32_t bContiguous =
-        (vget_lane_s32(viHalves, 0) + vget_lane_s32(viHalves, 1) == 12) ? 1 : 0;
+    const int32_t bContiguous = (LdcOffsetSpreadSum(aiOffset) == 12) ? 1 : 0;
 
     // Row r of the block: A holds the left and B the right neighbour of every output column.
     uint8x8_t avucA[3];

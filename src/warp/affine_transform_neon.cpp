@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 
+#include "geometry/distortion_correct.h"
 #include "platform/neon.h"
 
 #define AFFINE_PREFETCH_SRC 32      // bytes ahead on every source row
@@ -142,10 +143,7 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             vst1q_s32(aiChroma, vChroma);
 
             // Contiguity: only the sum of the saturated differences is tested, deliberately.
-            const int16x4_t vDiff = vqmovn_s32(vsubq_s32(vOff, vdupq_n_s32(aiOff[0])));
-            const int32x2_t vPair = vpaddl_s16(vDiff);
-            const int32_t bContiguous =
-                (vget_lane_s32(vPair, 0) + vget_lane_s32(vPair, 1)) == AFFINE_CONTIGUOUS_SUM;
+            const int32_t bContiguous = LdcOffsetSpreadSum(aiOff) == AFFINE_CONTIGUOUS_SUM;
 
             uint16x8_t vH0;
             uint16x8_t vH1;

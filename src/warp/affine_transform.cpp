@@ -110,8 +110,8 @@ static inline int32_t SaturateS16(int32_t iV)
 tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc)
 {
     tagST_AFFINE_LIMITS stLimits;
-    stLimits.iInnerX = pstSrc->iWidth > 2 ? pstSrc->iWidth - 2 : 0;
-    stLimits.iInnerY = pstSrc->iHeight > 2 ? pstSrc->iHeight - 2 : 0;
+    stLimits.iInnerX = LdcInnerLimit(pstSrc->iWidth);
+    stLimits.iInnerY = LdcInnerLimit(pstSrc->iHeight);
     return stLimits;
 }
 
@@ -165,8 +165,8 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
                 // corners of the output well outside the source.
                 int32_t bInsideX;
                 int32_t bInsideY;
-                const int32_t iIx = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
-                const int32_t iIy = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
+                const int32_t iIx = LdcClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+                const int32_t iIy = LdcClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
                 aucFx[k] = bInsideX ? FractionWeight(fSx, iIx) : 0;
                 aucFy[k] = bInsideY ? FractionWeight(fSy, iIy) : 0;
                 aiOff[k] = iIx + iIy * iPitch;
@@ -252,8 +252,8 @@ static void AffineTail(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int3
             const float fX = (float)iX;
             // Clamped into the frame like the main pass.
             int32_t bInside;
-            const int32_t iIx = AffineClampIndex(TruncF32ToS32(AffineNumX(pfM, fX, fY) * fR), stLimits.iInnerX, &bInside);
-            const int32_t iIy = AffineClampIndex(TruncF32ToS32(AffineNumY(pfM, fX, fY) * fR), stLimits.iInnerY, &bInside);
+            const int32_t iIx = LdcClampIndex(TruncF32ToS32(AffineNumX(pfM, fX, fY) * fR), stLimits.iInnerX, &bInside);
+            const int32_t iIy = LdcClampIndex(TruncF32ToS32(AffineNumY(pfM, fX, fY) * fR), stLimits.iInnerY, &bInside);
             CopyNearestBlock(pstTask, &stBlock, bPlanar, iX, iY, iIx, iIy);
         }
     }
@@ -403,8 +403,8 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
             // Clamped into the frame like the vector kernels.
             int32_t bInsideX;
             int32_t bInsideY;
-            const int32_t iIx = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
-            const int32_t iIy = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
+            const int32_t iIx = LdcClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+            const int32_t iIy = LdcClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
             InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
                                  iPitch, bInsideX ? AbsFractionWeight(fSx, iIx) : 0,
                                  bInsideY ? AbsFractionWeight(fSy, iIy) : 0);
@@ -445,8 +445,8 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
             // on purpose. The weights come from the position before the area limits.
             int32_t bInsideX;
             int32_t bInsideY;
-            const int32_t iRawX = AffineClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
-            const int32_t iRawY = AffineClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
+            const int32_t iRawX = LdcClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
+            const int32_t iRawY = LdcClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
             const int32_t iIx = ClampS32(iRawX, pstArea->iStartX, pstArea->iWidth - 1);
             const int32_t iIy = ClampS32(iRawY, pstArea->iStartY, pstArea->iHeight - 1);
             InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,

@@ -6,7 +6,7 @@
 // sample. The caller guarantees an even rectangle; nothing is validated.
 //
 // Source positions are clamped into the source frame, per block and per axis
-// (AffineClampIndex): a homography fitted to one face's corners is exact near the face but sends
+// (LdcClampIndex): a homography fitted to one face's corners is exact near the face but sends
 // far output corners hundreds of pixels outside the source. The truncated position ix (NaN
 // gives 0) is limited to [0, W - 2], and a position that this moves loses its fraction: below
 // the frame it samples column 0, at or past the last column W - 1 column W - 2, so that the
@@ -124,17 +124,6 @@ typedef struct tagST_AFFINE_LIMITS {
 tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc);
 // The source frame block of pstSrc (size and planes as the kernels address them).
 tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar);
-
-// One axis of a block's source position, clamped into the frame: the truncated position iRaw
-// limited to [0, iInner]; *pbInside is 0 when that moved it (the caller then zeroes the
-// fraction). Works on the integer part, so NaN (truncated to 0) and infinities need no compare
-// of their own; the vector twin does the same with vmax / vmin / vceq.
-static inline int32_t AffineClampIndex(int32_t iRaw, int32_t iInner, int32_t *pbInside)
-{
-    const int32_t iV = iRaw < 0 ? 0 : (iRaw > iInner ? iInner : iRaw);
-    *pbInside = (iV == iRaw);
-    return iV;
-}
 
 // Nearest-sample pass over the columns right of the last whole group, one exact reciprocal per
 // row pair (the tail is treated as affine within a row).

@@ -37,18 +37,6 @@ static __attribute__((noinline)) void GatherRowsClamped(const tagST_SRC_BLOCK *p
     }
 }
 
-// AffineClampIndex on four lanes, with the fraction (trunc(128 s) - 128 trunc(s)) of a moved lane
-// zeroed: integer max / min / compare, native on 32-bit ARM (its float compares are not IEEE
-// and compilers turn them into scalar ones).
-static inline int32x4_t AffineClampIndex_neon(float32x4_t vS, int32x4_t vInner, int32x4_t *pvFrac)
-{
-    const int32x4_t vRaw = VcvtqS32F32(vS);
-    const int32x4_t vIdx = vminq_s32(vmaxq_s32(vRaw, vdupq_n_s32(0)), vInner);
-    const int32x4_t vFrac = vsubq_s32(VcvtqS32F32(vmulq_n_f32(vS, 128.0f)), vshlq_n_s32(vRaw, 7));
-    *pvFrac = vandq_s32(vFrac, vreinterpretq_s32_u32(vceqq_s32(vIdx, vRaw)));
-    return vIdx;
-}
-
 // Horizontal pass of one source row: (a (128 - fx) + b fx + 32) >> 6, one extra bit kept.
 static inline uint16x8_t LerpRow(uint8x8_t vA, uint8x8_t vB, uint8x8_t vGx, uint8x8_t vFx)
 {
@@ -115,13 +103,13 @@ static void AffineMainPass_neon(const tagST_AFFINE_TASK *pstTask, int32_t iRowSt
             const float32x4_t vSy = vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR);
             vDen = vaddq_f32(vDen, vDenStep);
 
-            // Clamped into the frame (see AffineClampIndex): far output corners of a face
+            // Clamped into the frame (see LdcClampIndex): far output corners of a face
             // homography map well outside the source. Fractions in 1/128, negative ones
             // saturate to 0.
             int32x4_t vFx32;
             int32x4_t vFy32;
-            const int32x4_t vIx = AffineClampIndex_neon(vSx, vInnerX, &vFx32);
-            const int32x4_t vIy = AffineClampIndex_neon(vSy, vInnerY, &vFy32);
+            const int32x4_t vIx = LdcClampIndex_neon(vSx, vInnerX, &vFx32);
+            const int32x4_t vIy = LdcClampIndex_neon(vSy, vInnerY, &vFy32);
             const uint16x4_t vFx16 = vqmovun_s32(vFx32);
             const uint16x4_t vFy16 = vqmovun_s32(vFy32);
             // Each block's weight on both of its columns: (f0 f0 f1 f1 f2 f2 f3 f3).

@@ -15,6 +15,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "bench_report.h"
 #include "geometry/distortion_correct_cases.h"
 
 namespace {
@@ -32,20 +33,6 @@ tagST_DC_FRAMES &PhoneFrames()
         return pst;
     }();
     return *pstFrames;
-}
-
-// The library logs every worker start on stderr, and on machines with fewer than four cores
-// each worker's affinity warning goes to stdout. The report goes to a copy of the original stdout,
-// both standard streams to /dev/null.
-std::ofstream OpenReportStream()
-{
-    fflush(stdout);
-    const int iFd = dup(1);
-    std::ofstream stOut("/proc/self/fd/" + std::to_string(iFd));
-    if (freopen("/dev/null", "w", stdout) == NULL || freopen("/dev/null", "w", stderr) == NULL) {
-        perror("freopen");
-    }
-    return stOut;
 }
 
 void BM_DistortionCorrect_neon(benchmark::State &state)
@@ -157,22 +144,6 @@ BENCHMARK(BM_FrameCopy)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1
 BENCHMARK(BM_DistortionCorrect_plain)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 BENCHMARK(BM_HarnessSweep_neon)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
-// Console output plus the real time per iteration of each run, for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &vstRuns) override
-    {
-        ConsoleReporter::ReportRuns(vstRuns);
-        for (const Run &stRun : vstRuns) {
-            if (stRun.run_type == Run::RT_Iteration && stRun.iterations > 0) {
-                mapSeconds[stRun.run_name.function_name] =
-                    stRun.real_accumulated_time / (double)stRun.iterations;
-            }
-        }
-    }
-    std::map<std::string, double> mapSeconds;
-};
-
 }  // namespace
 
 int main(int argc, char **argv)
@@ -191,16 +162,8 @@ int main(int argc, char **argv)
     stReporter.SetOutputStream(&stOut);
     stReporter.SetErrorStream(&stOut);
     benchmark::RunSpecifiedBenchmarks(&stReporter);
-    const std::map<std::string, double> &mapS = stReporter.mapSeconds;
-    const auto Ratio = [&](const char *pcA, const char *pcB) {
-        const auto itA = mapS.find(pcA);
-        const auto itB = mapS.find(pcB);
-        if (itA != mapS.end() && itB != mapS.end()) {
-            stOut << pcA << " / " << pcB << " = " << itA->second / itB->second << "\n";
-        }
-    };
-    Ratio("BM_DistortionCorrect_neon", "BM_OpenCvRemap");
-    Ratio("BM_DistortionCorrect_neon", "BM_FrameCopy");
-    Ratio("BM_DistortionCorrect_plain", "BM_DistortionCorrect_neon");
+    stReporter.PrintRatio(stOut, "BM_DistortionCorrect_neon", "BM_OpenCvRemap");
+    stReporter.PrintRatio(stOut, "BM_DistortionCorrect_neon", "BM_FrameCopy");
+    stReporter.PrintRatio(stOut, "BM_DistortionCorrect_plain", "BM_DistortionCorrect_neon");
     return 0;
 }

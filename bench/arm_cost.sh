@@ -60,7 +60,10 @@ if [ -z "$ARMCOST_DIR" ]; then
     [ -f "$d/build.sh" ] && ARMCOST_DIR=$(cd "$d" && pwd) && break
   done
 fi
-[ -n "$ARMCOST_DIR" ] && [ -f "$ARMCOST_DIR/build.sh" ] || { echo "the armcost plugin folder was not found; set ARMCOST_DIR" >&2; exit 1; }
+if [ ! -f "$ARMCOST_DIR/build.sh" ]; then
+  echo "the armcost plugin folder was not found; set ARMCOST_DIR" >&2
+  exit 1
+fi
 echo "== plugin: $ARMCOST_DIR"
 PLUGIN=$(bash "$ARMCOST_DIR/build.sh" "$ROOT/build/armcost-plugin" 2>"$ROOT/build/armcost-plugin.log" | tail -1) ||
   { cat "$ROOT/build/armcost-plugin.log" >&2; exit 1; }
@@ -97,6 +100,7 @@ fetch_opencv() {   # ARCH SYSROOT
   if [ ! -f "$APTDIR/lists/.updated" ]; then
     mkdir -p "$APTDIR/lists/partial" "$APTDIR/cache/archives/partial" "$APTDIR/sources.list.d"
     local codename
+    # shellcheck source=/dev/null
     codename=$(. /etc/os-release && echo "$VERSION_CODENAME")
     echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] ${ARMCOST_DEBIAN_MIRROR:-http://deb.debian.org/debian} $codename main" \
       > "$APTDIR/sources.list"
@@ -139,8 +143,8 @@ declare -A COUNT THREADS INFO SECONDS_OF
 measure() {   # ARCH
   local arch=$1 triple qemu toolchain
   case "$arch" in
-    armhf) triple=arm-linux-gnueabihf; qemu=qemu-arm; toolchain=armhf-linux.cmake ;;
-    arm64) triple=aarch64-linux-gnu; qemu=qemu-aarch64; toolchain=aarch64-linux.cmake ;;
+    armhf) triple="arm-linux-gnueabihf"; qemu="qemu-arm"; toolchain="armhf-linux.cmake" ;;
+    arm64) triple="aarch64-linux-gnu"; qemu="qemu-aarch64"; toolchain="aarch64-linux.cmake" ;;
   esac
   local sys=$ROOT/build/armcost-sysroot-$arch bld=$ROOT/build/armcost-$arch
   echo "== $arch: OpenCV packages"
@@ -231,7 +235,7 @@ ratio() {   # ARCH A B... : count A over the sum of B...
 echo
 for a in "${ARCHS[@]}"; do
   echo "$a:"
-  echo "${INFO[$a]}" | sed 's/^/  /'
+  printf '  %s\n' "${INFO[$a]//$'\n'/$'\n'  }"
 done
 echo
 printf '%-44s' "instructions per output pixel (raw count)"

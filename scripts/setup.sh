@@ -10,6 +10,7 @@ PKGS=(
   g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user
   libopencv-imgproc-dev libopencv-calib3d-dev libopencv-imgcodecs-dev libopencv-objdetect-dev opencv-data
   libsvm-dev valgrind
+  python3
 )
 missing=()
 for p in "${PKGS[@]}"; do

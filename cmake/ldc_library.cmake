@@ -3,6 +3,7 @@
 file(GLOB_RECURSE LDC_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)
 
 find_package(Threads REQUIRED)
+include(GNUInstallDirs)
 
 add_library(vkt_zb_ldc_obj OBJECT ${LDC_SOURCES})
 target_include_directories(vkt_zb_ldc_obj PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
@@ -53,7 +54,8 @@ file(WRITE ${LDC_VERSION_SCRIPT}.tmp "${_map}")
 configure_file(${LDC_VERSION_SCRIPT}.tmp ${LDC_VERSION_SCRIPT} COPYONLY)
 
 add_library(vkt_zb_ldc SHARED $<TARGET_OBJECTS:vkt_zb_ldc_obj>)
-target_include_directories(vkt_zb_ldc PUBLIC ${PROJECT_SOURCE_DIR}/include)
+target_include_directories(vkt_zb_ldc PUBLIC
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_link_libraries(vkt_zb_ldc PRIVATE ${LDC_SYSTEM_LIBS})
 target_link_options(vkt_zb_ldc PRIVATE -Wl,--version-script=${LDC_VERSION_SCRIPT} -Wl,--no-undefined)
 set_target_properties(vkt_zb_ldc PROPERTIES LINK_DEPENDS ${LDC_VERSION_SCRIPT})
@@ -61,5 +63,4 @@ set_target_properties(vkt_zb_ldc PROPERTIES LINK_DEPENDS ${LDC_VERSION_SCRIPT})
 add_library(vkt_zb_ldc_static STATIC)
 target_link_libraries(vkt_zb_ldc_static PUBLIC vkt_zb_ldc_obj)
 
-install(TARGETS vkt_zb_ldc LIBRARY DESTINATION lib)
-install(FILES ${PROJECT_SOURCE_DIR}/include/vkt_zb_ldc.h DESTINATION include)
+include(cmake/ldc_package.cmake)

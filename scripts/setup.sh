@@ -9,7 +9,7 @@ PKGS=(
   libsimde-dev
   g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user
   libopencv-imgproc-dev libopencv-calib3d-dev libopencv-imgcodecs-dev libopencv-objdetect-dev opencv-data
-  libsvm-dev valgrind
+  libsvm-dev valgrind pkgconf
   python3
 )
 missing=()

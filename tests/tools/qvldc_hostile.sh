@@ -166,7 +166,9 @@ single() {   # label, offending file, qvldc arguments
   names_once "$label" "$file" || return
   if [ "$(grep -c '^qvldc:' "$W/err")" != 1 ]; then
     fail "$label: more than one qvldc: line"
+    return
   fi
+  echo "ok $label (exit $rc, $ms ms): $(grep '^qvldc:' "$W/err")"
 }
 
 for f in $RAW; do
@@ -195,4 +197,4 @@ for size in "" "--size 640x480"; do
 done
 
 echo "qvldc hostile inputs: $inputs in $runs runs, $bad failed checks, slowest run $slowest ms"
-[ "$bad" -eq 0 ]
+[ "$bad" -eq 0 ] && rm -rf "$W"

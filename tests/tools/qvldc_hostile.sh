@@ -95,6 +95,13 @@ ln -s "$W/nowhere" dangling.faces
 FACES="garbage.faces bad_line.faces overflow.faces reversed.faces huge.faces dir.faces fifo.faces zero.faces
        dangling.faces missing.faces"
 
+# Face cascades for --detect-faces.
+echo "<opencv_storage><cascade>garbage" >garbage.cascade
+mkdir dir.cascade
+mkfifo fifo.cascade
+ln -s /dev/zero zero.cascade
+CASCADES="garbage.cascade dir.cascade fifo.cascade zero.cascade"
+
 # A dump folder: one good frame among bad entries that carry dump names.
 B=$W/batch
 mkdir "$B" "$B/plain_subfolder"
@@ -181,6 +188,9 @@ done
 for f in $FACES; do
   single "faces $f" "$f" --in "$PNG" --faces-file "$W/in/$f" --config "$CONFIG" --quiet
 done
+for f in $CASCADES; do
+  single "cascade $f" "$f" --in "$PNG" --detect-faces --cascade "$W/in/$f" --config "$CONFIG" --quiet
+done
 for f in $DIRS; do
   single "batch $f" "$f" --batch "$W/in/$f" --config "$CONFIG" --quiet
 done
@@ -188,11 +198,14 @@ for size in "" "--size 640x480"; do
   rm -rf "$W/batch_out"
   inputs=$((inputs + 8))
   run "mixed batch $size" -- --batch "$B" --config "$CONFIG" --out-dir "$W/batch_out" $size --quiet || continue
+  named=0
   for f in $BATCH_BAD; do
-    names_once "mixed batch $size" "$f"
+    names_once "mixed batch $size" "$f" && named=$((named + 1))
   done
   if [ "$(grep -c '^"' "$W/batch_out/summary.csv")" != 1 ] || ! ls "$W"/batch_out/*_after.png >/dev/null 2>&1; then
     fail "mixed batch $size: the good frame was not processed"
+  else
+    echo "ok mixed batch $size (exit $rc, $ms ms): $named bad entries reported and skipped, the good frame processed"
   fi
 done
 

@@ -149,9 +149,26 @@ bool SavePng(const std::string &strPath, const cv::Mat &stBgr)
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError)
 {
+    // Read like any other input (a FIFO or a directory would otherwise hang or throw), then parsed
+    // from memory.
+    std::vector<uint8_t> vucXml;
+    if (!ReadInputFile(strCascade, QV_MAX_CASCADE_FILE_BYTES, &vucXml, pstrError)) {
+        *pstrError += " (OpenCV's face cascades are in the Debian package opencv-data)";
+        return false;
+    }
     cv::CascadeClassifier cascade;
-    if (!cascade.load(strCascade)) {
-        *pstrError = "cannot load the face cascade " + strCascade + " (Debian package opencv-data)";
+    std::string strWhy = "not a cascade OpenCV reads";
+    try {
+        const cv::FileStorage storage(std::string(vucXml.begin(), vucXml.end()),
+                                      cv::FileStorage::READ | cv::FileStorage::MEMORY);
+        if (storage.isOpened() && cascade.read(storage.getFirstTopLevelNode())) {
+            strWhy.clear();
+        }
+    } catch (const cv::Exception &e) {
+        strWhy += " (" + JoinLines(e.err) + ")";
+    }
+    if (!strWhy.empty()) {
+        *pstrError = strWhy;
         return false;
     }
     // The cascade works on about 1000-pixel images; big frames are searched downscaled.

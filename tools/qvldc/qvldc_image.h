@@ -40,7 +40,8 @@ cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame);
 void BgrToFrame(const cv::Mat &stBgr, int32_t ePicType, tagST_QV_FRAME *pstFrame);
 bool SavePng(const std::string &strPath, const cv::Mat &stBgr);
 
-// Faces of OpenCV's Haar cascade, as inclusive rectangles.
+// Faces of OpenCV's Haar cascade, as inclusive rectangles. On false *pstrError says what is wrong
+// with the cascade file (without its path).
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError);
 

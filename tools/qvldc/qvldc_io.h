@@ -12,6 +12,8 @@
 
 // A face file is a few lines; anything near this is not one.
 #define QV_MAX_FACES_FILE_BYTES (1u << 20)
+// OpenCV's own face cascades are under 1 MB.
+#define QV_MAX_CASCADE_FILE_BYTES (64u << 20)
 // Above any 5000 x 5000 PNG, even one stored without compression at 16 bits per channel with alpha.
 #define QV_MAX_PHOTO_FILE_BYTES (256u << 20)
 

@@ -252,7 +252,7 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
     const cv::Mat stBefore = FrameToBgr(stIn);
     if (stOpt.bDetectFaces) {
         if (!DetectFaces(stBefore, stOpt.strCascade, &vstFaces, &strError)) {
-            fprintf(stderr, "qvldc: %s\n", strError.c_str());
+            Refuse(stOpt.strCascade, strError);
             return 2;
         }
         printf("qvldc: the detector found %zu face(s)\n", vstFaces.size());
@@ -274,7 +274,7 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
     }
     auto save = [&](bool bOk, const std::string &strPath) {
         if (!bOk) {
-            fprintf(stderr, "qvldc: cannot write %s\n", strPath.c_str());
+            Refuse(strPath, "cannot write it");
             iExit = 1;
         }
     };

@@ -195,6 +195,26 @@ TEST(QvldcParse, FramePath)
     EXPECT_EQ("copy: no correction applies", path("I/ZB5QU_QVLDC: Exit IQV_LDC_Process.\n"));
 }
 
+TEST(QvldcParse, RepeatedLines)
+{
+    // Lines alike but for their numbers fold into one; numbers that changed show as '*'.
+    std::vector<tagST_QV_REPEAT> vstRepeats;
+    for (int32_t i = 0; i < 6; i++) {
+        CountRepeatedLine("warning: setaffinity is failed.: mask=" + std::to_string(4 << (i & 1)) +
+                              " err=22 tid = " + std::to_string(1600 + i) + " ",
+                          &vstRepeats);
+        CountRepeatedLine("same 7 every time", &vstRepeats);
+    }
+    CountRepeatedLine("once", &vstRepeats);
+    CountRepeatedLine("", &vstRepeats);
+    ASSERT_EQ(4u, vstRepeats.size());
+    EXPECT_EQ("warning: setaffinity is failed.: mask=* err=22 tid = * (x 6)", RepeatedLineText(vstRepeats[0]));
+    EXPECT_EQ("same 7 every time (x 6)", RepeatedLineText(vstRepeats[1]));
+    EXPECT_EQ("once", RepeatedLineText(vstRepeats[2]));
+    EXPECT_EQ("", RepeatedLineText(vstRepeats[3]));
+    EXPECT_EQ("libpng error: Read Error; second", JoinLines("  libpng error: Read Error \n\n\tsecond\r\n"));
+}
+
 bool Options(std::vector<const char *> vpcArgs, tagST_QV_OPTIONS *pstOpt, std::string *pstrError)
 {
     vpcArgs.insert(vpcArgs.begin(), "qvldc");

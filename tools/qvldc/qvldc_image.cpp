@@ -10,6 +10,7 @@
 #include <opencv2/objdetect.hpp>
 
 #include "linedetect/line_bend.h"
+#include "qvldc_io.h"
 
 bool IsPhotoPath(const std::string &strPath)
 {
@@ -22,50 +23,62 @@ bool IsPhotoPath(const std::string &strPath)
     return strExt == "png" || strExt == "jpg" || strExt == "jpeg";
 }
 
-static bool ReadFile(const std::string &strPath, std::vector<uint8_t> *pvucData)
+// 4:2:0 chroma needs even sides: a photo loses its last column or row when they are odd.
+static bool PhotoSideFits(uint32_t uSide)
 {
-    FILE *pFile = fopen(strPath.c_str(), "rb");
-    if (pFile == NULL) {
-        return false;
-    }
-    fseek(pFile, 0, SEEK_END);
-    const long lSize = ftell(pFile);
-    fseek(pFile, 0, SEEK_SET);
-    pvucData->resize(lSize > 0 ? (size_t)lSize : 0);
-    const size_t uRead = pvucData->empty() ? 0 : fread(pvucData->data(), 1, pvucData->size(), pFile);
-    fclose(pFile);
-    return uRead == pvucData->size();
+    return (uSide & ~1u) >= 2 && (uSide & ~1u) <= LDC_MAX_IMAGE_SIZE;
 }
 
-bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, int32_t ePicType, tagST_QV_FRAME *pstFrame,
-               std::string *pstrError)
+static bool LoadPhoto(const std::vector<uint8_t> &vucFile, int32_t ePicType, tagST_QV_FRAME *pstFrame,
+                      std::string *pstrError)
 {
-    if (IsPhotoPath(strPath)) {
-        cv::Mat stBgr = cv::imread(strPath, cv::IMREAD_COLOR);
-        if (stBgr.empty()) {
-            *pstrError = "cannot read the photo " + strPath;
-            return false;
-        }
-        // 4:2:0 chroma needs even sides: drop the last column or row.
-        stBgr = stBgr(cv::Rect(0, 0, stBgr.cols & ~1, stBgr.rows & ~1)).clone();
-        if (stBgr.cols < 2 || stBgr.rows < 2 || stBgr.cols > LDC_MAX_IMAGE_SIZE || stBgr.rows > LDC_MAX_IMAGE_SIZE) {
-            *pstrError = "the photo must be 2..5000 pixels on each side";
-            return false;
-        }
-        BgrToFrame(stBgr, ePicType, pstFrame);
-        return true;
-    }
-    if (stSize.iWidth <= 0 || stSize.iHeight <= 0) {
-        *pstrError = "a raw frame needs --size WxH (or a dump name and a configuration that decide it)";
+    uint32_t uWidth = 0;
+    uint32_t uHeight = 0;
+    if (!PhotoHeaderSize(vucFile.data(), vucFile.size(), &uWidth, &uHeight, pstrError)) {
         return false;
     }
-    if ((stSize.iWidth | stSize.iHeight) & 1) {
+    // Refused before decoding: a decoder allocates what the header declares.
+    if (!PhotoSideFits(uWidth) || !PhotoSideFits(uHeight)) {
+        *pstrError = "the photo declares " + std::to_string(uWidth) + " x " + std::to_string(uHeight) +
+                     " pixels; 2..5000 on each side are accepted";
+        return false;
+    }
+    cv::Mat stBgr;
+    const std::string strDecoder = CaptureOutput([&] {
+        stBgr = cv::imdecode(cv::Mat(1, (int)vucFile.size(), CV_8UC1, (void *)vucFile.data()), cv::IMREAD_COLOR);
+    });
+    if (stBgr.empty()) {
+        const std::string strWhy = JoinLines(strDecoder);
+        *pstrError = "cannot decode the photo" + (strWhy.empty() ? std::string() : " (" + strWhy + ")");
+        return false;
+    }
+    // What the decoder warned about a photo it still decoded (a cut JPEG scan, say) is for the tuner.
+    fputs(strDecoder.c_str(), stderr);
+    stBgr = stBgr(cv::Rect(0, 0, stBgr.cols & ~1, stBgr.rows & ~1)).clone();
+    BgrToFrame(stBgr, ePicType, pstFrame);
+    return true;
+}
+
+bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, const std::vector<tagST_QV_SIZE> &vstProfiles,
+               const std::vector<ST_FACE_RECT> &vstFaces, int32_t ePicType, tagST_QV_FRAME *pstFrame,
+               std::string *pstrError)
+{
+    const bool bPhoto = IsPhotoPath(strPath);
+    if (!bPhoto && ((stSize.iWidth | stSize.iHeight) & 1)) {
         *pstrError = "4:2:0 frames have even sides";
         return false;
     }
+    const uint64_t ulLargestFrame = (uint64_t)LDC_MAX_IMAGE_SIZE * LDC_MAX_IMAGE_SIZE * 3 / 2;
     std::vector<uint8_t> vucData;
-    if (!ReadFile(strPath, &vucData)) {
-        *pstrError = "cannot read " + strPath;
+    if (!ReadInputFile(strPath, bPhoto ? QV_MAX_PHOTO_FILE_BYTES : ulLargestFrame, &vucData, pstrError)) {
+        return false;
+    }
+    if (bPhoto) {
+        return LoadPhoto(vucData, ePicType, pstFrame, pstrError);
+    }
+    if (stSize.iWidth == 0 && !GuessFrameSize(vucData.size(), vstProfiles, vstFaces, &stSize)) {
+        *pstrError = "no profile of the configuration has a frame of " + std::to_string(vucData.size()) +
+                     " bytes; give --size WxH";
         return false;
     }
     const size_t uBytes = (size_t)stSize.iWidth * stSize.iHeight * 3 / 2;
@@ -73,7 +86,7 @@ bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, int32_t ePicTyp
         char acMsg[160];
         snprintf(acMsg, sizeof(acMsg), "%zu bytes, but a %dx%d 4:2:0 frame has %zu", vucData.size(),
                  stSize.iWidth, stSize.iHeight, uBytes);
-        *pstrError = strPath + ": " + acMsg;
+        *pstrError = acMsg;
         return false;
     }
     pstFrame->iWidth = stSize.iWidth;
@@ -136,9 +149,26 @@ bool SavePng(const std::string &strPath, const cv::Mat &stBgr)
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError)
 {
+    // Read like any other input (a FIFO or a directory would otherwise hang or throw), then parsed
+    // from memory.
+    std::vector<uint8_t> vucXml;
+    if (!ReadInputFile(strCascade, QV_MAX_CASCADE_FILE_BYTES, &vucXml, pstrError)) {
+        *pstrError += " (OpenCV's face cascades are in the Debian package opencv-data)";
+        return false;
+    }
     cv::CascadeClassifier cascade;
-    if (!cascade.load(strCascade)) {
-        *pstrError = "cannot load the face cascade " + strCascade + " (Debian package opencv-data)";
+    std::string strWhy = "not a cascade OpenCV reads";
+    try {
+        const cv::FileStorage storage(std::string(vucXml.begin(), vucXml.end()),
+                                      cv::FileStorage::READ | cv::FileStorage::MEMORY);
+        if (storage.isOpened() && cascade.read(storage.getFirstTopLevelNode())) {
+            strWhy.clear();
+        }
+    } catch (const cv::Exception &e) {
+        strWhy += " (" + JoinLines(e.err) + ")";
+    }
+    if (!strWhy.empty()) {
+        *pstrError = strWhy;
         return false;
     }
     // The cascade works on about 1000-pixel images; big frames are searched downscaled.

@@ -27,8 +27,12 @@ typedef struct tagST_QV_DECISION {
 } tagST_QV_DECISION;
 
 bool IsPhotoPath(const std::string &strPath);
-// Reads a raw frame of stSize (its length must match) or a photo (cropped to even sides).
-bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, int32_t ePicType, tagST_QV_FRAME *pstFrame,
+// Reads a raw frame or a PNG/JPEG photo (cropped to even sides), opening the path once; a photo's
+// header is checked before it is decoded. A raw frame has stSize or, when that is 0 x 0, the size
+// GuessFrameSize finds for its length among vstProfiles with vstFaces. On false *pstrError holds
+// the reason (without the path).
+bool LoadFrame(const std::string &strPath, tagST_QV_SIZE stSize, const std::vector<tagST_QV_SIZE> &vstProfiles,
+               const std::vector<ST_FACE_RECT> &vstFaces, int32_t ePicType, tagST_QV_FRAME *pstFrame,
                std::string *pstrError);
 bool SaveRaw(const std::string &strPath, const tagST_QV_FRAME &stFrame);
 cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame);
@@ -36,7 +40,8 @@ cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame);
 void BgrToFrame(const cv::Mat &stBgr, int32_t ePicType, tagST_QV_FRAME *pstFrame);
 bool SavePng(const std::string &strPath, const cv::Mat &stBgr);
 
-// Faces of OpenCV's Haar cascade, as inclusive rectangles.
+// Faces of OpenCV's Haar cascade, as inclusive rectangles. On false *pstrError says what is wrong
+// with the cascade file (without its path).
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError);
 

@@ -1,13 +1,14 @@
 // qvldc: runs the library on dumped frames or photos the way the camera service does, prints
 // the library's log and the decision it took, and draws what it saw. See UsageText().
 #include <dirent.h>
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "config/xml_config.h"
 #include "interface/ldc_para.h"
 #include "qvldc_image.h"
+#include "qvldc_io.h"
 #include "qvldc_linecheck.h"
 #include "qvldc_parse.h"
 #include "qvldc_sample.h"
@@ -22,46 +24,45 @@
 
 namespace {
 
-// The host build logs to stderr; the tool catches a call's lines to read the field-of-view
-// figures back, then lets them through unless told to be quiet.
-std::string CaptureStderr(const std::function<void()> &fnCall)
+// What the library printed besides its log during the run, folded (see PassLibraryOutput).
+std::vector<tagST_QV_REPEAT> s_vstOtherLines;
+
+// The library's log lines go through as they came unless the tuner asked for quiet. Anything
+// else it prints, the worker-pinning warnings above all (every stage of every frame on a machine
+// with fewer cores than workers), is counted and shown once at the end of the run.
+void PassLibraryOutput(const std::string &strText, bool bEchoLog)
 {
-    fflush(stderr);
-    FILE *pTmp = tmpfile();
-    const int iSaved = dup(2);
-    if (pTmp == NULL || iSaved < 0) {
-        fnCall();
-        return std::string();
+    std::istringstream stream(strText);
+    std::string strLine;
+    while (std::getline(stream, strLine)) {
+        if (IsLibraryLogLine(strLine)) {
+            if (bEchoLog) {
+                fprintf(stderr, "%s\n", strLine.c_str());
+            }
+        } else if (strLine.find_first_not_of(" \t\r") != std::string::npos) {
+            CountRepeatedLine(strLine, &s_vstOtherLines);
+        }
     }
-    dup2(fileno(pTmp), 2);
-    fnCall();
-    fflush(stderr);
-    dup2(iSaved, 2);
-    close(iSaved);
-    std::string strText;
-    rewind(pTmp);
-    char acBuf[4096];
-    size_t uRead;
-    while ((uRead = fread(acBuf, 1, sizeof(acBuf), pTmp)) > 0) {
-        strText.append(acBuf, uRead);
-    }
-    fclose(pTmp);
-    return strText;
 }
 
-bool ReadText(const std::string &strPath, std::string *pstrText)
+// cv::Exception derives from std::exception; its what() spans lines and names OpenCV's sources.
+std::string ExceptionText(const std::exception &e)
 {
-    FILE *pFile = fopen(strPath.c_str(), "rb");
-    if (pFile == NULL) {
-        return false;
+    const cv::Exception *pstCv = dynamic_cast<const cv::Exception *>(&e);
+    return pstCv != NULL ? "OpenCV refused it: " + JoinLines(pstCv->err) : std::string("failed: ") + e.what();
+}
+
+void PrintOtherLines()
+{
+    for (const tagST_QV_REPEAT &stLine : s_vstOtherLines) {
+        fprintf(stderr, "%s\n", RepeatedLineText(stLine).c_str());
     }
-    char acBuf[4096];
-    size_t uRead;
-    while ((uRead = fread(acBuf, 1, sizeof(acBuf), pFile)) > 0) {
-        pstrText->append(acBuf, uRead);
-    }
-    fclose(pFile);
-    return true;
+}
+
+// One error line for the file it is about.
+void Refuse(const std::string &strPath, const std::string &strWhy)
+{
+    fprintf(stderr, "qvldc: %s: %s\n", strPath.c_str(), strWhy.c_str());
 }
 
 bool WriteText(const std::string &strPath, const std::string &strText)
@@ -164,18 +165,16 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     ST_LDC_FRAME_INFO stInfo = {stIn.iWidth, stIn.iHeight, iISO, (int32_t)vstFaces.size(),
                                 vstFaces.empty() ? NULL : vstFaces.data()};
     *pstOut = stIn;
-    stResult.strLog = CaptureStderr([&] {
+    stResult.strLog = CaptureOutput([&] {
         stResult.iRet = IQV_LDC_Process(pHandle, &stInfo, (uint8_t *)stIn.vucData.data(), pstOut->vucData.data());
     });
-    if (bEcho) {
-        fputs(stResult.strLog.c_str(), stderr);
-    }
+    PassLibraryOutput(stResult.strLog, bEcho);
     stResult.stLog = ParseLibraryLog(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
     stResult.strPath = DescribeFramePath(stResult.stPara, stResult.stLog, &stResult.iFovLost);
     // The replay logs a bending line a second time; that copy is not the frame's and is dropped.
     if (stResult.stPara.pucWorkBuf != NULL && stResult.stPara.iImgWidth == stIn.iWidth) {
-        CaptureStderr([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stResult.stCheck); });
+        CaptureOutput([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stResult.stCheck); });
         stResult.bHaveCheck = 1;
     }
     return stResult;
@@ -201,10 +200,8 @@ int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void *
     memcpy(acPath, stOpt.strConfig.c_str(), stOpt.strConfig.size());
     ST_LDC_INPUT_PARA stInput = {iW, iH, acPath, stOpt.ePicType};
     int32_t iRet = LDC_OK;
-    const std::string strLog = CaptureStderr([&] { iRet = IQV_LDC_Create(ppHandle, &stInput); });
-    if (!stOpt.bQuiet || iRet != LDC_OK) {
-        fputs(strLog.c_str(), stderr);
-    }
+    const std::string strLog = CaptureOutput([&] { iRet = IQV_LDC_Create(ppHandle, &stInput); });
+    PassLibraryOutput(strLog, !stOpt.bQuiet || iRet != LDC_OK);
     if (iRet != LDC_OK) {
         fprintf(stderr, "qvldc: IQV_LDC_Create failed with %d for %dx%d and %s\n", iRet, iW, iH,
                 stOpt.strConfig.c_str());
@@ -214,10 +211,7 @@ int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void *
 
 void DeleteInstance(void *pHandle, int32_t bQuiet)
 {
-    const std::string strLog = CaptureStderr([&] { IQV_LDC_Delete(pHandle); });
-    if (!bQuiet) {
-        fputs(strLog.c_str(), stderr);
-    }
+    PassLibraryOutput(CaptureOutput([&] { IQV_LDC_Delete(pHandle); }), !bQuiet);
 }
 
 int RunFrame(const tagST_QV_OPTIONS &stOpt)
@@ -236,31 +230,29 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
         iISO = stDump.iISO;
     }
     if (!stOpt.strFacesFile.empty()) {
-        std::string strText;
+        std::vector<uint8_t> vucText;
         int32_t iBadLine = 0;
-        if (!ReadText(stOpt.strFacesFile, &strText) || !ParseFacesText(strText, &vstFaces, &iBadLine)) {
-            fprintf(stderr, "qvldc: cannot read faces from %s (line %d)\n", stOpt.strFacesFile.c_str(), iBadLine);
+        if (!ReadInputFile(stOpt.strFacesFile, QV_MAX_FACES_FILE_BYTES, &vucText, &strError)) {
+            Refuse(stOpt.strFacesFile, strError);
+            return 2;
+        }
+        if (!ParseFacesText(std::string(vucText.begin(), vucText.end()), &vstFaces, &iBadLine)) {
+            Refuse(stOpt.strFacesFile, "line " + std::to_string(iBadLine) +
+                                           " is not a face L,T,R,B (inclusive, L <= R, T <= B)");
             return 2;
         }
     }
-    if (!IsPhotoPath(stOpt.strIn) && stSize.iWidth == 0) {
-        struct stat stInfo;
-        if (stat(stOpt.strIn.c_str(), &stInfo) == 0 &&
-            !GuessFrameSize((uint64_t)stInfo.st_size, ProfileSizes(stOpt.strConfig), vstFaces, &stSize)) {
-            fprintf(stderr, "qvldc: %s: no profile of %s has a frame of %lld bytes; give --size WxH\n",
-                    stOpt.strIn.c_str(), stOpt.strConfig.c_str(), (long long)stInfo.st_size);
-            return 2;
-        }
-    }
+    const bool bGuessSize = !IsPhotoPath(stOpt.strIn) && stSize.iWidth == 0;
     tagST_QV_FRAME stIn;
-    if (!LoadFrame(stOpt.strIn, stSize, stOpt.ePicType, &stIn, &strError)) {
-        fprintf(stderr, "qvldc: %s\n", strError.c_str());
+    if (!LoadFrame(stOpt.strIn, stSize, bGuessSize ? ProfileSizes(stOpt.strConfig) : std::vector<tagST_QV_SIZE>(),
+                   vstFaces, stOpt.ePicType, &stIn, &strError)) {
+        Refuse(stOpt.strIn, strError);
         return 2;
     }
     const cv::Mat stBefore = FrameToBgr(stIn);
     if (stOpt.bDetectFaces) {
         if (!DetectFaces(stBefore, stOpt.strCascade, &vstFaces, &strError)) {
-            fprintf(stderr, "qvldc: %s\n", strError.c_str());
+            Refuse(stOpt.strCascade, strError);
             return 2;
         }
         printf("qvldc: the detector found %zu face(s)\n", vstFaces.size());
@@ -282,7 +274,7 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
     }
     auto save = [&](bool bOk, const std::string &strPath) {
         if (!bOk) {
-            fprintf(stderr, "qvldc: cannot write %s\n", strPath.c_str());
+            Refuse(strPath, "cannot write it");
             iExit = 1;
         }
     };
@@ -303,12 +295,54 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
     return iExit;
 }
 
+// One dumped frame of a batch: false when it was skipped or did not come out whole. pHandle is
+// the run's instance, created on the first frame that loads.
+bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, const std::string &strOutDir,
+                   const std::vector<tagST_QV_SIZE> &vstProfiles, void **ppHandle, std::string *pstrCsv,
+                   const std::string &strCount)
+{
+    const std::string strPath = stOpt.strIn + "/" + strName;
+    tagST_QV_DUMP_NAME stDump;
+    ParseDumpName(strName, &stDump);
+    tagST_QV_FRAME stIn;
+    std::string strError;
+    if (!LoadFrame(strPath, stOpt.stSize, vstProfiles, stDump.vstFaces, stOpt.ePicType, &stIn, &strError)) {
+        Refuse(strPath, strError + "; skipped");
+        return false;
+    }
+    // One instance for the whole run: Process re-reads the configuration itself when the
+    // size changes, as it does on the phone.
+    if (*ppHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, ppHandle) != LDC_OK) {
+        return false;
+    }
+    tagST_QV_FRAME stOut;
+    const FrameResult stResult = ProcessFrame(*ppHandle, stIn, &stOut, stDump.iISO, stDump.vstFaces, !stOpt.bQuiet);
+    bool bOk = stResult.iRet == LDC_OK;
+    const std::string strStem = strOutDir + "/" + strName.substr(0, strName.size() - 4);
+    const cv::Mat stBefore = FrameToBgr(stIn);
+    if (!SavePng(strStem + "_after.png", FrameToBgr(stOut)) ||
+        !SavePng(strStem + "_overlay.png", MakeOverlay(stResult, stIn, stBefore, stDump.iISO, stDump.vstFaces))) {
+        Refuse(strOutDir, "cannot write the pictures of " + strName);
+        bOk = false;
+    }
+    const tagST_LDC_PARA &stPara = stResult.stPara;
+    char acRow[1024];
+    snprintf(acRow, sizeof(acRow), "\"%s\",%d,%d,%d,%zu,%d,%d,%d,%d,%d,\"%s\",%d\n", strName.c_str(),
+             stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stPara.iFaceNum,
+             stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stResult.iFovLost,
+             stResult.strPath.c_str(), stResult.stLog.iTimeMs);
+    *pstrCsv += acRow;
+    fprintf(stderr, "%s %s: mode %d, LDC %d, FDC %d, FOV lost %d%%, %s\n", strCount.c_str(), strName.c_str(),
+            stPara.iFDCMode, stPara.iLDCEnable, stPara.iFDCEnable, stResult.iFovLost, stResult.strPath.c_str());
+    return bOk;
+}
+
 int RunBatch(const tagST_QV_OPTIONS &stOpt)
 {
     std::vector<std::string> vstrNames;
     DIR *pDir = opendir(stOpt.strIn.c_str());
     if (pDir == NULL) {
-        fprintf(stderr, "qvldc: cannot open the directory %s\n", stOpt.strIn.c_str());
+        Refuse(stOpt.strIn, std::string("cannot open the directory (") + strerror(errno) + ")");
         return 2;
     }
     while (struct dirent *pstEntry = readdir(pDir)) {
@@ -320,74 +354,35 @@ int RunBatch(const tagST_QV_OPTIONS &stOpt)
     closedir(pDir);
     std::sort(vstrNames.begin(), vstrNames.end());
     if (vstrNames.empty()) {
-        fprintf(stderr, "qvldc: no dumped input frames (*_org.yuv) in %s\n", stOpt.strIn.c_str());
+        Refuse(stOpt.strIn, "no dumped input frames (*_org.yuv) in it");
         return 2;
     }
     const std::string strOutDir = stOpt.strOutDir.empty() ? stOpt.strIn + "/qvldc" : stOpt.strOutDir;
     if (!MakeDir(strOutDir)) {
-        fprintf(stderr, "qvldc: cannot create %s\n", strOutDir.c_str());
+        Refuse(strOutDir, "cannot create the directory");
         return 2;
     }
-    const std::vector<tagST_QV_SIZE> vstProfiles = ProfileSizes(stOpt.strConfig);
+    const std::vector<tagST_QV_SIZE> vstProfiles =
+        stOpt.stSize.iWidth == 0 ? ProfileSizes(stOpt.strConfig) : std::vector<tagST_QV_SIZE>();
     std::string strCsv = "file,width,height,iso,faces,valid_faces,ldc_enable,fdc_enable,fdc_mode,fov_lost,path,ms\n";
     void *pHandle = NULL;
     int32_t iFailed = 0;
     for (size_t i = 0; i < vstrNames.size(); i++) {
-        const std::string &strName = vstrNames[i];
-        const std::string strPath = stOpt.strIn + "/" + strName;
-        fprintf(stderr, "[%zu/%zu] %s\n", i + 1, vstrNames.size(), strName.c_str());
-        tagST_QV_DUMP_NAME stDump;
-        ParseDumpName(strName, &stDump);
-        tagST_QV_SIZE stSize = stOpt.stSize;
-        struct stat stInfo;
-        if (stSize.iWidth == 0 &&
-            (stat(strPath.c_str(), &stInfo) != 0 ||
-             !GuessFrameSize((uint64_t)stInfo.st_size, vstProfiles, stDump.vstFaces, &stSize))) {
-            fprintf(stderr, "qvldc: %s: size unknown (no profile fits its length); skipped\n", strName.c_str());
-            iFailed++;
-            continue;
-        }
-        tagST_QV_FRAME stIn;
-        std::string strError;
-        if (!LoadFrame(strPath, stSize, stOpt.ePicType, &stIn, &strError)) {
-            fprintf(stderr, "qvldc: %s; skipped\n", strError.c_str());
-            iFailed++;
-            continue;
-        }
-        // One instance for the whole run: Process re-reads the configuration itself when the
-        // size changes, as it does on the phone.
-        if (pHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, &pHandle) != LDC_OK) {
-            iFailed++;
-            continue;
-        }
-        tagST_QV_FRAME stOut;
-        const FrameResult stResult = ProcessFrame(pHandle, stIn, &stOut, stDump.iISO, stDump.vstFaces, !stOpt.bQuiet);
-        if (stResult.iRet != LDC_OK) {
+        const std::string strCount = "[" + std::to_string(i + 1) + "/" + std::to_string(vstrNames.size()) + "]";
+        fprintf(stderr, "%s %s\n", strCount.c_str(), vstrNames[i].c_str());
+        // A frame that trips OpenCV or runs out of memory costs that frame, not the batch.
+        try {
+            iFailed += !RunBatchFrame(stOpt, vstrNames[i], strOutDir, vstProfiles, &pHandle, &strCsv, strCount);
+        } catch (const std::exception &e) {
+            Refuse(stOpt.strIn + "/" + vstrNames[i], ExceptionText(e) + "; skipped");
             iFailed++;
         }
-        const std::string strStem = strOutDir + "/" + strName.substr(0, strName.size() - 4);
-        const cv::Mat stBefore = FrameToBgr(stIn);
-        if (!SavePng(strStem + "_after.png", FrameToBgr(stOut)) ||
-            !SavePng(strStem + "_overlay.png", MakeOverlay(stResult, stIn, stBefore, stDump.iISO, stDump.vstFaces))) {
-            fprintf(stderr, "qvldc: cannot write into %s\n", strOutDir.c_str());
-            iFailed++;
-        }
-        const tagST_LDC_PARA &stPara = stResult.stPara;
-        char acRow[1024];
-        snprintf(acRow, sizeof(acRow), "\"%s\",%d,%d,%d,%zu,%d,%d,%d,%d,%d,\"%s\",%d\n", strName.c_str(),
-                 stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stPara.iFaceNum,
-                 stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stResult.iFovLost,
-                 stResult.strPath.c_str(), stResult.stLog.iTimeMs);
-        strCsv += acRow;
-        fprintf(stderr, "[%zu/%zu] %s: mode %d, LDC %d, FDC %d, FOV lost %d%%, %s\n", i + 1, vstrNames.size(),
-                strName.c_str(), stPara.iFDCMode, stPara.iLDCEnable, stPara.iFDCEnable, stResult.iFovLost,
-                stResult.strPath.c_str());
     }
     if (pHandle != NULL) {
         DeleteInstance(pHandle, stOpt.bQuiet);
     }
     if (!WriteText(strOutDir + "/summary.csv", strCsv)) {
-        fprintf(stderr, "qvldc: cannot write %s/summary.csv\n", strOutDir.c_str());
+        Refuse(strOutDir + "/summary.csv", "cannot write it");
         return 1;
     }
     printf("qvldc: %zu frame(s), %d failed; results in %s (summary.csv)\n", vstrNames.size(), iFailed,
@@ -450,15 +445,26 @@ int main(int iArgc, char **ppcArgv)
         fprintf(stderr, "qvldc: %s\n", strError.c_str());
         return 2;
     }
-    switch (stOpt.eMode) {
-    case QV_MODE_HELP:
-        fputs(UsageText(), stdout);
-        return 0;
-    case QV_MODE_BATCH:
-        return RunBatch(stOpt);
-    case QV_MODE_RENDER:
-        return RunRender(stOpt);
-    default:
-        return RunFrame(stOpt);
+    int iExit = 0;
+    try {
+        switch (stOpt.eMode) {
+        case QV_MODE_HELP:
+            fputs(UsageText(), stdout);
+            break;
+        case QV_MODE_BATCH:
+            iExit = RunBatch(stOpt);
+            break;
+        case QV_MODE_RENDER:
+            iExit = RunRender(stOpt);
+            break;
+        default:
+            iExit = RunFrame(stOpt);
+            break;
+        }
+    } catch (const std::exception &e) {
+        Refuse(stOpt.strIn, ExceptionText(e));
+        iExit = 1;
     }
+    PrintOtherLines();
+    return iExit;
 }

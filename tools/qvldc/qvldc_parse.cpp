@@ -205,19 +205,25 @@ bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfi
     return false;
 }
 
+static const char s_acLogTag[] = "/ZB5QU_QVLDC: ";
+
+bool IsLibraryLogLine(const std::string &strLine)
+{
+    return strLine.size() >= 2 && (strLine[0] == 'I' || strLine[0] == 'E') &&
+           strLine.compare(1, sizeof(s_acLogTag) - 1, s_acLogTag) == 0;
+}
+
 tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog)
 {
     tagST_QV_LOG_SUMMARY stSummary = {};
     stSummary.iTimeMs = -1;
-    static const char s_acTag[] = "/ZB5QU_QVLDC: ";
     std::istringstream stream(strLog);
     std::string strLine;
     while (std::getline(stream, strLine)) {
-        if (strLine.size() < 2 || (strLine[0] != 'I' && strLine[0] != 'E') ||
-            strLine.compare(1, sizeof(s_acTag) - 1, s_acTag) != 0) {
+        if (!IsLibraryLogLine(strLine)) {
             continue;
         }
-        const char *pcMsg = strLine.c_str() + sizeof(s_acTag);
+        const char *pcMsg = strLine.c_str() + sizeof(s_acLogTag);
         if (strLine[0] == 'E') {
             stSummary.iErrors++;
         }
@@ -246,6 +252,62 @@ tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog)
         }
     }
     return stSummary;
+}
+
+void CountRepeatedLine(const std::string &strLine, std::vector<tagST_QV_REPEAT> *pvstRepeats)
+{
+    tagST_QV_REPEAT stLine = {{std::string()}, {}, 1};
+    const size_t uEnd = strLine.find_last_not_of(" \t\r") + 1;   // npos + 1 == 0 for a blank line
+    for (size_t i = 0; i < uEnd; i++) {
+        if (isdigit((unsigned char)strLine[i])) {
+            if (i == 0 || !isdigit((unsigned char)strLine[i - 1])) {
+                stLine.vstrNumbers.push_back(std::string());
+                stLine.vstrText.push_back(std::string());
+            }
+            stLine.vstrNumbers.back() += strLine[i];
+        } else {
+            stLine.vstrText.back() += strLine[i];
+        }
+    }
+    for (tagST_QV_REPEAT &stSeen : *pvstRepeats) {
+        if (stSeen.vstrText == stLine.vstrText) {
+            for (size_t i = 0; i < stSeen.vstrNumbers.size(); i++) {
+                if (stSeen.vstrNumbers[i] != stLine.vstrNumbers[i]) {
+                    stSeen.vstrNumbers[i] = "*";
+                }
+            }
+            stSeen.iCount++;
+            return;
+        }
+    }
+    pvstRepeats->push_back(stLine);
+}
+
+std::string RepeatedLineText(const tagST_QV_REPEAT &stRepeat)
+{
+    std::string strText = stRepeat.vstrText[0];
+    for (size_t i = 0; i < stRepeat.vstrNumbers.size(); i++) {
+        strText += stRepeat.vstrNumbers[i] + stRepeat.vstrText[i + 1];
+    }
+    if (stRepeat.iCount > 1) {
+        strText += " (x " + std::to_string(stRepeat.iCount) + ")";
+    }
+    return strText;
+}
+
+std::string JoinLines(const std::string &strText)
+{
+    std::istringstream stream(strText);
+    std::string strLine;
+    std::string strJoined;
+    while (std::getline(stream, strLine)) {
+        const size_t uFirst = strLine.find_first_not_of(" \t\r");
+        if (uFirst != std::string::npos) {
+            const size_t uEnd = strLine.find_last_not_of(" \t\r") + 1;
+            strJoined += (strJoined.empty() ? "" : "; ") + strLine.substr(uFirst, uEnd - uFirst);
+        }
+    }
+    return strJoined;
 }
 
 std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
@@ -281,7 +343,8 @@ const char *UsageText()
 "One frame:\n"
 "  qvldc --in FRAME --config FILE [options]\n"
 "    FRAME is raw YUV 4:2:0 (any name but .png/.jpg/.jpeg; without --size the configuration's\n"
-"    profiles decide the size from the file length) or a PNG/JPEG photo (converted to --format).\n"
+"    profiles decide the size from the file length) or a PNG/JPEG photo of up to 5000 x 5000\n"
+"    (converted to --format).\n"
 "    A dump name (see --batch) supplies the faces and the ISO.\n"
 "  --size WxH            frame size of a raw frame, e.g. 4000x3000\n"
 "  --format F            nv21 (default), nv12 or i420: layout of the raw frame and of --out-yuv\n"
@@ -304,7 +367,8 @@ const char *UsageText()
 "  qvldc --batch DIR --config FILE [--size WxH] [--format F] [--out-dir DIR]\n"
 "    Processes every *_org.yuv; faces and ISO come from the file names, the size from --size\n"
 "    or from the file length and the configuration's profiles. Writes <name>_after.png,\n"
-"    <name>_overlay.png and summary.csv into --out-dir (default DIR/qvldc).\n"
+"    <name>_overlay.png and summary.csv into --out-dir (default DIR/qvldc). Entries that are\n"
+"    not a readable frame are reported and skipped; the exit status is then 1.\n"
 "\n"
 "The project's sample scene (two faces near the border, straight architecture, recorded\n"
 "through the configured lens):\n"
@@ -315,7 +379,9 @@ const char *UsageText()
 "What is printed: the library's log lines (I/ZB5QU_QVLDC: ... / E/ZB5QU_QVLDC: ...) and the\n"
 "decision: which path the frame took (face homography, global correction after the line\n"
 "check, global correction as fallback, or copy), the LDC/FDC switches, the FDC mode and the\n"
-"field of view lost (as the library logged it).\n"
+"field of view lost (as the library logged it). Anything else the library prints (its\n"
+"worker-pinning warnings on machines with fewer than four cores) comes once at the end of\n"
+"the run, with a count; numbers that differed between the copies show as '*'.\n"
 "\n"
 "Examples:\n"
 "  qvldc --in frame.nv21 --size 4000x3000 --config configs/qvldc_sample.xml \\\n"

@@ -90,9 +90,23 @@ std::string FormatDumpName(const std::string &strStamp, const std::vector<ST_FAC
 bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfiles,
                     const std::vector<ST_FACE_RECT> &vstFaces, tagST_QV_SIZE *pstSize);
 
-// Reads the host log lines ("I/ZB5QU_QVLDC: ..." / "E/ZB5QU_QVLDC: ...") of one frame; other
-// lines are ignored.
+// Whether strLine is one of the library's host log lines ("I/ZB5QU_QVLDC: ..." / "E/ZB5QU_QVLDC: ...").
+bool IsLibraryLogLine(const std::string &strLine);
+// Reads the log lines of one frame; other lines are ignored.
 tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog);
+
+// Lines that differ only in their numbers, counted as one line: a worker's CPU mask and thread
+// id change from stage to stage, the warning does not.
+typedef struct tagST_QV_REPEAT {
+    std::vector<std::string> vstrText;      // the text around the numbers (one more than numbers)
+    std::vector<std::string> vstrNumbers;   // the first line's numbers, "*" where a later one differs
+    int32_t iCount;
+} tagST_QV_REPEAT;
+void CountRepeatedLine(const std::string &strLine, std::vector<tagST_QV_REPEAT> *pvstRepeats);
+// The line once, with " (x N)" when it came N > 1 times.
+std::string RepeatedLineText(const tagST_QV_REPEAT &stRepeat);
+// Several lines of text as one, joined by "; ", for an error line.
+std::string JoinLines(const std::string &strText);
 
 // Which way IQV_LDC_Process took the frame, in words, from the decision fields it left in the
 // instance and its log; *piFovLost receives the field of view the chosen path lost (0 for a copy).

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <initializer_list>
 
 #include "boundscheck/bounds_check.h"
@@ -81,13 +82,23 @@ static constexpr tagST_LEAD_TABLE g_stLeadShiftJIS = MakeLeadTable({0x81, 0x9F, 
 static constexpr tagST_LEAD_TABLE g_stLeadGB2312 = MakeLeadTable({0xA1, 0xF7, 2});
 static constexpr tagST_LEAD_TABLE g_stLeadGBK = MakeLeadTable({0x81, 0xFE, 2});   // Big5 and GBK
 
+// The encoding in force (its lead-byte table follows from it) and the three parsing switches are
+// process-wide, and every file parse may change the encoding. Cameras on their own threads parse
+// at the same time, so these are only touched atomically, and a parse reads them once, at its
+// start, into its own context: no other thread can change its reading halfway.
 XMLCharEncoding XMLNode::characterEncoding = char_encoding_UTF8;
 XMLNode XMLNode::emptyXMLNode;
 
-static const tagST_LEAD_TABLE *g_pstLeadTable = &g_stLeadUTF8;
-static char g_bGuessWideCharChars = 1;
-static char g_bDropWhiteSpace = 1;
-static char g_bRemoveCommentsInMiddleOfText = 1;
+#define XML_OPT_GUESS_WIDE 1u         // guess wide-character files, skip a UTF-8 byte-order mark
+#define XML_OPT_DROP_WHITE_SPACE 2u   // trim texts and drop white-space-only ones
+#define XML_OPT_REMOVE_COMMENTS 4u    // a comment between two texts goes and the texts join
+static std::atomic<unsigned> g_uOptions{XML_OPT_GUESS_WIDE | XML_OPT_DROP_WHITE_SPACE |
+                                        XML_OPT_REMOVE_COMMENTS};
+
+typedef struct tagST_XML_CONTEXT {
+    XMLCharEncoding eEncoding;
+    unsigned uOptions;
+} tagST_XML_CONTEXT;
 
 static const tagST_LEAD_TABLE *LeadTableOf(XMLCharEncoding eEncoding)
 {
@@ -108,18 +119,33 @@ static const tagST_LEAD_TABLE *LeadTableOf(XMLCharEncoding eEncoding)
     }
 }
 
+static tagST_XML_CONTEXT TakeContext(void)
+{
+    tagST_XML_CONTEXT stContext;
+    stContext.eEncoding = __atomic_load_n(&XMLNode::characterEncoding, __ATOMIC_RELAXED);
+    stContext.uOptions = g_uOptions.load(std::memory_order_relaxed);
+    return stContext;
+}
+
+static const unsigned char *LeadBytesOf(const tagST_XML_CONTEXT *pstContext)
+{
+    // The encoding is a public static: a value stored there by hand that names no encoding
+    // reads as UTF-8, the initial one.
+    const tagST_LEAD_TABLE *pstTable = LeadTableOf(pstContext->eEncoding);
+    return (pstTable != 0 ? pstTable : &g_stLeadUTF8)->aucLen;
+}
+
 int XMLNode::setGlobalOptions(XMLCharEncoding eEncoding, char bGuessWideCharChars,
                               char bDropWhiteSpace, char bRemoveCommentsInMiddleOfText)
 {
-    const tagST_LEAD_TABLE *pstTable = LeadTableOf(eEncoding);
-    if (pstTable == 0) {
+    if (LeadTableOf(eEncoding) == 0) {
         return 1;
     }
-    characterEncoding = eEncoding;
-    g_pstLeadTable = pstTable;
-    g_bGuessWideCharChars = bGuessWideCharChars;
-    g_bDropWhiteSpace = bDropWhiteSpace;
-    g_bRemoveCommentsInMiddleOfText = bRemoveCommentsInMiddleOfText;
+    __atomic_store_n(&characterEncoding, eEncoding, __ATOMIC_RELAXED);
+    g_uOptions.store((bGuessWideCharChars ? XML_OPT_GUESS_WIDE : 0u) |
+                         (bDropWhiteSpace ? XML_OPT_DROP_WHITE_SPACE : 0u) |
+                         (bRemoveCommentsInMiddleOfText ? XML_OPT_REMOVE_COMMENTS : 0u),
+                     std::memory_order_relaxed);
     return 0;
 }
 
@@ -154,13 +180,13 @@ static int EqualNoCase(const char *pcA, const char *pcB)
     return *pcA == *pcB;
 }
 
-XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUseEncodingAttribute)
+static XMLCharEncoding GuessEncoding(const unsigned char *pucBuf, int iLength,
+                                     char cUseEncodingAttribute, bool bGuessWide)
 {
-    const unsigned char *pucBuf = (const unsigned char *)pBuffer;
     if (pucBuf == 0 || iLength < XML_GUESS_MIN_LEN) {
         return char_encoding_error;
     }
-    if (g_bGuessWideCharChars && (iLength & 1) == 0) {
+    if (bGuessWide && (iLength & 1) == 0) {
         if ((pucBuf[0] == 0xFF && pucBuf[1] == 0xFE) || (pucBuf[0] == 0xFE && pucBuf[1] == 0xFF)) {
             return char_encoding_error;
         }
@@ -248,6 +274,13 @@ XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUse
         return char_encoding_GBK;
     }
     return char_encoding_legacy;
+}
+
+XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUseEncodingAttribute)
+{
+    const tagST_XML_CONTEXT stContext = TakeContext();
+    return GuessEncoding((const unsigned char *)pBuffer, iLength, cUseEncodingAttribute,
+                         (stContext.uOptions & XML_OPT_GUESS_WIDE) != 0);
 }
 
 /* ---------------------------------------------------------------------------------------------
@@ -420,6 +453,7 @@ typedef struct tagST_PARSER {
     const char *pcText;
     size_t uPos;
     const unsigned char *pucLead;   // lead-byte table of the encoding in force
+    unsigned uOptions;              // XML_OPT_... switches in force
     XMLError eError;
     size_t uErrorPos;
     // The text last grown by joining across comments, so that a long run of joins grows it
@@ -531,7 +565,7 @@ static size_t NameLen(const tagST_PARSER *pstParser, size_t uFrom)
 static bool FlushText(tagST_PARSER *pstParser, XMLNodeData *pstNode, size_t uStart, size_t uEnd)
 {
     const char *pcText = pstParser->pcText;
-    if (g_bDropWhiteSpace) {
+    if (pstParser->uOptions & XML_OPT_DROP_WHITE_SPACE) {
         while (uStart < uEnd && IsBlank((unsigned char)pcText[uStart])) {
             uStart++;
         }
@@ -549,7 +583,7 @@ static bool FlushText(tagST_PARSER *pstParser, XMLNodeData *pstNode, size_t uSta
         return false;
     }
     int n = pstNode->nOrder;
-    if (g_bRemoveCommentsInMiddleOfText && n >= 2 &&
+    if ((pstParser->uOptions & XML_OPT_REMOVE_COMMENTS) && n >= 2 &&
         (pstNode->piOrder[n - 1] & ((1 << ORDER_SHIFT) - 1)) == ORDER_CLEAR &&
         (pstNode->piOrder[n - 2] & ((1 << ORDER_SHIFT) - 1)) == ORDER_TEXT &&
         pstNode->pstClear[pstNode->nClear - 1].pcOpenTag ==
@@ -809,7 +843,8 @@ static void ParseDocument(tagST_PARSER *pstParser, XMLNodeData *pstTop)
     }
 }
 
-XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults)
+XMLNode XMLNode::parseText(const tagST_XML_CONTEXT *pstContext, XMLCSTR pcText, XMLCSTR pcTag,
+                           XMLResults *pResults)
 {
     if (pResults != 0) {
         pResults->error = eXMLErrorNone;
@@ -824,7 +859,8 @@ XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults
     }
     tagST_PARSER stParser = {};
     stParser.pcText = pcText;
-    stParser.pucLead = g_pstLeadTable->aucLen;
+    stParser.pucLead = LeadBytesOf(pstContext);
+    stParser.uOptions = pstContext->uOptions;
     XMLNodeData *pstTop = NewNodeData();
     if (pstTop == 0) {
         stParser.eError = eXMLErrorOutOfMemory;
@@ -856,6 +892,12 @@ XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults
     return xResult;
 }
 
+XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults)
+{
+    const tagST_XML_CONTEXT stContext = TakeContext();
+    return parseText(&stContext, pcText, pcTag, pResults);
+}
+
 XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
 {
     if (pResults != 0) {
@@ -866,6 +908,9 @@ XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
     if (pcPath == 0) {
         return emptyXMLNode;
     }
+    // A file shorter than the guess needs keeps the encoding in force when the parse began.
+    tagST_XML_CONTEXT stContext = TakeContext();
+    const bool bGuessWide = (stContext.uOptions & XML_OPT_GUESS_WIDE) != 0;
     FILE *pFile = fopen(pcPath, "rb");
     if (pFile == 0) {
         return emptyXMLNode;
@@ -873,10 +918,11 @@ XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
     unsigned char aucHead[XML_GUESS_HEAD];
     size_t uHead = fread(aucHead, 1, sizeof(aucHead), pFile);
     fclose(pFile);
-    XMLCharEncoding eGuess = guessCharEncoding(aucHead, (int)uHead, 1);
+    const XMLCharEncoding eGuess = GuessEncoding(aucHead, (int)uHead, 1, bGuessWide);
     if (eGuess != char_encoding_error) {
-        setGlobalOptions(eGuess, g_bGuessWideCharChars, g_bDropWhiteSpace,
-                         g_bRemoveCommentsInMiddleOfText);
+        // The guess becomes the encoding in force for later parses, and this parse's own.
+        stContext.eEncoding = eGuess;
+        __atomic_store_n(&characterEncoding, eGuess, __ATOMIC_RELAXED);
     }
 
     pFile = fopen(pcPath, "rb");
@@ -906,11 +952,11 @@ XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
         return emptyXMLNode;
     }
     size_t uSkip = 0;
-    if (g_bGuessWideCharChars && uRead >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB &&
+    if (bGuessWide && uRead >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB &&
         pucBuf[2] == 0xBF) {
         uSkip = 3;
     }
-    XMLNode xResult = parseString((XMLCSTR)pucBuf + uSkip, pcTag, pResults);
+    XMLNode xResult = parseText(&stContext, (XMLCSTR)pucBuf + uSkip, pcTag, pResults);
     free(pucBuf);
     return xResult;
 }

@@ -61,6 +61,8 @@ typedef struct XMLClear {
     XMLCSTR pcCloseTag;
 } XMLClear;
 
+struct tagST_XML_CONTEXT;   // what one parse took of the global options (xml_parser.cpp)
+
 class LDC_EXPORT XMLNode {
 public:
     struct XMLNodeDataTag;   // shared, reference-counted node content (xml_parser.cpp)
@@ -74,8 +76,9 @@ public:
     // content is one element, that element) is returned; with a tag, the first child of the top
     // node of that name. pResults may be null.
     static XMLNode parseString(XMLCSTR pcText, XMLCSTR pcTag = 0, XMLResults *pResults = 0);
-    // Guesses the file's encoding (which becomes the global one), reads the whole file, skips a
-    // UTF-8 byte-order mark and parses it.
+    // Guesses the file's encoding (which becomes the global one and this parse's own), reads the
+    // whole file, skips a UTF-8 byte-order mark and parses it. A parse reads the global
+    // encoding and switches once, when it begins, so parses on other threads never change it.
     static XMLNode parseFile(XMLCSTR pcPath, XMLCSTR pcTag = 0, XMLResults *pResults = 0);
     // parseFile without a results record.
     static XMLNode openFileHelper(XMLCSTR pcPath, XMLCSTR pcTag = 0);
@@ -110,10 +113,14 @@ public:
     XMLCSTR getAttribute(XMLCSTR pcName, int i = 0) const; // value of the i-th of that name or null
 
     static XMLNode emptyXMLNode;                     // the shared "not found" node
-    static XMLCharEncoding characterEncoding;        // encoding in force for the next parse
+    // Encoding in force for the next parse; the reader loads and stores it atomically (relaxed).
+    static XMLCharEncoding characterEncoding;
 
 private:
     explicit XMLNode(XMLNodeDataTag *pstData);   // takes a new reference on pstData
+    // parseString with the encoding and switches that one parse took at its start.
+    static XMLNode parseText(tagST_XML_CONTEXT const *pstContext, XMLCSTR pcText,
+                             XMLCSTR pcTag, XMLResults *pResults);
     XMLNodeDataTag *d;
 };
 

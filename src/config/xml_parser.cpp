@@ -3,11 +3,14 @@
 // exhaust the caller's stack.
 #include "config/xml_parser.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <initializer_list>
@@ -898,6 +901,57 @@ XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults
     return parseText(&stContext, pcText, pcTag, pResults);
 }
 
+// Reads the file at pcPath whole into a new buffer with XML_FILE_PAD zero bytes after its
+// *puSize bytes; 0 (and the reason in *peError) when there is nothing to parse.
+// The path is opened once, without blocking, and only a regular file of at most
+// XML_FILE_MAX_BYTES is read: a camera service must not hang on a FIFO (each open of one waits for
+// a writer), read a device that never ends, or spend seconds and gigabytes of a 32-bit address
+// space on a huge file.
+static unsigned char *ReadWholeFile(const char *pcPath, size_t *puSize, XMLError *peError)
+{
+    *peError = eXMLErrorFileNotFound;
+    const int iFd = open(pcPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat stInfo;
+    if (iFd < 0 || fstat(iFd, &stInfo) != 0) {
+        // Without large-file offsets a 32-bit build cannot even open a file past 2 GiB.
+        if (errno == EOVERFLOW) {
+            *peError = eXMLErrorFileTooLarge;
+        }
+        if (iFd >= 0) {
+            close(iFd);
+        }
+        return 0;
+    }
+    unsigned char *pucBuf = 0;
+    size_t uRead = 0;
+    if (!S_ISREG(stInfo.st_mode)) {
+        *peError = eXMLErrorFileNotRegular;
+    } else if (stInfo.st_size > (off_t)XML_FILE_MAX_BYTES) {
+        *peError = eXMLErrorFileTooLarge;
+    } else if (stInfo.st_size > 0 &&
+               (pucBuf = (unsigned char *)malloc((size_t)stInfo.st_size + XML_FILE_PAD)) != 0) {
+        // A file that grows meanwhile is read up to the size it had.
+        const size_t uSize = (size_t)stInfo.st_size;
+        while (uRead < uSize) {
+            const ssize_t iGot = read(iFd, pucBuf + uRead, uSize - uRead);
+            if (iGot > 0) {
+                uRead += (size_t)iGot;
+            } else if (iGot == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        if (uRead == 0) {
+            free(pucBuf);
+            pucBuf = 0;
+        } else {
+            memset_s(pucBuf + uRead, uSize + XML_FILE_PAD - uRead, 0, XML_FILE_PAD);
+        }
+    }
+    close(iFd);
+    *puSize = uRead;
+    return pucBuf;
+}
+
 XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
 {
     if (pResults != 0) {
@@ -911,49 +965,24 @@ XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
     // A file shorter than the guess needs keeps the encoding in force when the parse began.
     tagST_XML_CONTEXT stContext = TakeContext();
     const bool bGuessWide = (stContext.uOptions & XML_OPT_GUESS_WIDE) != 0;
-    FILE *pFile = fopen(pcPath, "rb");
-    if (pFile == 0) {
+    size_t uSize = 0;
+    XMLError eFileError = eXMLErrorFileNotFound;
+    unsigned char *pucBuf = ReadWholeFile(pcPath, &uSize, &eFileError);
+    if (pucBuf == 0) {
+        if (pResults != 0) {
+            pResults->error = eFileError;
+        }
         return emptyXMLNode;
     }
-    unsigned char aucHead[XML_GUESS_HEAD];
-    size_t uHead = fread(aucHead, 1, sizeof(aucHead), pFile);
-    fclose(pFile);
-    const XMLCharEncoding eGuess = GuessEncoding(aucHead, (int)uHead, 1, bGuessWide);
+    const XMLCharEncoding eGuess =
+        GuessEncoding(pucBuf, uSize < XML_GUESS_HEAD ? (int)uSize : XML_GUESS_HEAD, 1, bGuessWide);
     if (eGuess != char_encoding_error) {
         // The guess becomes the encoding in force for later parses, and this parse's own.
         stContext.eEncoding = eGuess;
         __atomic_store_n(&characterEncoding, eGuess, __ATOMIC_RELAXED);
     }
-
-    pFile = fopen(pcPath, "rb");
-    if (pFile == 0) {
-        return emptyXMLNode;
-    }
-    long lSize = -1;
-    if (fseek(pFile, 0, SEEK_END) == 0) {
-        lSize = ftell(pFile);
-    }
-    // Offsets inside the parser are reported as int; a configuration is far smaller anyway.
-    if (lSize <= 0 || lSize > INT_MAX - XML_FILE_PAD || fseek(pFile, 0, SEEK_SET) != 0) {
-        fclose(pFile);
-        return emptyXMLNode;
-    }
-    size_t uSize = (size_t)lSize;
-    unsigned char *pucBuf = (unsigned char *)malloc(uSize + XML_FILE_PAD);
-    if (pucBuf == 0) {
-        fclose(pFile);
-        return emptyXMLNode;
-    }
-    size_t uRead = fread(pucBuf, 1, uSize, pFile);
-    fclose(pFile);
-    memset_s(pucBuf + uRead, uSize + XML_FILE_PAD - uRead, 0, XML_FILE_PAD);
-    if (uRead == 0) {
-        free(pucBuf);
-        return emptyXMLNode;
-    }
     size_t uSkip = 0;
-    if (bGuessWide && uRead >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB &&
-        pucBuf[2] == 0xBF) {
+    if (bGuessWide && uSize >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB && pucBuf[2] == 0xBF) {
         uSkip = 3;
     }
     XMLNode xResult = parseText(&stContext, (XMLCSTR)pucBuf + uSkip, pcTag, pResults);
@@ -993,6 +1022,10 @@ XMLCSTR XMLNode::getError(XMLError eError)
         return "Error: First Tag not found";
     case eXMLErrorOutOfMemory:
         return "Error: Out of memory";
+    case eXMLErrorFileNotRegular:
+        return "Error: Not a regular file";
+    case eXMLErrorFileTooLarge:
+        return "Error: File too large";
     }
     return "Unknown";
 }

@@ -29,6 +29,7 @@ run_suite arm64 "$BUILD/arm64" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-l
 if [ -f scripts/sanitize.sh ]; then
   if bash scripts/sanitize.sh "$BUILD/sanitize"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 fi
+if bash scripts/tsan.sh "$BUILD/tsan"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 
 echo "suites: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -138,10 +138,33 @@ static int32_t ParseProfileIfMatching(const XmlConfig &stCfg, int32_t iRow, tagS
     return LDC_OK;
 }
 
+// Departure, so that a camera service neither hangs nor exhausts its memory on a configuration
+// path: one that names no readable file, an empty one, anything but a regular file, or a file
+// over the reader's limit fails the load here with its reason, instead of going on with the
+// empty default document (which only ends in "Image size is not supportted!").
+static bool ConfigFileUsable(const char *pcPath, const XMLResults *pstFile)
+{
+    switch (pstFile->error) {
+    case eXMLErrorFileNotFound:
+        LdcLog(LDC_LOG_ERROR, "The config file %s can't be read or is empty!\n", pcPath);
+        return false;
+    case eXMLErrorFileNotRegular:
+        LdcLog(LDC_LOG_ERROR, "The config file %s is not a regular file!\n", pcPath);
+        return false;
+    case eXMLErrorFileTooLarge:
+        LdcLog(LDC_LOG_ERROR, "The config file %s is larger than %d bytes!\n", pcPath,
+               XML_FILE_MAX_BYTES);
+        return false;
+    default:
+        return true;
+    }
+}
+
 int32_t ParseConfigFile(const char *pcPath, tagST_LDC_PARA *pstPara)
 {
     XmlConfig stCfg;
-    if (stCfg.LoadConfig(pcPath) == 0) {
+    XMLResults stFile;
+    if (stCfg.LoadConfig(pcPath, &stFile) == 0 || !ConfigFileUsable(pcPath, &stFile)) {
         LdcLog(LDC_LOG_ERROR, "Can't load xml file!\n");
         return LDC_ERR_XML_LOAD;
     }

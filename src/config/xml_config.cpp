@@ -26,13 +26,23 @@ XmlConfig::~XmlConfig() {}
 
 int XmlConfig::LoadConfig(char const *pcPath)
 {
+    return LoadConfig(pcPath, 0);
+}
+
+int XmlConfig::LoadConfig(char const *pcPath, XMLResults *pstFileResults)
+{
+    if (pstFileResults != 0) {
+        pstFileResults->error = eXMLErrorNone;
+        pstFileResults->nLine = 0;
+        pstFileResults->nColumn = 0;
+    }
     if (pcPath == 0 || strnlen(pcPath, XML_CONFIG_PATH_LEN) >= XML_CONFIG_PATH_LEN) {
         return 0;
     }
     // The same path is never read twice: the document in hand is kept even if the file changed.
     if (strcmp(pcPath, acLoadedPath) != 0) {
         xmlDocument = XMLNode::emptyXMLNode;   // release the old tree before building the new one
-        xmlDocument = XMLNode::openFileHelper(pcPath, 0);
+        xmlDocument = XMLNode::parseFile(pcPath, 0, pstFileResults);
         if (xmlDocument.isEmpty()) {
             xmlDocument = XMLNode::parseString(g_acDefaultDocument, 0, 0);
         }

@@ -17,6 +17,10 @@ public:
     // A missing or unparsable file is replaced by an empty <Config> document. Returns 1 if a
     // document is held afterwards, 0 for a path longer than 255 characters.
     int LoadConfig(char const *pcPath);
+    // The same, reporting in *pstFileResults how the reader fared with the file (a missing,
+    // refused or unparsable file still leaves the empty <Config>); eXMLErrorNone when nothing
+    // was read because the document of that path is in hand.
+    int LoadConfig(char const *pcPath, XMLResults *pstFileResults);
 
     // The node named by an absolute path ("/Config/..."), or the empty node.
     XMLNode SearchNode(char const *pcPath) const;

@@ -3,12 +3,16 @@
 // exhaust the caller's stack.
 #include "config/xml_parser.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <initializer_list>
 
 #include "boundscheck/bounds_check.h"
@@ -81,13 +85,23 @@ static constexpr tagST_LEAD_TABLE g_stLeadShiftJIS = MakeLeadTable({0x81, 0x9F, 
 static constexpr tagST_LEAD_TABLE g_stLeadGB2312 = MakeLeadTable({0xA1, 0xF7, 2});
 static constexpr tagST_LEAD_TABLE g_stLeadGBK = MakeLeadTable({0x81, 0xFE, 2});   // Big5 and GBK
 
+// The encoding in force (its lead-byte table follows from it) and the three parsing switches are
+// process-wide, and every file parse may change the encoding. Cameras on their own threads parse
+// at the same time, so these are only touched atomically, and a parse reads them once, at its
+// start, into its own context: no other thread can change its reading halfway.
 XMLCharEncoding XMLNode::characterEncoding = char_encoding_UTF8;
 XMLNode XMLNode::emptyXMLNode;
 
-static const tagST_LEAD_TABLE *g_pstLeadTable = &g_stLeadUTF8;
-static char g_bGuessWideCharChars = 1;
-static char g_bDropWhiteSpace = 1;
-static char g_bRemoveCommentsInMiddleOfText = 1;
+#define XML_OPT_GUESS_WIDE 1u         // guess wide-character files, skip a UTF-8 byte-order mark
+#define XML_OPT_DROP_WHITE_SPACE 2u   // trim texts and drop white-space-only ones
+#define XML_OPT_REMOVE_COMMENTS 4u    // a comment between two texts goes and the texts join
+static std::atomic<unsigned> g_uOptions{XML_OPT_GUESS_WIDE | XML_OPT_DROP_WHITE_SPACE |
+                                        XML_OPT_REMOVE_COMMENTS};
+
+typedef struct tagST_XML_CONTEXT {
+    XMLCharEncoding eEncoding;
+    unsigned uOptions;
+} tagST_XML_CONTEXT;
 
 static const tagST_LEAD_TABLE *LeadTableOf(XMLCharEncoding eEncoding)
 {
@@ -108,18 +122,33 @@ static const tagST_LEAD_TABLE *LeadTableOf(XMLCharEncoding eEncoding)
     }
 }
 
+static tagST_XML_CONTEXT TakeContext(void)
+{
+    tagST_XML_CONTEXT stContext;
+    stContext.eEncoding = __atomic_load_n(&XMLNode::characterEncoding, __ATOMIC_RELAXED);
+    stContext.uOptions = g_uOptions.load(std::memory_order_relaxed);
+    return stContext;
+}
+
+static const unsigned char *LeadBytesOf(const tagST_XML_CONTEXT *pstContext)
+{
+    // The encoding is a public static: a value stored there by hand that names no encoding
+    // reads as UTF-8, the initial one.
+    const tagST_LEAD_TABLE *pstTable = LeadTableOf(pstContext->eEncoding);
+    return (pstTable != 0 ? pstTable : &g_stLeadUTF8)->aucLen;
+}
+
 int XMLNode::setGlobalOptions(XMLCharEncoding eEncoding, char bGuessWideCharChars,
                               char bDropWhiteSpace, char bRemoveCommentsInMiddleOfText)
 {
-    const tagST_LEAD_TABLE *pstTable = LeadTableOf(eEncoding);
-    if (pstTable == 0) {
+    if (LeadTableOf(eEncoding) == 0) {
         return 1;
     }
-    characterEncoding = eEncoding;
-    g_pstLeadTable = pstTable;
-    g_bGuessWideCharChars = bGuessWideCharChars;
-    g_bDropWhiteSpace = bDropWhiteSpace;
-    g_bRemoveCommentsInMiddleOfText = bRemoveCommentsInMiddleOfText;
+    __atomic_store_n(&characterEncoding, eEncoding, __ATOMIC_RELAXED);
+    g_uOptions.store((bGuessWideCharChars ? XML_OPT_GUESS_WIDE : 0u) |
+                         (bDropWhiteSpace ? XML_OPT_DROP_WHITE_SPACE : 0u) |
+                         (bRemoveCommentsInMiddleOfText ? XML_OPT_REMOVE_COMMENTS : 0u),
+                     std::memory_order_relaxed);
     return 0;
 }
 
@@ -154,13 +183,13 @@ static int EqualNoCase(const char *pcA, const char *pcB)
     return *pcA == *pcB;
 }
 
-XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUseEncodingAttribute)
+static XMLCharEncoding GuessEncoding(const unsigned char *pucBuf, int iLength,
+                                     char cUseEncodingAttribute, bool bGuessWide)
 {
-    const unsigned char *pucBuf = (const unsigned char *)pBuffer;
     if (pucBuf == 0 || iLength < XML_GUESS_MIN_LEN) {
         return char_encoding_error;
     }
-    if (g_bGuessWideCharChars && (iLength & 1) == 0) {
+    if (bGuessWide && (iLength & 1) == 0) {
         if ((pucBuf[0] == 0xFF && pucBuf[1] == 0xFE) || (pucBuf[0] == 0xFE && pucBuf[1] == 0xFF)) {
             return char_encoding_error;
         }
@@ -248,6 +277,13 @@ XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUse
         return char_encoding_GBK;
     }
     return char_encoding_legacy;
+}
+
+XMLCharEncoding XMLNode::guessCharEncoding(void *pBuffer, int iLength, char cUseEncodingAttribute)
+{
+    const tagST_XML_CONTEXT stContext = TakeContext();
+    return GuessEncoding((const unsigned char *)pBuffer, iLength, cUseEncodingAttribute,
+                         (stContext.uOptions & XML_OPT_GUESS_WIDE) != 0);
 }
 
 /* ---------------------------------------------------------------------------------------------
@@ -420,6 +456,7 @@ typedef struct tagST_PARSER {
     const char *pcText;
     size_t uPos;
     const unsigned char *pucLead;   // lead-byte table of the encoding in force
+    unsigned uOptions;              // XML_OPT_... switches in force
     XMLError eError;
     size_t uErrorPos;
     // The text last grown by joining across comments, so that a long run of joins grows it
@@ -531,7 +568,7 @@ static size_t NameLen(const tagST_PARSER *pstParser, size_t uFrom)
 static bool FlushText(tagST_PARSER *pstParser, XMLNodeData *pstNode, size_t uStart, size_t uEnd)
 {
     const char *pcText = pstParser->pcText;
-    if (g_bDropWhiteSpace) {
+    if (pstParser->uOptions & XML_OPT_DROP_WHITE_SPACE) {
         while (uStart < uEnd && IsBlank((unsigned char)pcText[uStart])) {
             uStart++;
         }
@@ -549,7 +586,7 @@ static bool FlushText(tagST_PARSER *pstParser, XMLNodeData *pstNode, size_t uSta
         return false;
     }
     int n = pstNode->nOrder;
-    if (g_bRemoveCommentsInMiddleOfText && n >= 2 &&
+    if ((pstParser->uOptions & XML_OPT_REMOVE_COMMENTS) && n >= 2 &&
         (pstNode->piOrder[n - 1] & ((1 << ORDER_SHIFT) - 1)) == ORDER_CLEAR &&
         (pstNode->piOrder[n - 2] & ((1 << ORDER_SHIFT) - 1)) == ORDER_TEXT &&
         pstNode->pstClear[pstNode->nClear - 1].pcOpenTag ==
@@ -809,7 +846,8 @@ static void ParseDocument(tagST_PARSER *pstParser, XMLNodeData *pstTop)
     }
 }
 
-XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults)
+XMLNode XMLNode::parseText(const tagST_XML_CONTEXT *pstContext, XMLCSTR pcText, XMLCSTR pcTag,
+                           XMLResults *pResults)
 {
     if (pResults != 0) {
         pResults->error = eXMLErrorNone;
@@ -824,7 +862,8 @@ XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults
     }
     tagST_PARSER stParser = {};
     stParser.pcText = pcText;
-    stParser.pucLead = g_pstLeadTable->aucLen;
+    stParser.pucLead = LeadBytesOf(pstContext);
+    stParser.uOptions = pstContext->uOptions;
     XMLNodeData *pstTop = NewNodeData();
     if (pstTop == 0) {
         stParser.eError = eXMLErrorOutOfMemory;
@@ -856,6 +895,63 @@ XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults
     return xResult;
 }
 
+XMLNode XMLNode::parseString(XMLCSTR pcText, XMLCSTR pcTag, XMLResults *pResults)
+{
+    const tagST_XML_CONTEXT stContext = TakeContext();
+    return parseText(&stContext, pcText, pcTag, pResults);
+}
+
+// Reads the file at pcPath whole into a new buffer with XML_FILE_PAD zero bytes after its
+// *puSize bytes; 0 (and the reason in *peError) when there is nothing to parse.
+// The path is opened once, without blocking, and only a regular file of at most
+// XML_FILE_MAX_BYTES is read: a camera service must not hang on a FIFO (each open of one waits for
+// a writer), read a device that never ends, or spend seconds and gigabytes of a 32-bit address
+// space on a huge file.
+static unsigned char *ReadWholeFile(const char *pcPath, size_t *puSize, XMLError *peError)
+{
+    *peError = eXMLErrorFileNotFound;
+    const int iFd = open(pcPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat stInfo;
+    if (iFd < 0 || fstat(iFd, &stInfo) != 0) {
+        // Without large-file offsets a 32-bit build cannot even open a file past 2 GiB.
+        if (errno == EOVERFLOW) {
+            *peError = eXMLErrorFileTooLarge;
+        }
+        if (iFd >= 0) {
+            close(iFd);
+        }
+        return 0;
+    }
+    unsigned char *pucBuf = 0;
+    size_t uRead = 0;
+    if (!S_ISREG(stInfo.st_mode)) {
+        *peError = eXMLErrorFileNotRegular;
+    } else if (stInfo.st_size > (off_t)XML_FILE_MAX_BYTES) {
+        *peError = eXMLErrorFileTooLarge;
+    } else if (stInfo.st_size > 0 &&
+               (pucBuf = (unsigned char *)malloc((size_t)stInfo.st_size + XML_FILE_PAD)) != 0) {
+        // A file that grows meanwhile is read up to the size it had.
+        const size_t uSize = (size_t)stInfo.st_size;
+        while (uRead < uSize) {
+            const ssize_t iGot = read(iFd, pucBuf + uRead, uSize - uRead);
+            if (iGot > 0) {
+                uRead += (size_t)iGot;
+            } else if (iGot == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        if (uRead == 0) {
+            free(pucBuf);
+            pucBuf = 0;
+        } else {
+            memset_s(pucBuf + uRead, uSize + XML_FILE_PAD - uRead, 0, XML_FILE_PAD);
+        }
+    }
+    close(iFd);
+    *puSize = uRead;
+    return pucBuf;
+}
+
 XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
 {
     if (pResults != 0) {
@@ -866,51 +962,30 @@ XMLNode XMLNode::parseFile(XMLCSTR pcPath, XMLCSTR pcTag, XMLResults *pResults)
     if (pcPath == 0) {
         return emptyXMLNode;
     }
-    FILE *pFile = fopen(pcPath, "rb");
-    if (pFile == 0) {
-        return emptyXMLNode;
-    }
-    unsigned char aucHead[XML_GUESS_HEAD];
-    size_t uHead = fread(aucHead, 1, sizeof(aucHead), pFile);
-    fclose(pFile);
-    XMLCharEncoding eGuess = guessCharEncoding(aucHead, (int)uHead, 1);
-    if (eGuess != char_encoding_error) {
-        setGlobalOptions(eGuess, g_bGuessWideCharChars, g_bDropWhiteSpace,
-                         g_bRemoveCommentsInMiddleOfText);
-    }
-
-    pFile = fopen(pcPath, "rb");
-    if (pFile == 0) {
-        return emptyXMLNode;
-    }
-    long lSize = -1;
-    if (fseek(pFile, 0, SEEK_END) == 0) {
-        lSize = ftell(pFile);
-    }
-    // Offsets inside the parser are reported as int; a configuration is far smaller anyway.
-    if (lSize <= 0 || lSize > INT_MAX - XML_FILE_PAD || fseek(pFile, 0, SEEK_SET) != 0) {
-        fclose(pFile);
-        return emptyXMLNode;
-    }
-    size_t uSize = (size_t)lSize;
-    unsigned char *pucBuf = (unsigned char *)malloc(uSize + XML_FILE_PAD);
+    // A file shorter than the guess needs keeps the encoding in force when the parse began.
+    tagST_XML_CONTEXT stContext = TakeContext();
+    const bool bGuessWide = (stContext.uOptions & XML_OPT_GUESS_WIDE) != 0;
+    size_t uSize = 0;
+    XMLError eFileError = eXMLErrorFileNotFound;
+    unsigned char *pucBuf = ReadWholeFile(pcPath, &uSize, &eFileError);
     if (pucBuf == 0) {
-        fclose(pFile);
+        if (pResults != 0) {
+            pResults->error = eFileError;
+        }
         return emptyXMLNode;
     }
-    size_t uRead = fread(pucBuf, 1, uSize, pFile);
-    fclose(pFile);
-    memset_s(pucBuf + uRead, uSize + XML_FILE_PAD - uRead, 0, XML_FILE_PAD);
-    if (uRead == 0) {
-        free(pucBuf);
-        return emptyXMLNode;
+    const XMLCharEncoding eGuess =
+        GuessEncoding(pucBuf, uSize < XML_GUESS_HEAD ? (int)uSize : XML_GUESS_HEAD, 1, bGuessWide);
+    if (eGuess != char_encoding_error) {
+        // The guess becomes the encoding in force for later parses, and this parse's own.
+        stContext.eEncoding = eGuess;
+        __atomic_store_n(&characterEncoding, eGuess, __ATOMIC_RELAXED);
     }
     size_t uSkip = 0;
-    if (g_bGuessWideCharChars && uRead >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB &&
-        pucBuf[2] == 0xBF) {
+    if (bGuessWide && uSize >= 3 && pucBuf[0] == 0xEF && pucBuf[1] == 0xBB && pucBuf[2] == 0xBF) {
         uSkip = 3;
     }
-    XMLNode xResult = parseString((XMLCSTR)pucBuf + uSkip, pcTag, pResults);
+    XMLNode xResult = parseText(&stContext, (XMLCSTR)pucBuf + uSkip, pcTag, pResults);
     free(pucBuf);
     return xResult;
 }
@@ -947,6 +1022,10 @@ XMLCSTR XMLNode::getError(XMLError eError)
         return "Error: First Tag not found";
     case eXMLErrorOutOfMemory:
         return "Error: Out of memory";
+    case eXMLErrorFileNotRegular:
+        return "Error: Not a regular file";
+    case eXMLErrorFileTooLarge:
+        return "Error: File too large";
     }
     return "Unknown";
 }

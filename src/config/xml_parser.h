@@ -27,8 +27,13 @@ enum XMLError {
     eXMLErrorUnexpectedToken = 8,     // malformed tag or attribute
     eXMLErrorFileNotFound = 9,        // the file cannot be opened, sought, read or is empty
     eXMLErrorFirstTagNotFound = 10,   // the requested tag is not a child of the top node
-    eXMLErrorOutOfMemory = 11         // an allocation failed while building the tree
+    eXMLErrorOutOfMemory = 11,        // an allocation failed while building the tree
+    eXMLErrorFileNotRegular = 12,     // the path names a FIFO, device, directory or socket
+    eXMLErrorFileTooLarge = 13        // the file has more than XML_FILE_MAX_BYTES bytes
 };
+
+// Largest file the reader reads; shipped configurations have some 20 KB.
+#define XML_FILE_MAX_BYTES (1 << 20)
 
 typedef struct XMLResults {
     enum XMLError error;
@@ -61,6 +66,8 @@ typedef struct XMLClear {
     XMLCSTR pcCloseTag;
 } XMLClear;
 
+struct tagST_XML_CONTEXT;   // what one parse took of the global options (xml_parser.cpp)
+
 class LDC_EXPORT XMLNode {
 public:
     struct XMLNodeDataTag;   // shared, reference-counted node content (xml_parser.cpp)
@@ -74,8 +81,11 @@ public:
     // content is one element, that element) is returned; with a tag, the first child of the top
     // node of that name. pResults may be null.
     static XMLNode parseString(XMLCSTR pcText, XMLCSTR pcTag = 0, XMLResults *pResults = 0);
-    // Guesses the file's encoding (which becomes the global one), reads the whole file, skips a
-    // UTF-8 byte-order mark and parses it.
+    // Reads the whole file, guesses its encoding (which becomes the global one and this parse's
+    // own), skips a UTF-8 byte-order mark and parses it. Only a regular file of at most
+    // XML_FILE_MAX_BYTES is read; it is opened once and never waited for. Every parse reads the
+    // global encoding and switches once, as it begins: parses on other threads cannot change them
+    // halfway.
     static XMLNode parseFile(XMLCSTR pcPath, XMLCSTR pcTag = 0, XMLResults *pResults = 0);
     // parseFile without a results record.
     static XMLNode openFileHelper(XMLCSTR pcPath, XMLCSTR pcTag = 0);
@@ -110,10 +120,14 @@ public:
     XMLCSTR getAttribute(XMLCSTR pcName, int i = 0) const; // value of the i-th of that name or null
 
     static XMLNode emptyXMLNode;                     // the shared "not found" node
-    static XMLCharEncoding characterEncoding;        // encoding in force for the next parse
+    // Encoding in force for the next parse; the reader loads and stores it atomically (relaxed).
+    static XMLCharEncoding characterEncoding;
 
 private:
     explicit XMLNode(XMLNodeDataTag *pstData);   // takes a new reference on pstData
+    // parseString with the encoding and switches that one parse took at its start.
+    static XMLNode parseText(tagST_XML_CONTEXT const *pstContext, XMLCSTR pcText,
+                             XMLCSTR pcTag, XMLResults *pResults);
     XMLNodeDataTag *d;
 };
 

@@ -72,17 +72,8 @@ void BeginDistortionBand(const tagST_LDC_WORK *pstWork, int32_t bPlanar, int32_t
     pstBand->iInnerX = LdcInnerLimit(pstPara->iImgWidth);
     pstBand->iInnerY = LdcInnerLimit(pstPara->iImgHeight);
 
-    // First free affinity slot, claimed without a lock: two racing workers may take the same one,
-    // which only means two threads share a core. The slot is independent of the band.
-    int32_t iMask = -1;
-    for (int32_t i = 0; i < iCount && i < LDC_THREAD_NUM; i++) {
-        if (__atomic_load_n(&pstPara->aiThreadState[i], __ATOMIC_RELAXED) == 0) {
-            __atomic_store_n(&pstPara->aiThreadState[i], 1, __ATOMIC_RELAXED);
-            iMask = pstPara->aiThreadMask[i];
-            break;
-        }
-    }
-    (void)set_thread_affinity_mask(iMask);
+    // The slot is independent of the band.
+    ClaimAffinitySlot(pstPara->aiThreadState, pstPara->aiThreadMask, iCount);
 
     const int32_t bLens = (pstPara->iLDCEnable == 1) ? 1 : 0;
     const int32_t *piArea = bLens ? pstPara->aiLDCArea : pstPara->aiGlobalFDCArea;

@@ -62,6 +62,19 @@ int32_t set_thread_affinity_mask(int32_t iMask)
     return iRet;
 }
 
+void ClaimAffinitySlot(int32_t *piState, const int32_t *piMask, int32_t iCount)
+{
+    // Relaxed atomic loads and stores: the unlocked claim as designed, without a data race.
+    for (int32_t i = 0; i < iCount && i < LDC_THREAD_NUM; i++) {
+        if (__atomic_load_n(&piState[i], __ATOMIC_RELAXED) == 0) {
+            __atomic_store_n(&piState[i], 1, __ATOMIC_RELAXED);
+            (void)set_thread_affinity_mask(piMask[i]);
+            return;
+        }
+    }
+    (void)set_thread_affinity_mask(-1);
+}
+
 int32_t create_thread_lock(LdcThreadRoutine pfnRoutine, void *pArg, int32_t iNum)
 {
     tagST_THREAD_PARAM *pstThreads =

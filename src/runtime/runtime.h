@@ -35,6 +35,12 @@ LDC_EXPORT void MemoFree(uintptr_t uBlock);
 // Pins the calling thread to the processors of iMask (bit n = processor n); -1 changes nothing.
 LDC_EXPORT int32_t set_thread_affinity_mask(int32_t iMask);
 
+// A worker of the remap or the warp pins itself to the processor of the first free slot among
+// the first iCount (at most LDC_THREAD_NUM) of piState, marking it taken, or stays unpinned when
+// none is free. The slots are claimed without a lock, by design: two workers that race may take
+// the same slot, which only puts them on one processor.
+void ClaimAffinitySlot(int32_t *piState, const int32_t *piMask, int32_t iCount);
+
 // Starts iNum workers over one argument and joins them all: 0, or -1 when they could not be
 // started (those already started have been joined).
 LDC_EXPORT int32_t create_thread_lock(LdcThreadRoutine pfnRoutine, void *pArg, int32_t iNum);

@@ -13,15 +13,7 @@
 
 void AffineClaimCore(tagST_LDC_PARA *pstPara, int32_t iCount)
 {
-    // Plain reads and writes without a lock: a lost race only moves a worker to another core.
-    for (int32_t i = 0; i < iCount && i < LDC_THREAD_NUM; i++) {
-        if (pstPara->aiThreadState[i] == 0) {
-            pstPara->aiThreadState[i] = 1;
-            (void)set_thread_affinity_mask(pstPara->aiThreadMask[i]);
-            return;
-        }
-    }
-    (void)set_thread_affinity_mask(-1);
+    ClaimAffinitySlot(pstPara->aiThreadState, pstPara->aiThreadMask, iCount);
 }
 
 void AffineBandRows(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount, int32_t *piRowStart,

@@ -304,12 +304,15 @@ TEST_F(XmlParserTest, FilesEncodingAndByteOrderMark)
     EXPECT_EQ(top.nChildNode(), 2);
     EXPECT_STREQ(top.getChildNode("Config", 0).getChildNode("V", 0).getText(), "5");
 
-    // Missing, empty and unreadable files give the empty node and "file not found".
-    const std::string paths[] = {::testing::TempDir() + "xml_parser_test_missing.xml",
-                                 WriteFile("empty.xml", ""), ::testing::TempDir()};
-    for (const std::string &p : paths) {
-        EXPECT_TRUE(XMLNode::parseFile(p.c_str(), nullptr, &res).isEmpty()) << p;
-        EXPECT_EQ(res.error, eXMLErrorFileNotFound) << p;
+    // Missing and empty files give the empty node and "file not found"; what is not a regular
+    // file is not read at all.
+    const std::pair<std::string, XMLError> paths[] = {
+        {::testing::TempDir() + "xml_parser_test_missing.xml", eXMLErrorFileNotFound},
+        {WriteFile("empty.xml", ""), eXMLErrorFileNotFound},
+        {::testing::TempDir(), eXMLErrorFileNotRegular}};
+    for (const auto &p : paths) {
+        EXPECT_TRUE(XMLNode::parseFile(p.first.c_str(), nullptr, &res).isEmpty()) << p.first;
+        EXPECT_EQ(res.error, p.second) << p.first;
     }
     EXPECT_TRUE(XMLNode::openFileHelper(nullptr).isEmpty());
     // A file parses as its text would: a syntax error still discards the tree.

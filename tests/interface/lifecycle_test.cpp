@@ -2,14 +2,19 @@
 // working buffer, failed resets and the clean-up paths.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "config/xml_parser.h"
 #include "interface/ldc_lifecycle.h"
 #include "interface/ldc_para.h"
 #include "support/malloc_fault.h"
@@ -245,9 +250,7 @@ TEST(Lifecycle, CreateRefusesUnusableConfigurations)
             stOut.put(static_cast<char>(uState >> 24));
         }
     }
-    const std::vector<std::string> astrPaths = {
-        TestConfigPath("does_not_exist.xml"), TestConfigPath("empty.xml"),
-        TestConfigPath("truncated.xml"), strBinary, std::string(LDC_TEST_CONFIG_DIR)};
+    const std::vector<std::string> astrPaths = {TestConfigPath("truncated.xml"), strBinary};
     for (const std::string &strPath : astrPaths) {
         CreateArgs stArgs(strPath, 640, 480);
         void *pHandle = kUntouched;
@@ -260,6 +263,81 @@ TEST(Lifecycle, CreateRefusesUnusableConfigurations)
                   LogAfterParams(stCall.astrLog))
             << strPath;
     }
+}
+
+// A configuration path that blocks Create or Reset must fail the run, not hang it.
+void ConfigWatchdogExpired(int)
+{
+    const char acMessage[] = "watchdog: a configuration path blocked IQV_LDC_Create or IQV_LDC_Reset\n";
+    (void)!write(1, acMessage, sizeof(acMessage) - 1);   // stderr may be captured at this moment
+    _exit(1);
+}
+
+TEST(Lifecycle, HostileConfigPathsFailPromptly)
+{
+    const std::string strDir = testing::TempDir() + "ldc_hostile_" + std::to_string(getpid()) + "/";
+    ASSERT_EQ(0, mkdir(strDir.c_str(), 0755));
+    std::stringstream stSample;
+    stSample << std::ifstream(SamplePath(), std::ios::binary).rdbuf();
+    auto fnWrite = [&](const char *pcName, const std::string &strText) {
+        std::ofstream(strDir + pcName, std::ios::binary) << strText;
+        return strDir + pcName;
+    };
+    // The sample padded with blanks to the reader's limit is still read; one byte more is not.
+    const std::string strPadded = stSample.str() + std::string(XML_FILE_MAX_BYTES - stSample.str().size(), ' ');
+    const std::string strAtLimit = fnWrite("limit.xml", strPadded);
+    const std::string strOver = fnWrite("over.xml", strPadded + " ");
+    const std::string strFifo = strDir + "fifo.xml";
+    ASSERT_EQ(0, mkfifo(strFifo.c_str(), 0644));
+    const std::string strSwapped = fnWrite("swapped.xml", stSample.str());
+
+    signal(SIGALRM, ConfigWatchdogExpired);
+    alarm(30);
+    const struct {
+        std::string strPath;
+        const char *pcReason;
+    } astCases[] = {{strFifo, "is not a regular file!"},
+                    {"/dev/zero", "is not a regular file!"},
+                    {strDir, "is not a regular file!"},
+                    {strDir + "missing.xml", "can't be read or is empty!"},
+                    {TestConfigPath("empty.xml"), "can't be read or is empty!"},
+                    {strOver, "is larger than 1048576 bytes!"}};
+    for (const auto &stCase : astCases) {
+        CreateArgs stArgs(stCase.strPath, 640, 480);
+        void *pHandle = kUntouched;
+        const auto tStart = std::chrono::steady_clock::now();
+        const Call stCall = Create(&pHandle, &stArgs.stInput);
+        const std::chrono::duration<double> tTaken = std::chrono::steady_clock::now() - tStart;
+        EXPECT_EQ(LDC_ERR_CONFIG, stCall.iRet) << stCase.strPath;
+        EXPECT_EQ(kUntouched, pHandle) << stCase.strPath;
+        EXPECT_EQ(FailedCreateTail({"The config file " + stCase.strPath + " " + stCase.pcReason,
+                                    "Can't load xml file!", "Parse config file in IQV_LDC_Create is error!"}),
+                  LogAfterParams(stCall.astrLog));
+        EXPECT_LT(tTaken.count(), 0.25) << stCase.strPath;
+    }
+    // Reset reads the path again: a file that has become a FIFO since Create fails the same way.
+    CreateArgs stArgs(strSwapped, 640, 480);
+    void *pHandle = NULL;
+    ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
+    ASSERT_EQ(0, unlink(strSwapped.c_str()));
+    ASSERT_EQ(0, mkfifo(strSwapped.c_str(), 0644));
+    const Call stReset = Reset(pHandle, &stArgs.stInput);
+    EXPECT_EQ(LDC_ERR_CONFIG, stReset.iRet);
+    EXPECT_EQ(std::vector<std::string>({Error("The config file " + strSwapped + " is not a regular file!"),
+                                        Error("Can't load xml file!"),
+                                        Error("Parse config file in IQV_LDC_Reset is error!")}),
+              stReset.astrLog);
+    EXPECT_EQ(0, Delete(pHandle).iRet);
+
+    CreateArgs stLimit(strAtLimit, 640, 480);
+    EXPECT_EQ(LDC_OK, Create(&pHandle, &stLimit.stInput).iRet);
+    EXPECT_EQ(0, Delete(pHandle).iRet);
+    alarm(0);
+    signal(SIGALRM, SIG_DFL);
+    for (const std::string &strPath : {strAtLimit, strOver, strFifo, strSwapped}) {
+        unlink(strPath.c_str());
+    }
+    rmdir(strDir.c_str());
 }
 
 TEST(Lifecycle, ConfigPathOfAtMost255Characters)

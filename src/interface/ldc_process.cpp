@@ -299,7 +299,9 @@ static void RemapAndWarp(tagST_LDC_PARA *pstPara, tagST_PIC *pstIn, tagST_PIC *p
     const int32_t iH = pstPara->iImgHeight;
     uint8_t *pucScratch = pstPara->pucWorkBuf + (size_t)iW * iH * 3 / 2;
     PrepareIntermediate(pstPara, pstIn, pstInter);
-    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, pstIn, pstInter);
+    uint8_t *const apucIn[3] = {pstIn->pY, pstIn->pU, pstIn->pV};
+    uint8_t *const apucInter[3] = {pstInter->pY, pstInter->pU, pstInter->pV};
+    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, apucIn, apucInter);
     // The warp works on row pairs and column pairs: on a frame of odd size it would write a chroma
     // row past the end of the caller's output. It covers the even part; the odd last luma row or
     // column is taken from the input as it stands.

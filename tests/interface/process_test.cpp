@@ -170,7 +170,9 @@ std::vector<uint8_t> ComposeByHand(tagST_LDC_PARA *pstPara, std::vector<uint8_t>
     } else {
         FillBlank_neon_NV12(&stInter, &stIn, piArea[0], piArea[1], piArea[2] + 1, piArea[3] + 1 - piArea[1]);
     }
-    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, &stIn, &stInter);
+    uint8_t *const apucIn[3] = {stIn.pY, stIn.pU, stIn.pV};
+    uint8_t *const apucInter[3] = {stInter.pY, stInter.pU, stInter.pV};
+    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, apucIn, apucInter);
     tagST_REGISTRATION_AREA stArea = {0, 0, iW, iH};
     float afMatrix[9];
     memcpy(afMatrix, pfMatrix, sizeof(afMatrix));

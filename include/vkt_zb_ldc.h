@@ -98,8 +98,9 @@ LDC_EXPORT int32_t IQV_LDC_Delete(void *pHandle);
  * Re-reads the configuration for a new frame size and picture type; exported under its C++ name.
  * A size outside 1..5000 or a type other than 0, 1 or 2 is refused as by IQV_LDC_Create (same
  * code and message) before anything changes: the instance stays as it was. Any later failure
- * leaves the instance hollow: no working buffer, nothing kept but its configuration path. The
- * next frame resets a hollow instance again; IQV_LDC_Reset and IQV_LDC_Delete accept it too.
+ * leaves the instance hollow: no working buffer, nothing kept but its configuration path and its
+ * own picture type (not the requested one). The next frame resets a hollow instance again with
+ * that type; IQV_LDC_Reset and IQV_LDC_Delete accept it too.
  */
 LDC_EXPORT int32_t IQV_LDC_Reset(void *pHandle, ST_LDC_INPUT_PARA *pstInputPara);
 #endif

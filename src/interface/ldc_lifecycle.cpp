@@ -176,13 +176,17 @@ int32_t IQV_LDC_Reset(void *pHandle, ST_LDC_INPUT_PARA *pstInputPara)
     }
     tagST_LDC_PARA *pstPara = (tagST_LDC_PARA *)pHandle;
 
-    // From here on a failure leaves the instance hollow: zeroed, holding only its path, so that
-    // the next frame (its stored size is 0 x 0) comes through Reset again.
+    // From here on a failure leaves the instance hollow: zeroed, holding only its path and its
+    // picture type, so that the next frame (its stored size is 0 x 0) comes through Reset again.
+    // The type survives because that Reset asks for the instance's type: cleared to 0, it would
+    // read an NV12 or I420 stream as NV21 from then on.
     MemoFree((uintptr_t)pstPara->pucWorkBufRaw);
     char acCfgPath[LDC_CFG_PATH_LEN];
     (void)memcpy_s(acCfgPath, sizeof(acCfgPath), pstPara->acCfgPath, sizeof(pstPara->acCfgPath));
+    const int32_t ePicType = pstPara->ePicType;
     (void)memset_s(pstPara, sizeof(*pstPara), 0, sizeof(*pstPara));
     (void)memcpy_s(pstPara->acCfgPath, sizeof(pstPara->acCfgPath), acCfgPath, sizeof(acCfgPath));
+    pstPara->ePicType = ePicType;
 
     tagST_LDC_PARA stFresh;
     (void)memset_s(&stFresh, sizeof(stFresh), 0, sizeof(stFresh));

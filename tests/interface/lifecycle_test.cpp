@@ -365,15 +365,17 @@ TEST(Lifecycle, ResetRefusesWhatCreateRefusesAndKeepsTheInstance)
     EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
 }
 
+// A failed Reset keeps the path and the instance's own picture type, not the requested one.
 TEST(Lifecycle, FailedResetLeavesAHollowInstance)
 {
-    CreateArgs stArgs(TestConfigPath("camera_matrix_limits.xml"), 5000, 8);
+    CreateArgs stArgs(TestConfigPath("camera_matrix_limits.xml"), 5000, 8, LDC_PIC_YUV420);
     void *pHandle = nullptr;
     ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
     tagST_LDC_PARA *pstPara = static_cast<tagST_LDC_PARA *>(pHandle);
     tagST_LDC_PARA stHollow;
     memset(&stHollow, 0, sizeof(stHollow));
     strcpy(stHollow.acCfgPath, stArgs.acPath);
+    stHollow.ePicType = LDC_PIC_YUV420;
 
     const struct {
         int32_t iWidth;

@@ -458,6 +458,23 @@ TEST(Process, AcceptedFaceCorrectionWithACollapsedLensArea)
     EXPECT_TRUE(GuardIntact(stR.vOut, 36 * 36 * 3 / 2, 0x5A));
 }
 
+// A frame of an unknown size leaves the instance hollow; the next frame of the first size resets
+// it with the instance's own picture type and gives the bytes it gave before.
+TEST(Process, AfterAFailedResetFramesAreReadAsBefore)
+{
+    for (int ePicType = 0; ePicType <= 2; ePicType++) {
+        Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, kW, kH, ePicType);
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, ePicType, false);
+        std::vector<uint8_t> vOdd = RenderFrame(200, 100, ePicType, false);
+        const Result stBefore = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(Process(stInst, vOdd, 200, 100, {}).iRet, LDC_ERR_CONFIG);
+        const Result stAfter = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(stAfter.iRet, LDC_OK);
+        EXPECT_TRUE(stBefore.vOut == stAfter.vOut) << "picture type " << ePicType;
+        EXPECT_EQ(stInst.Para()->ePicType, ePicType);
+    }
+}
+
 TEST(Process, TransposedFrameSizeChangeAndHollowInstance)
 {
     Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}});

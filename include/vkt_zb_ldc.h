@@ -27,6 +27,7 @@
 
 #define LDC_MAX_IMAGE_SIZE 5000 /* largest width and height, inclusive */
 #define LDC_MAX_FACES 10        /* faces beyond the first ten are ignored */
+#define LDC_MAX_LOGGED_FACES 64 /* face rectangles logged per frame; a larger count gets one line */
 
 /*
  * Picture types. A frame is width x height luma bytes followed by width x height / 2 chroma
@@ -61,6 +62,8 @@ typedef struct tagST_LDC_FRAME_INFO {
     int32_t iImgHeight;
     int32_t iISO;              /* only used in the names of debug dumps */
     int32_t iFaceNum;          /* values above 10 are cut to 10 */
+    /* iFaceNum rectangles, or at least LDC_MAX_LOGGED_FACES (64) when more are claimed: the
+     * frame's log quotes up to 64 of them and the correction uses the first 10. NULL: no faces. */
     const ST_FACE_RECT *pstFaces;
 } ST_LDC_FRAME_INFO;
 

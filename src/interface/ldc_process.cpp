@@ -346,10 +346,16 @@ int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo, ui
     const int32_t iFaceNum = pstFrameInfo->pstFaces != NULL ? pstFrameInfo->iFaceNum : 0;
     LdcLog(LDC_LOG_INFO, "iImgWidth = %d, iImgHeight = %d, iISO = %d, iFaceNum = %d.\n", iW, iH,
            pstFrameInfo->iISO, pstFrameInfo->iFaceNum);
-    for (int32_t i = 0; i < iFaceNum; i++) {
+    // At most LDC_MAX_LOGGED_FACES rectangles are logged and read: a hostile count (INT_MAX)
+    // would otherwise stall the frame on billions of lines and read far past the caller's array.
+    const int32_t iLogged = iFaceNum < LDC_MAX_LOGGED_FACES ? iFaceNum : LDC_MAX_LOGGED_FACES;
+    for (int32_t i = 0; i < iLogged; i++) {
         const ST_FACE_RECT *pstFace = &pstFrameInfo->pstFaces[i];
         LdcLog(LDC_LOG_INFO, "Face No. %d Coord<left, top, right, bottom>: %d, %d, %d, %d\n", i + 1,
                pstFace->iLeft, pstFace->iTop, pstFace->iRight, pstFace->iBottom);
+    }
+    if (iFaceNum > iLogged) {
+        LdcLog(LDC_LOG_INFO, "%d more faces are not logged.\n", iFaceNum - iLogged);
     }
     const size_t uFrameBytes = (size_t)iW * iH * 3 / 2;
 

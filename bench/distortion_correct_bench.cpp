@@ -40,9 +40,10 @@ void BM_DistortionCorrect_neon(benchmark::State &state)
     tagST_DC_FRAMES &stFrames = PhoneFrames();
     std::vector<uint8_t> vucDst;
     stFrames.FillPattern(&vucDst);
-    const tagST_PIC stDst = stFrames.Picture(vucDst.data());
+    const auto apucSrc = tagST_DC_FRAMES::Planes(stFrames.stSrc);
+    const auto apucDst = tagST_DC_FRAMES::Planes(stFrames.Picture(vucDst.data()));
     for (auto _ : state) {
-        DistortionCorrect_neon(0, stFrames.pstPara.get(), &stFrames.stSrc, &stDst);
+        DistortionCorrect_neon(0, stFrames.pstPara.get(), apucSrc.data(), apucDst.data());
         benchmark::ClobberMemory();
     }
 }
@@ -52,9 +53,10 @@ void BM_DistortionCorrect_plain(benchmark::State &state)
     tagST_DC_FRAMES &stFrames = PhoneFrames();
     std::vector<uint8_t> vucDst;
     stFrames.FillPattern(&vucDst);
-    const tagST_PIC stDst = stFrames.Picture(vucDst.data());
+    const auto apucSrc = tagST_DC_FRAMES::Planes(stFrames.stSrc);
+    const auto apucDst = tagST_DC_FRAMES::Planes(stFrames.Picture(vucDst.data()));
     for (auto _ : state) {
-        DistortionCorrect(0, stFrames.pstPara.get(), &stFrames.stSrc, &stDst);
+        DistortionCorrect(0, stFrames.pstPara.get(), apucSrc.data(), apucDst.data());
         benchmark::ClobberMemory();
     }
 }

@@ -27,6 +27,7 @@
 
 #define LDC_MAX_IMAGE_SIZE 5000 /* largest width and height, inclusive */
 #define LDC_MAX_FACES 10        /* faces beyond the first ten are ignored */
+#define LDC_MAX_LOGGED_FACES 64 /* face rectangles logged per frame; a larger count gets one line */
 
 /*
  * Picture types. A frame is width x height luma bytes followed by width x height / 2 chroma
@@ -61,6 +62,8 @@ typedef struct tagST_LDC_FRAME_INFO {
     int32_t iImgHeight;
     int32_t iISO;              /* only used in the names of debug dumps */
     int32_t iFaceNum;          /* values above 10 are cut to 10 */
+    /* iFaceNum rectangles, or at least LDC_MAX_LOGGED_FACES (64) when more are claimed: the
+     * frame's log quotes up to 64 of them and the correction uses the first 10. NULL: no faces. */
     const ST_FACE_RECT *pstFaces;
 } ST_LDC_FRAME_INFO;
 
@@ -94,7 +97,14 @@ LDC_EXPORT int32_t IQV_LDC_Delete(void *pHandle);
 #ifdef __cplusplus
 }
 
-/* Re-reads the configuration for a new frame size; exported under its C++ name. */
+/*
+ * Re-reads the configuration for a new frame size and picture type; exported under its C++ name.
+ * A size outside 1..5000 or a type other than 0, 1 or 2 is refused as by IQV_LDC_Create (same
+ * code and message) before anything changes: the instance stays as it was. Any later failure
+ * leaves the instance hollow: no working buffer, nothing kept but its configuration path and its
+ * own picture type (not the requested one). The next frame resets a hollow instance again with
+ * that type; IQV_LDC_Reset and IQV_LDC_Delete accept it too.
+ */
 LDC_EXPORT int32_t IQV_LDC_Reset(void *pHandle, ST_LDC_INPUT_PARA *pstInputPara);
 #endif
 

@@ -314,9 +314,8 @@ static void FillColumnTable(const tagST_LDC_PARA *pstPara, int32_t iLeft, int32_
     }
 }
 
-static int32_t RunDistortionCorrect(tagST_LDC_PARA *pstPara, const tagST_PIC *pstSrc,
-                                    const tagST_PIC *pstDst, LdcThreadRoutine pfnThread,
-                                    LdcDistortionBody pfnBody)
+static int32_t RunDistortionCorrect(tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc, uint8_t *const *ppucDst,
+                                    LdcThreadRoutine pfnThread, LdcDistortionBody pfnBody)
 {
     const int32_t *piArea = (pstPara->iLDCEnable == 1) ? pstPara->aiLDCArea : pstPara->aiGlobalFDCArea;
     FillColumnTable(pstPara, piArea[0], piArea[2]);
@@ -324,8 +323,8 @@ static int32_t RunDistortionCorrect(tagST_LDC_PARA *pstPara, const tagST_PIC *ps
         pstPara->aiThreadMask[i] = 1 << i;
         pstPara->aiThreadState[i] = 0;
     }
-    const tagST_LDC_WORK stWork = {pstPara,     pstSrc->pY, pstSrc->pU, pstSrc->pV,
-                                   pstDst->pY, pstDst->pU, pstDst->pV};
+    const tagST_LDC_WORK stWork = {pstPara,    ppucSrc[0], ppucSrc[1], ppucSrc[2],
+                                   ppucDst[0], ppucDst[1], ppucDst[2]};
     if (create_thread_lock(pfnThread, (void *)&stWork, LDC_THREAD_NUM) != 0) {
         // The workers could not be started: one band covering the whole rectangle, here.
         pfnBody(&stWork, 0, 1);
@@ -333,22 +332,21 @@ static int32_t RunDistortionCorrect(tagST_LDC_PARA *pstPara, const tagST_PIC *ps
     return 0;
 }
 
-int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, const tagST_PIC *pstSrc,
-                               const tagST_PIC *pstDst)
+int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                               uint8_t *const *ppucDst)
 {
-    return iPlanar ? RunDistortionCorrect(pstPara, pstSrc, pstDst, DistortionCorrectThread_YUV420,
+    return iPlanar ? RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_YUV420,
                                           DistortionCorrect_neon_YUV420)
-                   : RunDistortionCorrect(pstPara, pstSrc, pstDst, DistortionCorrectThread_NV12,
+                   : RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_NV12,
                                           DistortionCorrect_neon_NV12);
 }
 
-int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, const tagST_PIC *pstSrc,
-                          const tagST_PIC *pstDst)
+int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                          uint8_t *const *ppucDst)
 {
-    return iPlanar ? RunDistortionCorrect(pstPara, pstSrc, pstDst,
-                                          DistortionCorrectPlainThread_YUV420,
+    return iPlanar ? RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectPlainThread_YUV420,
                                           DistortionCorrect_YUV420)
-                   : RunDistortionCorrect(pstPara, pstSrc, pstDst, DistortionCorrectPlainThread_NV12,
+                   : RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectPlainThread_NV12,
                                           DistortionCorrect_NV12);
 }
 

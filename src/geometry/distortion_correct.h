@@ -52,22 +52,23 @@ typedef void (*LdcDistortionBody)(const tagST_LDC_WORK *pstWork, int32_t iIndex,
 extern "C" {
 #endif
 
-// Remaps the frame described by pstSrc into pstDst on four pinned workers (the calling thread
-// does the whole rectangle itself when they cannot be started). iPlanar is non-zero for picture
-// type 2 and 0 for the semi-planar types, whose pU is the first byte of the interleaved plane.
-// Only the descriptors' plane pointers pY, pU, pV are read: the size, the model, the rectangle
-// and the working buffer (column table) come from the instance. The frame driver passes its
-// input and intermediate descriptors as they are. Returns 0.
-LDC_EXPORT int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara,
-                                          const tagST_PIC *pstSrc, const tagST_PIC *pstDst);
+// Remaps the source frame into the destination on four pinned workers (the calling thread does
+// the whole rectangle itself when they cannot be started). ppucSrc and ppucDst each point to
+// three consecutive plane pointers: luma, first chroma, second chroma. iPlanar is non-zero for
+// picture type 2 (U plane, V plane, each of pitch W >> 1) and 0 for the semi-planar types, whose
+// first chroma pointer is the first byte of the interleaved plane and whose second is not read.
+// The size, the model, the rectangle and the working buffer (column table) come from the
+// instance. Returns 0.
+LDC_EXPORT int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                                          uint8_t *const *ppucDst);
 
 #ifdef __cplusplus
 }
 #endif
 
 // The same driver, threads and fallback around the plain worker bodies.
-int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, const tagST_PIC *pstSrc,
-                          const tagST_PIC *pstDst);
+int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                          uint8_t *const *ppucDst);
 
 // Thread entries of create_thread_lock: band index of the thread record out of four bands.
 void *DistortionCorrectThread_NV12(void *pArg);

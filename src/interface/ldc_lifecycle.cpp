@@ -74,6 +74,28 @@ static int32_t AllocWorkBuf(tagST_LDC_PARA *pstPara)
     return LDC_OK;
 }
 
+// Width, height and picture type of a Create or Reset request. The messages quote 0 as the lower
+// bound although 0 is refused; callers match on them.
+static int32_t CheckSizeAndType(const ST_LDC_INPUT_PARA *pstInputPara)
+{
+    if (pstInputPara->iImgWidth < 1 || pstInputPara->iImgWidth > LDC_MAX_IMAGE_SIZE) {
+        LdcLog(LDC_LOG_ERROR, "The width of image (%d) should be in [%d, %d]!\n",
+               pstInputPara->iImgWidth, 0, LDC_MAX_IMAGE_SIZE);
+        return LDC_ERR_PARAM;
+    }
+    if (pstInputPara->iImgHeight < 1 || pstInputPara->iImgHeight > LDC_MAX_IMAGE_SIZE) {
+        LdcLog(LDC_LOG_ERROR, "The height of image (%d) should be in [%d, %d]!\n",
+               pstInputPara->iImgHeight, 0, LDC_MAX_IMAGE_SIZE);
+        return LDC_ERR_PARAM;
+    }
+    if ((uint32_t)pstInputPara->ePicType > LDC_PIC_YUV420) {
+        LdcLog(LDC_LOG_ERROR, "The type of image (%d) should be %d, %d or %d!\n",
+               pstInputPara->ePicType, LDC_PIC_NV21, LDC_PIC_NV12, LDC_PIC_YUV420);
+        return LDC_ERR_PARAM;
+    }
+    return LDC_OK;
+}
+
 // Copies the configuration path, at most 256 bytes: a path of 256 characters or more is left
 // unterminated, and the store refuses it by its length before the field is ever read.
 static void CopyCfgPath(char *pcDest, const char *pcSrc)
@@ -97,20 +119,7 @@ int32_t IQV_LDC_Create(void **pHandle, ST_LDC_INPUT_PARA *pstInputPara)
         LdcLog(LDC_LOG_ERROR, "Config path is NULL!\n");
         return LDC_ERR_PARAM;
     }
-    // The messages quote 0 as the lower bound although 0 is refused; callers match on them.
-    if (pstInputPara->iImgWidth < 1 || pstInputPara->iImgWidth > LDC_MAX_IMAGE_SIZE) {
-        LdcLog(LDC_LOG_ERROR, "The width of image (%d) should be in [%d, %d]!\n",
-               pstInputPara->iImgWidth, 0, LDC_MAX_IMAGE_SIZE);
-        return LDC_ERR_PARAM;
-    }
-    if (pstInputPara->iImgHeight < 1 || pstInputPara->iImgHeight > LDC_MAX_IMAGE_SIZE) {
-        LdcLog(LDC_LOG_ERROR, "The height of image (%d) should be in [%d, %d]!\n",
-               pstInputPara->iImgHeight, 0, LDC_MAX_IMAGE_SIZE);
-        return LDC_ERR_PARAM;
-    }
-    if ((uint32_t)pstInputPara->ePicType > LDC_PIC_YUV420) {
-        LdcLog(LDC_LOG_ERROR, "The type of image (%d) should be %d, %d or %d!\n",
-               pstInputPara->ePicType, LDC_PIC_NV21, LDC_PIC_NV12, LDC_PIC_YUV420);
+    if (CheckSizeAndType(pstInputPara) != LDC_OK) {
         return LDC_ERR_PARAM;
     }
 
@@ -159,15 +168,25 @@ int32_t IQV_LDC_Reset(void *pHandle, ST_LDC_INPUT_PARA *pstInputPara)
         LdcLog(LDC_LOG_ERROR, "The point of input param is NULL!\n");
         return LDC_ERR_PARAM;
     }
+    // Create's checks, before anything is freed, so that a refused request leaves the instance as
+    // it was: a profile may hold a size outside 1..5000, and its working-buffer size would
+    // overflow.
+    if (CheckSizeAndType(pstInputPara) != LDC_OK) {
+        return LDC_ERR_PARAM;
+    }
     tagST_LDC_PARA *pstPara = (tagST_LDC_PARA *)pHandle;
 
-    // From here on a failure leaves the instance hollow: zeroed, holding only its path, so that
-    // the next frame (its stored size is 0 x 0) comes through Reset again.
+    // From here on a failure leaves the instance hollow: zeroed, holding only its path and its
+    // picture type, so that the next frame (its stored size is 0 x 0) comes through Reset again.
+    // The type survives because that Reset asks for the instance's type: cleared to 0, it would
+    // read an NV12 or I420 stream as NV21 from then on.
     MemoFree((uintptr_t)pstPara->pucWorkBufRaw);
     char acCfgPath[LDC_CFG_PATH_LEN];
     (void)memcpy_s(acCfgPath, sizeof(acCfgPath), pstPara->acCfgPath, sizeof(pstPara->acCfgPath));
+    const int32_t ePicType = pstPara->ePicType;
     (void)memset_s(pstPara, sizeof(*pstPara), 0, sizeof(*pstPara));
     (void)memcpy_s(pstPara->acCfgPath, sizeof(pstPara->acCfgPath), acCfgPath, sizeof(acCfgPath));
+    pstPara->ePicType = ePicType;
 
     tagST_LDC_PARA stFresh;
     (void)memset_s(&stFresh, sizeof(stFresh), 0, sizeof(stFresh));

@@ -299,7 +299,9 @@ static void RemapAndWarp(tagST_LDC_PARA *pstPara, tagST_PIC *pstIn, tagST_PIC *p
     const int32_t iH = pstPara->iImgHeight;
     uint8_t *pucScratch = pstPara->pucWorkBuf + (size_t)iW * iH * 3 / 2;
     PrepareIntermediate(pstPara, pstIn, pstInter);
-    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, pstIn, pstInter);
+    uint8_t *const apucIn[3] = {pstIn->pY, pstIn->pU, pstIn->pV};
+    uint8_t *const apucInter[3] = {pstInter->pY, pstInter->pU, pstInter->pV};
+    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, apucIn, apucInter);
     // The warp works on row pairs and column pairs: on a frame of odd size it would write a chroma
     // row past the end of the caller's output. It covers the even part; the odd last luma row or
     // column is taken from the input as it stands.
@@ -344,10 +346,16 @@ int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo, ui
     const int32_t iFaceNum = pstFrameInfo->pstFaces != NULL ? pstFrameInfo->iFaceNum : 0;
     LdcLog(LDC_LOG_INFO, "iImgWidth = %d, iImgHeight = %d, iISO = %d, iFaceNum = %d.\n", iW, iH,
            pstFrameInfo->iISO, pstFrameInfo->iFaceNum);
-    for (int32_t i = 0; i < iFaceNum; i++) {
+    // At most LDC_MAX_LOGGED_FACES rectangles are logged and read: a hostile count (INT_MAX)
+    // would otherwise stall the frame on billions of lines and read far past the caller's array.
+    const int32_t iLogged = iFaceNum < LDC_MAX_LOGGED_FACES ? iFaceNum : LDC_MAX_LOGGED_FACES;
+    for (int32_t i = 0; i < iLogged; i++) {
         const ST_FACE_RECT *pstFace = &pstFrameInfo->pstFaces[i];
         LdcLog(LDC_LOG_INFO, "Face No. %d Coord<left, top, right, bottom>: %d, %d, %d, %d\n", i + 1,
                pstFace->iLeft, pstFace->iTop, pstFace->iRight, pstFace->iBottom);
+    }
+    if (iFaceNum > iLogged) {
+        LdcLog(LDC_LOG_INFO, "%d more faces are not logged.\n", iFaceNum - iLogged);
     }
     const size_t uFrameBytes = (size_t)iW * iH * 3 / 2;
 

@@ -41,18 +41,33 @@ void AffineFillColumnTable(uint8_t *pucScratch, int32_t iStartX, int32_t iPicWid
     }
 }
 
-// Denominator and numerators of the mapping as the scalar passes evaluate them.
-static inline float AffineDen(const float *pfM, float fX, float fY)
+// The main pass (and the scalar companions, which share its arithmetic) adds the row's terms
+// first: den = m6 x + (m7 y + m8), sx = m0 x + (m1 y + m2), sy = m3 x + (m4 y + m5). The other
+// order changes the last bit of some positions and with it a weight, one or two levels.
+typedef struct tagST_AFFINE_ROW {
+    float fDen;
+    float fSx;
+    float fSy;
+} tagST_AFFINE_ROW;
+
+static inline tagST_AFFINE_ROW AffineRowTerms(const float *pfM, float fY)
+{
+    const tagST_AFFINE_ROW stRow = {pfM[7] * fY + pfM[8], pfM[1] * fY + pfM[2], pfM[4] * fY + pfM[5]};
+    return stRow;
+}
+
+// The tail pass adds the terms left to right: den = m6 x + m7 y + m8, and likewise sx and sy.
+static inline float AffineTailDen(const float *pfM, float fX, float fY)
 {
     return pfM[6] * fX + pfM[7] * fY + pfM[8];
 }
 
-static inline float AffineNumX(const float *pfM, float fX, float fY)
+static inline float AffineTailNumX(const float *pfM, float fX, float fY)
 {
     return pfM[0] * fX + pfM[1] * fY + pfM[2];
 }
 
-static inline float AffineNumY(const float *pfM, float fX, float fY)
+static inline float AffineTailNumY(const float *pfM, float fX, float fY)
 {
     return pfM[3] * fX + pfM[4] * fY + pfM[5];
 }
@@ -130,15 +145,12 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
     uint8_t *pucDstV = pstTask->pstDst->pV;
 
     for (int32_t iY = iRowStart; iY < iRowEnd; iY += 2) {
-        const float fY = (float)iY;
-        const float fDenRow = pfM[7] * fY + pfM[8];
-        const float fSxRow = pfM[1] * fY + pfM[2];
-        const float fSyRow = pfM[4] * fY + pfM[5];
+        const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)iY);
         float afX[4];
         float afDen[4];
         (void)memcpy_s(afX, sizeof(afX), pstTask->pucScratch, sizeof(afX));
         for (int32_t k = 0; k < 4; k++) {
-            afDen[k] = pfM[6] * afX[k] + fDenRow;
+            afDen[k] = pfM[6] * afX[k] + stRow.fDen;
         }
         uint8_t *pucDstRow = pstTask->pstDst->pY + (ptrdiff_t)iY * iPitch;
         for (int32_t g = 0; g < iGroups; g++) {
@@ -151,8 +163,8 @@ static void AffineMainPass(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, 
                 float fR = RecipEstimateF32(afDen[k]);
                 fR = fR * RecipStepF32(afDen[k], fR);
                 fR = fR * RecipStepF32(afDen[k], fR);
-                const float fSx = (pfM[0] * afX[k] + fSxRow) * fR;
-                const float fSy = (pfM[3] * afX[k] + fSyRow) * fR;
+                const float fSx = (pfM[0] * afX[k] + stRow.fSx) * fR;
+                const float fSy = (pfM[3] * afX[k] + stRow.fSy) * fR;
                 // Clamped into the frame: a homography fitted to a few faces sends the far
                 // corners of the output well outside the source.
                 int32_t bInsideX;
@@ -239,13 +251,13 @@ static void AffineTail(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int3
 
     for (int32_t iY = iRowStart; iY < iRowEnd; iY += 2) {
         const float fY = (float)iY;
-        const float fR = 1.0f / AffineDen(pfM, (float)iTailX, fY);
+        const float fR = 1.0f / AffineTailDen(pfM, (float)iTailX, fY);
         for (int32_t iX = iTailX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
             // Clamped into the frame like the main pass.
             int32_t bInside;
-            const int32_t iIx = LdcClampIndex(TruncF32ToS32(AffineNumX(pfM, fX, fY) * fR), stLimits.iInnerX, &bInside);
-            const int32_t iIy = LdcClampIndex(TruncF32ToS32(AffineNumY(pfM, fX, fY) * fR), stLimits.iInnerY, &bInside);
+            const int32_t iIx = LdcClampIndex(TruncF32ToS32(AffineTailNumX(pfM, fX, fY) * fR), stLimits.iInnerX, &bInside);
+            const int32_t iIy = LdcClampIndex(TruncF32ToS32(AffineTailNumY(pfM, fX, fY) * fR), stLimits.iInnerY, &bInside);
             CopyNearestBlock(pstTask, &stBlock, bPlanar, iX, iY, iIx, iIy);
         }
     }
@@ -379,8 +391,8 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
     const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 0);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
-        const float fY = (float)iY;
-        float fDen = AffineDen(pfM, (float)pstArea->iStartX, fY);
+        const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)iY);
+        float fDen = pfM[6] * (float)pstArea->iStartX + stRow.fDen;
         float fR = 0.0f;
         for (int32_t iX = pstArea->iStartX; iX < iEndX; iX += 2) {
             // One exact reciprocal per 8 columns, taken at the group's first block; a last
@@ -390,8 +402,8 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
                 fDen += fDenStep;
             }
             const float fX = (float)iX;
-            const float fSx = AffineNumX(pfM, fX, fY) * fR;
-            const float fSy = AffineNumY(pfM, fX, fY) * fR;
+            const float fSx = (pfM[0] * fX + stRow.fSx) * fR;
+            const float fSy = (pfM[3] * fX + stRow.fSy) * fR;
             // Clamped into the frame like the vector kernels.
             int32_t bInsideX;
             int32_t bInsideY;
@@ -425,12 +437,12 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
     const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 1);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
-        const float fY = (float)iY;
-        float fDen = AffineDen(pfM, (float)pstArea->iStartX, fY);
+        const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)iY);
+        float fDen = pfM[6] * (float)pstArea->iStartX + stRow.fDen;
         for (int32_t iX = pstArea->iStartX; iX < iEndX; iX += 2) {
             const float fX = (float)iX;
-            const float fSx = AffineNumX(pfM, fX, fY) / fDen;
-            const float fSy = AffineNumY(pfM, fX, fY) / fDen;
+            const float fSx = (pfM[0] * fX + stRow.fSx) / fDen;
+            const float fSy = (pfM[3] * fX + stRow.fSy) / fDen;
             fDen += fDenStep;
             // Clamped into the frame like the vector kernels, then this companion's own limits,
             // which use the area's width and height as upper bounds, not its far edges; kept so

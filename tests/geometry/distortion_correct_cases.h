@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <array>
 #include <memory>
 #include <random>
 #include <string>
@@ -273,6 +274,9 @@ struct tagST_DC_FRAMES {
         return stPic;
     }
 
+    // The remap's plane arguments: three consecutive pointers, luma, first chroma, second chroma.
+    static std::array<uint8_t *, 3> Planes(const tagST_PIC &stPic) { return {stPic.pY, stPic.pU, stPic.pV}; }
+
     // A destination block filled with a position-dependent pattern (never a plausible output).
     void FillPattern(std::vector<uint8_t> *pvucDst) const
     {
@@ -291,9 +295,9 @@ struct tagST_DC_FRAMES {
         const tagST_PIC stDst = Picture(pvucDst->data());
         const int32_t iPlanar = (stCase.ePicType == 2) ? 1 : 0;
         if (bNeon) {
-            DistortionCorrect_neon(iPlanar, pstPara.get(), &stSrc, &stDst);
+            DistortionCorrect_neon(iPlanar, pstPara.get(), Planes(stSrc).data(), Planes(stDst).data());
         } else {
-            DistortionCorrect(iPlanar, pstPara.get(), &stSrc, &stDst);
+            DistortionCorrect(iPlanar, pstPara.get(), Planes(stSrc).data(), Planes(stDst).data());
         }
     }
 

@@ -42,8 +42,11 @@ TEST(RemapClamp, PositionsOutsideTheFrameRepeatTheEdgeSamples)
         BuildPicture(&stIn, vIn.data(), iW, iH, ePicType);
         BuildPicture(&stNeon, vNeon.data(), iW, iH, ePicType);
         BuildPicture(&stPlain, vPlain.data(), iW, iH, ePicType);
-        DistortionCorrect_neon(ePicType == 2, &stPara, &stIn, &stNeon);
-        DistortionCorrect(ePicType == 2, &stPara, &stIn, &stPlain);
+        uint8_t *const apucIn[3] = {stIn.pY, stIn.pU, stIn.pV};
+        uint8_t *const apucNeon[3] = {stNeon.pY, stNeon.pU, stNeon.pV};
+        uint8_t *const apucPlain[3] = {stPlain.pY, stPlain.pU, stPlain.pV};
+        DistortionCorrect_neon(ePicType == 2, &stPara, apucIn, apucNeon);
+        DistortionCorrect(ePicType == 2, &stPara, apucIn, apucPlain);
         MemoFree(uBlock);
         EXPECT_EQ(vNeon, vPlain) << "picture type " << ePicType;
         // The top-left block maps far beyond the bottom-right corner (f is strongly negative there):

@@ -416,15 +416,44 @@ TEST(Lifecycle, ResetRebuildsTheInstanceForANewSize)
     EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
 }
 
+// Reset refuses what Create refuses, with its messages, and before anything changes, even when
+// the configuration holds a profile of that size.
+TEST(Lifecycle, ResetRefusesWhatCreateRefusesAndKeepsTheInstance)
+{
+    CreateArgs stArgs(TestConfigPath("oversized_profiles.xml"), 640, 480, LDC_PIC_YUV420);
+    void *pHandle = nullptr;
+    ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
+    std::vector<uint8_t> vucBefore(sizeof(tagST_LDC_PARA));
+    memcpy(vucBefore.data(), pHandle, vucBefore.size());
+    const struct {
+        ST_LDC_INPUT_PARA stInput;
+        const char *pcMessage;
+    } astCases[] = {
+        {{50000, 50000, nullptr, 0}, "The width of image (50000) should be in [0, 5000]!"},
+        {{6000, 4000, nullptr, 1}, "The width of image (6000) should be in [0, 5000]!"},
+        {{4000, 6000, nullptr, 1}, "The height of image (6000) should be in [0, 5000]!"},
+        {{640, 480, nullptr, 3}, "The type of image (3) should be 0, 1 or 2!"},
+    };
+    for (auto stCase : astCases) {
+        const Call stCall = Reset(pHandle, &stCase.stInput);
+        EXPECT_EQ(LDC_ERR_PARAM, stCall.iRet) << stCase.pcMessage;
+        EXPECT_EQ(std::vector<std::string>{Error(stCase.pcMessage)}, stCall.astrLog);
+        EXPECT_EQ(0, memcmp(vucBefore.data(), pHandle, vucBefore.size())) << stCase.pcMessage;
+    }
+    EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
+}
+
+// A failed Reset keeps the path and the instance's own picture type, not the requested one.
 TEST(Lifecycle, FailedResetLeavesAHollowInstance)
 {
-    CreateArgs stArgs(TestConfigPath("camera_matrix_limits.xml"), 5000, 8);
+    CreateArgs stArgs(TestConfigPath("camera_matrix_limits.xml"), 5000, 8, LDC_PIC_YUV420);
     void *pHandle = nullptr;
     ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
     tagST_LDC_PARA *pstPara = static_cast<tagST_LDC_PARA *>(pHandle);
     tagST_LDC_PARA stHollow;
     memset(&stHollow, 0, sizeof(stHollow));
     strcpy(stHollow.acCfgPath, stArgs.acPath);
+    stHollow.ePicType = LDC_PIC_YUV420;
 
     const struct {
         int32_t iWidth;

@@ -5,8 +5,10 @@
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -170,7 +172,9 @@ std::vector<uint8_t> ComposeByHand(tagST_LDC_PARA *pstPara, std::vector<uint8_t>
     } else {
         FillBlank_neon_NV12(&stInter, &stIn, piArea[0], piArea[1], piArea[2] + 1, piArea[3] + 1 - piArea[1]);
     }
-    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, &stIn, &stInter);
+    uint8_t *const apucIn[3] = {stIn.pY, stIn.pU, stIn.pV};
+    uint8_t *const apucInter[3] = {stInter.pY, stInter.pU, stInter.pV};
+    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, apucIn, apucInter);
     tagST_REGISTRATION_AREA stArea = {0, 0, iW, iH};
     float afMatrix[9];
     memcpy(afMatrix, pfMatrix, sizeof(afMatrix));
@@ -423,6 +427,39 @@ TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
     }
 }
 
+// A hostile face count: 64 rectangles are logged, then one line for the rest, and the call
+// returns at once. The array ends where an inaccessible page begins: reading a 65th faults.
+TEST(Process, HostileFaceCountLogsAtMost64Rectangles)
+{
+    Instance stInst(Keys{{"Global/FDCFlag", "0"}});
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    std::vector<uint8_t> vOut(vIn.size());
+    const size_t uPage = (size_t)sysconf(_SC_PAGESIZE);
+    uint8_t *pucMap = (uint8_t *)mmap(NULL, 2 * uPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pucMap, MAP_FAILED);
+    ASSERT_EQ(0, mprotect(pucMap + uPage, uPage, PROT_NONE));
+    ST_FACE_RECT *pstFaces = (ST_FACE_RECT *)(pucMap + uPage) - LDC_MAX_LOGGED_FACES;
+    for (int32_t i = 0; i < LDC_MAX_LOGGED_FACES; i++) {
+        pstFaces[i] = {100 + i, 100, 200 + i, 200};
+    }
+    const ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, INT32_MAX, pstFaces};
+    testing::internal::CaptureStderr();
+    const auto tStart = std::chrono::steady_clock::now();
+    const int32_t iRet = IQV_LDC_Process(stInst.pHandle, &stInfo, vIn.data(), vOut.data());
+    const auto tElapsed = std::chrono::steady_clock::now() - tStart;
+    const std::string sLog = testing::internal::GetCapturedStderr();
+    munmap(pucMap, 2 * uPage);
+    EXPECT_EQ(iRet, LDC_OK);
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(tElapsed).count(), 1000);
+    size_t uFaceLines = 0;
+    for (size_t u = sLog.find("Face No. "); u != std::string::npos; u = sLog.find("Face No. ", u + 1)) {
+        uFaceLines++;
+    }
+    EXPECT_EQ(uFaceLines, 64u);
+    EXPECT_TRUE(Contains(sLog, "Face No. 64 Coord<left, top, right, bottom>: 163, 100, 263, 200\n"
+                               "I/ZB5QU_QVLDC: 2147483583 more faces are not logged.\n")) << sLog;
+}
+
 TEST(Process, OddFrameSizesStayInsideTheCallerBuffers)
 {
     // The warp works on row pairs: the odd last row and column come from the input.
@@ -454,6 +491,23 @@ TEST(Process, AcceptedFaceCorrectionWithACollapsedLensArea)
     EXPECT_EQ(stInst.Para()->iLDCEnable, 1);
     EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), 36 * 36 * 3 / 2)) << "identity warp of the input";
     EXPECT_TRUE(GuardIntact(stR.vOut, 36 * 36 * 3 / 2, 0x5A));
+}
+
+// A frame of an unknown size leaves the instance hollow; the next frame of the first size resets
+// it with the instance's own picture type and gives the bytes it gave before.
+TEST(Process, AfterAFailedResetFramesAreReadAsBefore)
+{
+    for (int ePicType = 0; ePicType <= 2; ePicType++) {
+        Instance stInst(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, kW, kH, ePicType);
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, ePicType, false);
+        std::vector<uint8_t> vOdd = RenderFrame(200, 100, ePicType, false);
+        const Result stBefore = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(Process(stInst, vOdd, 200, 100, {}).iRet, LDC_ERR_CONFIG);
+        const Result stAfter = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(stAfter.iRet, LDC_OK);
+        EXPECT_TRUE(stBefore.vOut == stAfter.vOut) << "picture type " << ePicType;
+        EXPECT_EQ(stInst.Para()->ePicType, ePicType);
+    }
 }
 
 TEST(Process, TransposedFrameSizeChangeAndHollowInstance)

@@ -320,6 +320,36 @@ TEST(AffineTransformScalar, PlanarLimitsUseTheAreaSize)
     }
 }
 
+// The companions add a position's terms as the main pass does, m0 x + (m1 y + m2). With this
+// matrix (den 1, sy = y) 25 of the 256 blocks get another weight in the left-to-right order;
+// the luma of every block is checked against the bilinear formula at the main pass's position.
+TEST(AffineTransformScalar, PositionTermsAddedAsInTheMainPass)
+{
+    float afM[9] = {0.75f, 0.331903219f, 2.15778518f, 0, 1, 0, 0, 0, 1};
+    tagST_REGISTRATION_AREA stArea = {0, 0, 64, 16};
+    auto fnLuma = [&](const AffineFrame &src, int32_t x, int32_t y, bool bMainOrder) {
+        const float fTerm = afM[1] * (float)(y & ~1);
+        const float fSx = bMainOrder ? afM[0] * (float)(x & ~1) + (fTerm + afM[2])
+                                     : (afM[0] * (float)(x & ~1) + fTerm) + afM[2];
+        const int32_t iIx = (int32_t)fSx, iFx = (int32_t)((fSx - (float)iIx) * 128.0f);
+        const uint8_t *p = src.pic.pY + y * 64 + iIx + (x & 1);
+        return (((p[0] * (128 - iFx) + p[1] * iFx + 32) >> 6) * 128 + 128) >> 8;
+    };
+    for (int32_t iType = 0; iType <= 2; iType++) {
+        AffineFrame src(64, 16, iType), dst(64, 16, iType);
+        src.Fill(99);
+        AffineTransform(&src.pic, &src.pic, &dst.pic, afM, &stArea, NULL, iType);
+        int32_t iOtherOrderDiffers = 0;
+        for (int32_t y = 0; y < 16; y++) {
+            for (int32_t x = 0; x < 64; x++) {
+                ASSERT_EQ(fnLuma(src, x, y, true), dst.pic.pY[y * 64 + x]) << "x " << x << " y " << y << " type " << iType;
+                iOtherOrderDiffers += fnLuma(src, x, y, true) != fnLuma(src, x, y, false);
+            }
+        }
+        EXPECT_GT(iOtherOrderDiffers, 0) << "the matrix must tell the two orders apart";
+    }
+}
+
 // The scalar companions clamp like the vector kernels: no read leaves the exact-size frames on
 // any out-of-frame matrix, and far right of the frame the semi-planar companion repeats the last
 // two columns.

@@ -214,9 +214,10 @@ int main(int argc, char **argv)
     std::vector<uint8_t> vAfter(kWidth * kHeight * 3 / 2, 0);
 
     const int iS = kWidth * kHeight;
-    tagST_PIC stSrc = {kWidth, kHeight, 0, vBefore.data(), vBefore.data() + iS, NULL};
-    tagST_PIC stDst = {kWidth, kHeight, 0, vAfter.data(), vAfter.data() + iS, NULL};
-    DistortionCorrect_neon(0, &stPara, &stSrc, &stDst);
+    // Luma, interleaved chroma and the second chroma pointer, which the semi-planar remap does not read.
+    uint8_t *const apucSrc[3] = {vBefore.data(), vBefore.data() + iS, NULL};
+    uint8_t *const apucDst[3] = {vAfter.data(), vAfter.data() + iS, NULL};
+    DistortionCorrect_neon(0, &stPara, apucSrc, apucDst);
     MemoFree(uBlock);
     vBefore.resize(kWidth * kHeight * 3 / 2);
 

@@ -21,13 +21,15 @@ namespace {
 
 TEST(MemoMalloc, UsableAreaIsAlignedWithOneToAlignmentBytesOfSlack)
 {
-    // Many sizes, kept alive together, so that the blocks land at varied addresses; with an
-    // alignment above malloc's own both aligned and unaligned blocks turn up.
+    // Varied sizes, kept alive together, so that the blocks land at varied addresses, until an
+    // aligned block (and, with an alignment above malloc's own, an unaligned one) has turned up;
+    // where they land depends on the heap, so the count is only capped.
     for (uint32_t uAlign : {1u, 2u, 8u, 16u, 64u, 256u}) {
         std::vector<uintptr_t> auBlocks;
         bool bSawAligned = false;
         bool bSawUnaligned = false;
-        for (uint32_t uSize = 1; uSize < 4000; uSize += 37) {
+        for (uint32_t i = 0; i < 20000 && !(bSawAligned && (uAlign < 64 || bSawUnaligned)); i++) {
+            const uint32_t uSize = 1 + (i * 37) % 4000;
             int32_t iOff = -1;
             const uintptr_t uBlock = MemoMalloc(uSize, uAlign, &iOff);
             ASSERT_NE(0u, uBlock);

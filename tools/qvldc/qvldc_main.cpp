@@ -14,6 +14,7 @@
 #include "config/config_schema.h"
 #include "config/xml_config.h"
 #include "interface/ldc_para.h"
+#include "qvldc_calibrate.h"
 #include "qvldc_image.h"
 #include "qvldc_linecheck.h"
 #include "qvldc_parse.h"
@@ -458,6 +459,8 @@ int main(int iArgc, char **ppcArgv)
         return RunBatch(stOpt);
     case QV_MODE_RENDER:
         return RunRender(stOpt);
+    case QV_MODE_CALIBRATE:
+        return RunCalibrate(stOpt);
     default:
         return RunFrame(stOpt);
     }

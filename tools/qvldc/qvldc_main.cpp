@@ -15,6 +15,7 @@
 #include "config/config_schema.h"
 #include "config/xml_config.h"
 #include "interface/ldc_para.h"
+#include "qvldc_calibrate.h"
 #include "qvldc_image.h"
 #include "qvldc_io.h"
 #include "qvldc_linecheck.h"
@@ -456,6 +457,9 @@ int main(int iArgc, char **ppcArgv)
             break;
         case QV_MODE_RENDER:
             iExit = RunRender(stOpt);
+            break;
+        case QV_MODE_CALIBRATE:
+            iExit = RunCalibrate(stOpt);
             break;
         default:
             iExit = RunFrame(stOpt);

@@ -45,6 +45,7 @@ typedef enum tagE_QV_MODE {
     QV_MODE_FRAME = 0,   // one frame (--in)
     QV_MODE_BATCH,       // a directory of dumped frames (--batch)
     QV_MODE_RENDER,      // the sample scene (--render-sample)
+    QV_MODE_CALIBRATE,   // a lens profile from chessboard photos (--calibrate)
     QV_MODE_HELP
 } E_QV_MODE;
 
@@ -65,6 +66,9 @@ typedef struct tagST_QV_OPTIONS {
     std::string strOverlayPng;
     std::string strOutDir;        // batch and render outputs
     int32_t bQuiet;               // keep the library's log to the summary
+    tagST_QV_SIZE stBoard;        // --calibrate: inner corners of the chessboard, columns x rows
+    double dSquare;               // --calibrate: side of a square (0: not given)
+    std::string strProfileOut;    // --calibrate: where the profile block goes
 } tagST_QV_OPTIONS;
 
 // "L,T,R,B": four integers, blanks allowed around the commas.

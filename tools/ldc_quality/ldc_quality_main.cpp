@@ -18,6 +18,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "interface/ldc_para.h"
+#include "quality_mesh.h"
 #include "quality_metrics.h"
 #include "quality_probe.h"
 #include "quality_scene.h"
@@ -50,6 +51,8 @@ typedef struct tagST_QQ_OPTIONS {
     std::vector<std::pair<int32_t, int32_t>> vstSizes = {{640, 480}, {4000, 3000}};
     std::vector<int32_t> viFovs = {60, 70, 80, 90, 100, 110, 120};
     bool bPictures = true;
+    bool bMeshLines = false;
+    float fMeshStrength = 1.0f;
 } tagST_QQ_OPTIONS;
 
 typedef struct tagST_QQ_OUTCOME {
@@ -57,6 +60,7 @@ typedef struct tagST_QQ_OUTCOME {
     std::string strRow;
     std::string strPath;
     double dMs;
+    std::string strNote;
     tagST_QM_RESULT stResult;
 } tagST_QQ_OUTCOME;
 
@@ -64,7 +68,10 @@ void Usage()
 {
     fprintf(stderr,
             "usage: ldc_quality [--out DIR] [--sizes WxH,...] [--fovs DEG,...] [--sample-config XML] [--no-pictures]\n"
-            "  Field of view 60 uses the sample configuration's lens; the others a synthetic 10 %% barrel.\n");
+            "                   [--mesh-strength S] [--mesh-lines]\n"
+            "  Field of view 60 uses the sample configuration's lens; the others a synthetic 10 %% barrel.\n"
+            "  The mesh row solves the face mesh at strength S (default 1) and renders it in float; with\n"
+            "  --mesh-lines the scene's straight lines are handed to its line term.\n");
 }
 
 bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
@@ -99,6 +106,10 @@ bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
             }
         } else if (strArg == "--no-pictures") {
             pstOpt->bPictures = false;
+        } else if (strArg == "--mesh-lines") {
+            pstOpt->bMeshLines = true;
+        } else if (strArg == "--mesh-strength" && bHasValue) {
+            pstOpt->fMeshStrength = (float)atof(argv[++i]);
         } else {
             return false;
         }
@@ -226,37 +237,94 @@ std::string Fixed(double d, int32_t iDecimals)
     return ac;
 }
 
+std::string PanelNumbers(const tagST_QM_RESULT &stR)
+{
+    return "border " + Fixed(stR.dWorstBorderRatio, 2) + "  lines " + Fixed(stR.dLinesRms, 1) + "  fov " +
+           Fixed(stR.dFovKept, 3);
+}
+
+// The mesh row: solved for the scene's faces, rendered by the float reference renderer, measured
+// through the same probe as the library's rows.
+void RunMeshRow(const tagST_QQ_OPTIONS &stOpt, const tagST_QS_SCENE &stScene, const std::vector<uint8_t> &vucFrame,
+                cv::Mat *pstPicture, tagST_QQ_OUTCOME *pstOutcome)
+{
+    const int32_t iW = stScene.stLens.iWidth, iH = stScene.stLens.iHeight;
+    pstOutcome->strScene = stScene.strName;
+    pstOutcome->strRow = stOpt.bMeshLines ? "mesh+lines" : "mesh";
+    tagST_QME_MESH stMesh;
+    SolveSceneMesh(stScene, stOpt.fMeshStrength, stOpt.bMeshLines, &stMesh);
+    pstOutcome->strPath = stMesh.iStatus == LDC_MESH_OK ? "mesh" : "refused";
+    pstOutcome->dMs = stMesh.dColdMs;
+    pstOutcome->strNote = "cold " + std::to_string(stMesh.stColdStats.iIterations) + " it, strength " +
+                          Fixed(stMesh.stColdStats.fStrength, 2) + "; warm " +
+                          std::to_string(stMesh.stWarmStats.iIterations) + " it " + Fixed(stMesh.dWarmMs, 2) + " ms";
+    const QualityRenderer fnRender = MeshRenderer(stMesh, iW, iH);
+    std::vector<uint8_t> vucOut(vucFrame.size());
+    fnRender(vucFrame.data(), vucOut.data());
+    *pstPicture = Nv21ToBgr(vucOut, iW, iH);
+    tagST_QP_MAP stSource, stCorrected;
+    ProbeSourceMap(iW, iH, fnRender, &stSource);
+    CorrectedMap(stScene.stLens, stSource, &stCorrected);
+    MeasureCorrectedMap(stScene, stCorrected, &pstOutcome->stResult);
+}
+
 void PrintTable(std::ostream &stOut, const std::vector<tagST_QQ_OUTCOME> &vstOutcomes)
 {
     char acLine[256];
-    snprintf(acLine, sizeof(acLine), "%-20s %-11s %-7s %7s %7s %7s %7s %7s %6s %6s %4s %8s\n", "scene", "row", "path",
-             "border", "centre", "lines", "far", "worst", "n/far", "fov", "cut", "ms");
+    snprintf(acLine, sizeof(acLine), "%-20s %-11s %-7s %7s %7s %7s %7s %7s %6s %6s %6s %4s %8s  %s\n", "scene",
+             "row", "path", "border", "centre", "lines", "far", "worst", "n/far", "fov", "magn", "cut", "ms", "note");
     stOut << acLine;
     for (const tagST_QQ_OUTCOME &stO : vstOutcomes) {
         const tagST_QM_RESULT &stR = stO.stResult;
         const std::string strCount = std::to_string(stR.iLines) + "/" + std::to_string(stR.iFarLines);
-        snprintf(acLine, sizeof(acLine), "%-20s %-11s %-7s %7.3f %7.3f %7.2f %7.2f %7.2f %6s %6.3f %4d %8.1f\n",
-                 stO.strScene.c_str(), stO.strRow.c_str(), stO.strPath.c_str(), stR.dWorstBorderRatio, stR.dCentreRatio,
-                 stR.dLinesRms, stR.dFarLinesRms, stR.dWorstLineRms, strCount.c_str(), stR.dFovKept, stR.iCut, stO.dMs);
+        snprintf(acLine, sizeof(acLine),
+                 "%-20s %-11s %-7s %7.3f %7.3f %7.2f %7.2f %7.2f %6s %6.3f %6.2f %4d %8.1f  %s\n", stO.strScene.c_str(), stO.strRow.c_str(), stO.strPath.c_str(), stR.dWorstBorderRatio, stR.dCentreRatio,
+                 stR.dLinesRms, stR.dFarLinesRms, stR.dWorstLineRms, strCount.c_str(), stR.dFovKept, stR.dMagnification,
+                 stR.iCut, stO.dMs, stO.strNote.c_str());
         stOut << acLine;
     }
     stOut << "border/centre: axis ratio of the imaged sphere (worst face away from the centre; 1 = round). "
              "lines/far/worst: RMS distance from straight in px per 1000 px of width (all lines, lines beyond two "
-             "face radii, worst line). fov: scene width/height kept relative to lens only. cut: faces touching the "
-             "border.\n";
+             "face radii, worst line). fov: scene width/height kept relative to lens only. magn: largest local "
+             "magnification of the scene against lens only. cut: faces touching the border. ms: the library's "
+             "frame (one run), the mesh's solve from zero.\n";
+}
+
+typedef struct tagST_QQ_STEADY {
+    std::string strScene;
+    tagST_QME_TEMPORAL stTemporal;
+} tagST_QQ_STEADY;
+
+void PrintTemporal(std::ostream &stOut, const std::vector<tagST_QQ_STEADY> &vstSteady)
+{
+    char acLine[256];
+    snprintf(acLine, sizeof(acLine), "%-20s %10s %10s %10s %7s %10s %7s %10s\n", "scene", "jitter raw", "tracked",
+             "cut in", "frames", "cut out", "frames", "walking");
+    stOut << acLine;
+    for (const tagST_QQ_STEADY &stS : vstSteady) {
+        const tagST_QME_TEMPORAL &stT = stS.stTemporal;
+        snprintf(acLine, sizeof(acLine), "%-20s %10.2f %10.2f %10.2f %7d %10.2f %7d %10.2f\n", stS.strScene.c_str(),
+                 stT.dJitterRaw, stT.dJitterTracked, stT.dCutInStep, stT.iCutInFrames, stT.dCutOutStep,
+                 stT.iCutOutFrames, stT.dMovingStep);
+        stOut << acLine;
+    }
+    stOut << "Largest frame-to-frame step of any output pixel of the mesh, in pixels: faces jittering by +-3 "
+             "pixels fed straight in and through the face track; faces appearing and vanishing at a cut (frames "
+             "until every step is below 0.05 pixels); the border face walking 10 pixels a frame.\n";
 }
 
 void WriteCsv(const std::string &strPath, const std::vector<tagST_QQ_OUTCOME> &vstOutcomes)
 {
     std::ofstream stCsv(strPath);
     stCsv << "scene,row,path,worst_border_ratio,centre_ratio,lines_rms_per_1000,far_lines_rms_per_1000,"
-             "worst_line_rms_per_1000,lines,far_lines,fov_kept,faces_cut,ms,face_ratios\n";
+             "worst_line_rms_per_1000,lines,far_lines,fov_kept,magnification,faces_cut,ms,note,face_ratios\n";
     for (const tagST_QQ_OUTCOME &stO : vstOutcomes) {
         const tagST_QM_RESULT &stR = stO.stResult;
         stCsv << stO.strScene << "," << stO.strRow << "," << stO.strPath << "," << Fixed(stR.dWorstBorderRatio, 4)
               << "," << Fixed(stR.dCentreRatio, 4) << "," << Fixed(stR.dLinesRms, 3) << "," << Fixed(stR.dFarLinesRms, 3)
               << "," << Fixed(stR.dWorstLineRms, 3) << "," << stR.iLines << "," << stR.iFarLines << ","
-              << Fixed(stR.dFovKept, 4) << "," << stR.iCut << "," << Fixed(stO.dMs, 1) << ",";
+              << Fixed(stR.dFovKept, 4) << "," << Fixed(stR.dMagnification, 3) << "," << stR.iCut << ","
+              << Fixed(stO.dMs, 1) << "," << stO.strNote << ",";
         for (size_t i = 0; i < stR.vstFaces.size(); i++) {
             stCsv << (i ? " " : "") << Fixed(stR.vstFaces[i].dAxisRatio, 4);
         }
@@ -290,6 +358,7 @@ int main(int argc, char **argv)
     mkdir((stOpt.strOut + "/configs").c_str(), 0755);
     std::ofstream stReport = OpenReportStream();
     std::vector<tagST_QQ_OUTCOME> vstOutcomes;
+    std::vector<tagST_QQ_STEADY> vstSteady;
     for (const auto &stSize : stOpt.vstSizes) {
         for (int32_t iFov : stOpt.viFovs) {
             tagST_QS_LENS stLens;
@@ -322,10 +391,19 @@ int main(int argc, char **argv)
                 CorrectedMap(stLens, stSource, &stCorrected);
                 MeasureCorrectedMap(stScene, stCorrected, &stOutcome.stResult);
                 vstOutcomes.push_back(stOutcome);
-                const tagST_QM_RESULT &stR = stOutcome.stResult;
                 vstPanels.push_back(Panel(stPicture, std::string(stRow.pcName) + " (" + stOutcome.strPath + ")",
-                                          "border " + Fixed(stR.dWorstBorderRatio, 2) + "  lines " +
-                                              Fixed(stR.dLinesRms, 1) + "  fov " + Fixed(stR.dFovKept, 3)));
+                                          PanelNumbers(stOutcome.stResult)));
+            }
+            {
+                tagST_QQ_OUTCOME stOutcome;
+                cv::Mat stPicture;
+                RunMeshRow(stOpt, stScene, vucFrame, &stPicture, &stOutcome);
+                vstOutcomes.push_back(stOutcome);
+                vstPanels.push_back(Panel(stPicture, stOutcome.strRow, PanelNumbers(stOutcome.stResult)));
+                tagST_QQ_STEADY stSteady;
+                stSteady.strScene = stScene.strName;
+                MeasureTemporal(stScene, stOpt.fMeshStrength, &stSteady.stTemporal);
+                vstSteady.push_back(stSteady);
             }
             if (stOpt.bPictures) {
                 cv::Mat stSideBySide;
@@ -338,6 +416,8 @@ int main(int argc, char **argv)
         }
     }
     PrintTable(stReport, vstOutcomes);
+    stReport << "\n";
+    PrintTemporal(stReport, vstSteady);
     WriteCsv(stOpt.strOut + "/quality.csv", vstOutcomes);
     return 0;
 }

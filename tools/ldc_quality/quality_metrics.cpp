@@ -271,6 +271,31 @@ double MeanExtent(const tagST_QP_MAP &stMap, bool bRows)
     return iCount ? dSum / iCount : 0.0;
 }
 
+// 1 / (smallest singular value) of the map's Jacobian, from differences over four pixels (the
+// corrections evaluate their positions per 2 x 2 block); the largest over the frame.
+double LargestMagnification(const tagST_QP_MAP &stMap)
+{
+    const int32_t iW = stMap.iWidth, iH = stMap.iHeight, iD = 2;
+    double dMax = 0;
+    for (int32_t y = iD; y < iH - iD; y++) {
+        for (int32_t x = iD; x < iW - iD; x++) {
+            const size_t i = (size_t)y * iW + x;
+            const double dAx = (stMap.vfX[i + iD] - stMap.vfX[i - iD]) / (2.0 * iD);
+            const double dAy = (stMap.vfY[i + iD] - stMap.vfY[i - iD]) / (2.0 * iD);
+            const double dBx = (stMap.vfX[i + iD * iW] - stMap.vfX[i - iD * iW]) / (2.0 * iD);
+            const double dBy = (stMap.vfY[i + iD * iW] - stMap.vfY[i - iD * iW]) / (2.0 * iD);
+            if (std::isnan(dAx + dAy + dBx + dBy)) {
+                continue;
+            }
+            // Singular values of [[dAx, dBx], [dAy, dBy]]: sqrt of the eigenvalues of J^T J.
+            const double dP = dAx * dAx + dAy * dAy, dQ = dBx * dBx + dBy * dBy, dR = dAx * dBx + dAy * dBy;
+            const double dMin = 0.5 * (dP + dQ) - sqrt(0.25 * (dP - dQ) * (dP - dQ) + dR * dR);
+            dMax = std::max(dMax, dMin > 1e-12 ? 1.0 / sqrt(dMin) : 1e6);
+        }
+    }
+    return dMax;
+}
+
 }  // namespace
 
 void CorrectedMap(const tagST_QS_LENS &stLens, const tagST_QP_MAP &stSource, tagST_QP_MAP *pstCorrected)
@@ -363,5 +388,6 @@ void MeasureCorrectedMap(const tagST_QS_SCENE &stScene, const tagST_QP_MAP &stMa
     pstResult->dFarLinesRms = uFar ? sqrt(dSumFar / uFar) * dPerMille : 0.0;
     pstResult->dWorstLineRms = dWorst * dPerMille;
 
+    pstResult->dMagnification = LargestMagnification(stMap);
     pstResult->dFovKept = std::min(MeanExtent(stMap, true) / (iW - 1), MeanExtent(stMap, false) / (iH - 1));
 }

@@ -32,6 +32,10 @@ typedef struct tagST_QM_RESULT {
     // Covered width and height of the scene (per row the corrected x of the last valid pixel minus
     // that of the first, averaged; likewise columns) relative to the lens-only frame; the smaller.
     double dFovKept;
+    // Largest local magnification of the scene against lens-only correction: over the output
+    // pixels, 1 / (smallest singular value of the map's Jacobian). A strip squeezed between a face
+    // and the frame's edge shows up here; conformal faces (stretched one way only) do not.
+    double dMagnification;
 } tagST_QM_RESULT;
 
 // Corrected points of a source map. NaN marks a position without preimage under the lens and a

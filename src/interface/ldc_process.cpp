@@ -8,11 +8,12 @@
 #include "geometry/distortion_correct.h"
 #include "geometry/homography.h"
 #include "interface/diagnostics.h"
-#include "interface/ldc_para.h"
 #include "interface/ldc_process.h"
 #include "linedetect/line_detect.h"
 #include "platform/neon.h"
 #include "platform/platform.h"
+#include "records/ldc_para.h"
+#include "records/work_buffer.h"
 #include "warp/affine_transform.h"
 #include "warp/fill_blank.h"
 
@@ -297,7 +298,7 @@ static void RemapAndWarp(tagST_LDC_PARA *pstPara, tagST_PIC *pstIn, tagST_PIC *p
 {
     const int32_t iW = pstPara->iImgWidth;
     const int32_t iH = pstPara->iImgHeight;
-    uint8_t *pucScratch = pstPara->pucWorkBuf + (size_t)iW * iH * 3 / 2;
+    uint8_t *pucScratch = pstPara->pucWorkBuf + LDC_WORK_SCRATCH_OFFSET(iW, iH);
     PrepareIntermediate(pstPara, pstIn, pstInter);
     uint8_t *const apucIn[3] = {pstIn->pY, pstIn->pU, pstIn->pV};
     uint8_t *const apucInter[3] = {pstInter->pY, pstInter->pU, pstInter->pV};
@@ -425,7 +426,7 @@ int32_t IQV_LDC_Process(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo, ui
     if (!bGlobal && pstPara->iFDCEnable == 1) {
         float afH[9];
         (void)memcpy_s(afH, sizeof(afH), s_afIdentity, sizeof(s_afIdentity));
-        if (FitFaceHomography(pstPara, afH, pstPara->pucWorkBuf + uFrameBytes)) {
+        if (FitFaceHomography(pstPara, afH, pstPara->pucWorkBuf + LDC_WORK_SCRATCH_OFFSET(iW, iH))) {
             MtrxAB3(afMatrix, afH, afMatrix);
             pstPara->iLDCEnable = 1;
             bWarp = 1;

@@ -4,7 +4,7 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 
 // Plane pointers of a width x height frame at pucBase in the picture type's layout. For the
 // semi-planar types pU is the start of the interleaved plane whichever byte of a pair is U.

@@ -6,22 +6,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "records/lines.h"
 #include "vkt_zb_ldc.h"   // LDC_EXPORT
 
-#define LDC_HOUGH_MAX_LINES 1000   // room for line records supplied by the caller
 #define LDC_HOUGH_THETA_NUM 180    // whole degrees 0..179
-
-typedef struct stPoint {
-    int32_t x;   // column
-    int32_t y;   // row
-} stPoint;
-
-typedef struct stLine {
-    int32_t rho;     // floor(x cos(theta) + y sin(theta)) in Q15 arithmetic; may be negative
-    int32_t theta;   // degrees, 0..179
-    stPoint Pnt0;    // where the run began
-    stPoint Pnt1;    // first empty pixel after the run
-} stLine;
 
 // Argument record of the voting step. The accumulator has LDC_HOUGH_THETA_NUM + 2 rows of
 // 2 * iRhoMax + 3 counters: row t + 1 is angle t, column iRhoMax + 1 + rho; the outer rows and

@@ -1,11 +1,6 @@
 // Line check driver: downscale, edge map, Hough segments, joining of collinear pieces, length
 // and coverage tests, then a bend or classifier verdict per line, first failure ends the check.
-//
-// Working buffer, from its start (w x h = downscaled size):
-//   0                 LDC_LD_MAX_LINES stLine records (Hough output, compacted in place)
-//   24000             downscaled image, later the edge map
-//   24000 + w*h       Sobel output, then the Hough scratch (trig table, point list, accumulator,
-//                     run map); after detection its first bytes are the lines' alive flags.
+// It works in the first part of the working buffer's layout (records/work_buffer.h).
 #include "linedetect/line_detect.h"
 
 #include <math.h>
@@ -13,10 +8,12 @@
 
 #include "boundscheck/bounds_check.h"
 #include "linedetect/downscale.h"
+#include "linedetect/hough.h"
 #include "linedetect/line_bend.h"
 #include "linedetect/sobel.h"
 #include "linedetect/svm.h"
 #include "platform/neon.h"
+#include "records/work_buffer.h"
 
 // The downscale factor changes only when both sides are larger than this.
 static const int32_t kSmallSideLimit = 640;
@@ -31,7 +28,7 @@ uint32_t LineDetectWorkSize(int32_t iWidth, int32_t iHeight)
     const int32_t iFactor = LineDetectFactor(iWidth, iHeight);
     const int32_t iW = iWidth / iFactor;
     const int32_t iH = iHeight / iFactor;
-    return (uint32_t)LDC_LD_IMAGE_OFFSET + (uint32_t)(iW * iH) + (uint32_t)HoughScratchSize(iW, iH);
+    return (uint32_t)(LDC_WORK_LINE_SCRATCH_OFFSET(iW, iH) + HoughScratchSize(iW, iH));
 }
 
 // Rounded length of a segment; the root in double precision.
@@ -161,8 +158,8 @@ int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
         return 0;   // cannot check: leave the global correction out (checked before any write)
     }
     stLine *pstLines = (stLine *)pucBuf;
-    uint8_t *pucImage = pucBuf + LDC_LD_IMAGE_OFFSET;
-    uint8_t *pucScratch = pucImage + iW * iH;
+    uint8_t *pucImage = pucBuf + LDC_WORK_LINE_IMAGE_OFFSET;
+    uint8_t *pucScratch = pucBuf + LDC_WORK_LINE_SCRATCH_OFFSET(iW, iH);
 
     DownScaleData_NEON(pucLuma, iFactor, iWidth, iHeight, pucImage);
     CalcSobel_NEON(pucImage, pucScratch, iW, iH, pstPara->iBinarizationThresh);

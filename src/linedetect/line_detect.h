@@ -5,12 +5,10 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
-#include "linedetect/hough.h"   // stLine
+#include "records/ldc_para.h"
+#include "records/lines.h"
 #include "vkt_zb_ldc.h"
 
-#define LDC_LD_MAX_LINES 1000                                         // Hough output records
-#define LDC_LD_IMAGE_OFFSET (LDC_LD_MAX_LINES * (int32_t)sizeof(stLine))   // 24000
 #define LDC_LD_JOIN_THETA 2        // pieces up to this many degrees apart may be joined
 #define LDC_LD_JOIN_DISTANCE 2     // largest distance in pixels of a joined piece's inner end
 
@@ -36,8 +34,9 @@ int32_t LineDetectFactor(int32_t iWidth, int32_t iHeight);
 int32_t JoinDetectedLines(stLine *pstLines, int32_t iCount, uint8_t *pucAlive, float fConnectRatio,
                           int32_t iMinLength);
 
-// Bytes of working buffer LineDetect uses for a frame of iWidth x iHeight:
-// 25440 + 6wh + 728 (2R + 3) with w, h the downscaled size and R the Hough rho bound.
+// Bytes of working buffer LineDetect uses for a frame of iWidth x iHeight (the first part of the
+// layout in records/work_buffer.h): 25440 + 6wh + 728 (2R + 3) with w, h the downscaled size and
+// R the Hough rho bound.
 uint32_t LineDetectWorkSize(int32_t iWidth, int32_t iHeight);
 
 #endif

@@ -15,8 +15,8 @@
 
 #include "geometry/distortion_correct.h"
 #include "geometry/homography.h"
-#include "interface/ldc_para.h"
 #include "interface/ldc_process.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 #include "warp/fill_blank.h"

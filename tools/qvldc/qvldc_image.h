@@ -9,9 +9,9 @@
 
 #include <opencv2/core.hpp>
 
-#include "interface/ldc_para.h"
 #include "qvldc_linecheck.h"
 #include "qvldc_parse.h"
+#include "records/ldc_para.h"
 
 // One frame in a library picture type.
 typedef struct tagST_QV_FRAME {

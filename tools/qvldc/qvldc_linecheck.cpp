@@ -6,6 +6,7 @@
 #include "linedetect/line_detect.h"
 #include "linedetect/sobel.h"
 #include "platform/neon.h"
+#include "records/work_buffer.h"
 
 int32_t LineCheckRan(const tagST_LDC_PARA *pstPara)
 {
@@ -39,7 +40,7 @@ void ReplayLineCheck(const tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagS
     const int32_t iH = iHeight / iFactor;
     std::vector<uint8_t> vucBuf(LineDetectWorkSize(iWidth, iHeight));
     stLine *pstLines = (stLine *)vucBuf.data();
-    uint8_t *pucImage = vucBuf.data() + LDC_LD_IMAGE_OFFSET;
+    uint8_t *pucImage = vucBuf.data() + LDC_WORK_LINE_IMAGE_OFFSET;
     uint8_t *pucScratch = pucImage + (size_t)iW * iH;
 
     // LineDetect does not say how many lines it kept: the same stages, run here first, do.

@@ -6,8 +6,8 @@
 
 #include <vector>
 
-#include "interface/ldc_para.h"
 #include "linedetect/hough.h"
+#include "records/ldc_para.h"
 
 typedef enum tagE_QV_LINE_STATE {
     QV_LINE_STRAIGHT = 0,   // judged and passed

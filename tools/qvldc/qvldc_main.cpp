@@ -14,13 +14,13 @@
 
 #include "config/config_schema.h"
 #include "config/xml_config.h"
-#include "interface/ldc_para.h"
 #include "qvldc_calibrate.h"
 #include "qvldc_image.h"
 #include "qvldc_io.h"
 #include "qvldc_linecheck.h"
 #include "qvldc_parse.h"
 #include "qvldc_sample.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
 namespace {

@@ -1,12 +1,12 @@
 // The instance record (its address is the caller's handle) and the picture descriptor that
 // every stage of the pipeline shares.
-#ifndef LDC_INTERFACE_LDC_PARA_H
-#define LDC_INTERFACE_LDC_PARA_H
+#ifndef LDC_RECORDS_LDC_PARA_H
+#define LDC_RECORDS_LDC_PARA_H
 
 #include <stdint.h>
 
+#include "records/svm_model.h"
 #include "vkt_zb_ldc.h"
-#include "linedetect/svm_model.h"
 
 #define LDC_CFG_PATH_LEN 256
 

@@ -24,6 +24,7 @@
 
 #include <stddef.h>
 
+#include "records/ldc_para.h"
 #include "records/lines.h"
 
 #define LDC_WORKBUF_ALIGN 16   // every stage's scratch starts on a NEON-friendly boundary
@@ -32,7 +33,7 @@
 // the homography fit take.
 #define LDC_WORKBUF_RESERVE 1760224
 
-#define LDC_WORK_SCRATCH_OFFSET(iWidth, iHeight) ((size_t)(iWidth) * (size_t)(iHeight) * 3 / 2)
+#define LDC_WORK_SCRATCH_OFFSET(iWidth, iHeight) LdcFrameBytes(iWidth, iHeight)
 
 #define LDC_WORK_LINE_IMAGE_OFFSET (LDC_HOUGH_MAX_LINES * sizeof(stLine))   // 24000
 #define LDC_WORK_LINE_SCRATCH_OFFSET(iW, iH) (LDC_WORK_LINE_IMAGE_OFFSET + (size_t)(iW) * (size_t)(iH))

@@ -12,7 +12,7 @@
 #include "records/lines.h"
 #include "vkt_zb_ldc.h"
 
-#define LDC_PLAN_MAX_LINES 64   // kept lines of the line check that a plan holds
+#define LDC_PLAN_MAX_LINES 128   // kept lines of the line check that a plan holds
 
 typedef enum tagE_LDC_PATH {
     LDC_PATH_COPY = 0,   // nothing applies: the output is a byte copy of the input

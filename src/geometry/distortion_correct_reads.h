@@ -19,8 +19,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
 #include "platform/neon.h"
+#include "records/ldc_para.h"
 
 // Extent of one source frame block as the kernels address it.
 typedef struct tagST_SRC_BLOCK {

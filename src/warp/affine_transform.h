@@ -29,7 +29,7 @@
 #include <stdint.h>
 
 #include "geometry/distortion_correct_reads.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 
 // Output rectangle; all four values must be even.
 typedef struct tagST_REGISTRATION_AREA {

@@ -17,7 +17,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "quality_mesh.h"
 #include "quality_metrics.h"
 #include "quality_probe.h"

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <random>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "config/config_schema.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 
 namespace {
 

@@ -20,6 +20,7 @@
 #include "qvldc_io.h"
 #include "qvldc_parse.h"
 #include "qvldc_sample.h"
+#include "qvldc_view.h"
 #include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
@@ -118,6 +119,7 @@ struct FrameResult {
     tagST_LDC_PARA stPara = {};   // the instance's decision fields after the frame
     tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame
     std::string strPath;          // which way the frame went and why, in words
+    tagST_QV_VIEW stView;         // what the output shows of the input
 };
 
 std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_QV_FRAME &stFrame,
@@ -153,6 +155,9 @@ std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_
              stPara.aiGlobalFDCArea[0], stPara.aiGlobalFDCArea[1], stPara.aiGlobalFDCArea[2],
              stPara.aiGlobalFDCArea[3]);
     vstrLines.push_back(acLine);
+    for (const std::string &strLine : ViewLines(stResult.stView)) {
+        vstrLines.push_back(strLine);
+    }
     return vstrLines;
 }
 
@@ -171,6 +176,7 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     stResult.iTimeMs = LibraryTimeMs(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
     stResult.strPath = DescribePlanPath(stResult.stPlan, stResult.stPara);
+    MeasureView(stResult.stPlan, stResult.stPara, &stResult.stView);
     return stResult;
 }
 

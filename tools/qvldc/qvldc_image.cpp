@@ -149,6 +149,25 @@ bool SavePng(const std::string &strPath, const cv::Mat &stBgr)
     }
 }
 
+cv::Mat ScaledToWidth(const cv::Mat &stBgr, int32_t iWidth)
+{
+    if (iWidth <= 0 || iWidth >= stBgr.cols) {
+        return stBgr;
+    }
+    cv::Mat stSmall;
+    const double dScale = (double)iWidth / stBgr.cols;
+    cv::resize(stBgr, stSmall, cv::Size(iWidth, std::max(1, (int32_t)lround(stBgr.rows * dScale))), 0, 0,
+               cv::INTER_AREA);
+    return stSmall;
+}
+
+std::vector<uint8_t> ThumbnailJpeg(const cv::Mat &stBgr)
+{
+    std::vector<uint8_t> vucJpeg;
+    cv::imencode(".jpg", ScaledToWidth(stBgr, 320), vucJpeg, {cv::IMWRITE_JPEG_QUALITY, 80});
+    return vucJpeg;
+}
+
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError)
 {

@@ -216,6 +216,8 @@ void MeasureView(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara, tag
     }
     double adInv[9];
     const bool bInvertible = Invert3(adM, adInv);
+    pstView->fOutWidth = (float)iW;
+    pstView->fOutHeight = (float)iH;
     pstView->fZoom = CentreZoom(adM, iW, iH);
     float afEnd[4];
     OutputToInput(stPlan, stPara, 0.0f, (float)(iH >> 1), 1, &afEnd[0], &afEnd[1]);
@@ -271,7 +273,13 @@ std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView)
     if (stView.vstFaces.empty()) {
         strFaces += "none valid";
     } else if (CutFaceCount(stView) == 0) {
-        strFaces += "all " + std::to_string(stView.vstFaces.size()) + " inside";
+        float fMargin = INFINITY;
+        for (const tagST_QV_FACE_VIEW &stFace : stView.vstFaces) {
+            fMargin = std::min({fMargin, stFace.afBox[QV_LEFT], stFace.afBox[QV_TOP], stView.fOutWidth - 1 - stFace.afBox[QV_RIGHT],
+                                stView.fOutHeight - 1 - stFace.afBox[QV_BOTTOM]});
+        }
+        strFaces += "all " + std::to_string(stView.vstFaces.size()) + " inside, the closest " +
+                    std::to_string((int32_t)fMargin) + " px from an edge";
     } else {
         static const char *const apcSide[4] = {"left", "top", "right", "bottom"};
         strFaces += std::to_string(CutFaceCount(stView)) + " of " + std::to_string(stView.vstFaces.size()) + " cut:";

@@ -23,6 +23,8 @@ typedef struct tagST_QV_FACE_VIEW {
 } tagST_QV_FACE_VIEW;
 
 typedef struct tagST_QV_VIEW {
+    float fOutWidth;          // the frame's size
+    float fOutHeight;
     float fZoom;              // the warp's magnification at the frame centre: 1 none, above 1 in
     float afShown[2];         // the input's width and height the output spans along its centre
                               // lines, percent (the remap's stretch included)

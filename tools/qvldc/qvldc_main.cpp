@@ -425,7 +425,7 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, Ba
     return bOk;
 }
 
-// Where the batch stands: a bar on a terminal, a line per frame otherwise.
+// Where the batch stands: a bar on a terminal; otherwise each frame's line ends with it.
 struct Progress {
     bool bTerminal;
     int32_t iColumns;
@@ -442,8 +442,6 @@ struct Progress {
             fprintf(stderr, "%s", ProgressBar(iDone, iTotal, Seconds(), strName, iColumns).c_str());
             fflush(stderr);
             s_bProgressShown = true;
-        } else {
-            fprintf(stderr, "[%d/%d] %s\n", iDone + 1, iTotal, strName.c_str());
         }
     }
 };

@@ -409,7 +409,6 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, Ba
         stRow.strPath = stResult.strPath;
         stRow.strBendText = BendText(stResult.strLog);
         stRow.stView = stView;
-        stRow.vstrViewLines = ViewLines(stView);
         stRow.vstrLibrary = stResult.vstrLibrary;
         const std::pair<const char *, const cv::Mat *> astPictures[3] = {
             {"before", &stBefore}, {"after", &stAfter}, {"overlay", &stOverlay}};

@@ -137,11 +137,11 @@ std::vector<std::string> Warnings(const tagST_QV_REPORT_ROW &stRow)
     if (RowRefused(stRow)) {
         vstrWarn.push_back("correction refused: " + stRow.strPath);
     }
-    if (CutFaceCount(stRow.stView) > 0 && stRow.vstrViewLines.size() > 2) {
-        vstrWarn.push_back(stRow.vstrViewLines[2]);
+    if (CutFaceCount(stRow.stView) > 0) {
+        vstrWarn.push_back(FacesText(stRow.stView));
     }
-    if (WidestBorder(stRow.stView) > 0.0f && stRow.vstrViewLines.size() > 1) {
-        vstrWarn.push_back(stRow.vstrViewLines[1]);
+    if (WidestBorder(stRow.stView) > 0.0f) {
+        vstrWarn.push_back(BorderText(stRow.stView));
     }
     return vstrWarn;
 }

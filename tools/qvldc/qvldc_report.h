@@ -39,7 +39,6 @@ typedef struct tagST_QV_REPORT_ROW {
     std::string strPath;            // the path in words (DescribePlanPath)
     std::string strBendText;        // the library's words on the bending line, when one bent
     tagST_QV_VIEW stView;
-    std::vector<std::string> vstrViewLines;
     std::vector<std::string> vstrLibrary;    // the library's error lines and other output, folded
     std::vector<tagST_QV_PICTURE> vstPictures;   // before, after, overlay (a further method adds one)
 } tagST_QV_REPORT_ROW;

@@ -250,32 +250,39 @@ int32_t CutFaceCount(const tagST_QV_VIEW &stView)
                                   [](const tagST_QV_FACE_VIEW &stFace) { return stFace.bCut != 0; });
 }
 
-std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView)
+std::string ZoomText(const tagST_QV_VIEW &stView)
 {
-    std::vector<std::string> vstrLines;
-    char acLine[512];
+    char acLine[256];
     snprintf(acLine, sizeof(acLine),
-             "zoom at the frame centre: %.3fx; the output spans %.1f%% of the input's width and %.1f%% of its "
-             "height",
+             "zoom at the frame centre: %.3fx; the output spans %.1f%% of the input's width and %.1f%% of its height",
              (double)stView.fZoom, (double)stView.afShown[0], (double)stView.afShown[1]);
-    vstrLines.push_back(acLine);
-    if (WidestBorder(stView) > 0.0f) {
-        snprintf(acLine, sizeof(acLine),
-                 "edge repeated where the warp ran out of source: left %.1f%% and right %.1f%% of the width, "
-                 "top %.1f%% and bottom %.1f%% of the height (%.1f%% of the frame)",
-                 (double)stView.afBorder[QV_LEFT], (double)stView.afBorder[QV_RIGHT], (double)stView.afBorder[QV_TOP],
-                 (double)stView.afBorder[QV_BOTTOM], (double)stView.fBorderArea);
-    } else {
-        snprintf(acLine, sizeof(acLine), "edge repeated where the warp ran out of source: nowhere");
+    return acLine;
+}
+
+std::string BorderText(const tagST_QV_VIEW &stView)
+{
+    if (!(WidestBorder(stView) > 0.0f)) {
+        return "edge repeated where the warp ran out of source: nowhere";
     }
-    vstrLines.push_back(acLine);
+    char acLine[320];
+    snprintf(acLine, sizeof(acLine),
+             "edge repeated where the warp ran out of source: left %.1f%% and right %.1f%% of the width, "
+             "top %.1f%% and bottom %.1f%% of the height (%.1f%% of the frame)",
+             (double)stView.afBorder[QV_LEFT], (double)stView.afBorder[QV_RIGHT], (double)stView.afBorder[QV_TOP],
+             (double)stView.afBorder[QV_BOTTOM], (double)stView.fBorderArea);
+    return acLine;
+}
+
+std::string FacesText(const tagST_QV_VIEW &stView)
+{
     std::string strFaces = "faces in the output: ";
     if (stView.vstFaces.empty()) {
         strFaces += "none valid";
     } else if (CutFaceCount(stView) == 0) {
         float fMargin = INFINITY;
         for (const tagST_QV_FACE_VIEW &stFace : stView.vstFaces) {
-            fMargin = std::min({fMargin, stFace.afBox[QV_LEFT], stFace.afBox[QV_TOP], stView.fOutWidth - 1 - stFace.afBox[QV_RIGHT],
+            fMargin = std::min({fMargin, stFace.afBox[QV_LEFT], stFace.afBox[QV_TOP],
+                                stView.fOutWidth - 1 - stFace.afBox[QV_RIGHT],
                                 stView.fOutHeight - 1 - stFace.afBox[QV_BOTTOM]});
         }
         strFaces += "all " + std::to_string(stView.vstFaces.size()) + " inside, the closest " +
@@ -288,7 +295,6 @@ std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView)
             if (!stFace.bCut) {
                 continue;
             }
-            strFaces += " face " + std::to_string(i + 1);
             std::string strSides;
             for (int32_t k = 0; k < 4; k++) {
                 if (stFace.aiCut[k] > 0) {
@@ -296,11 +302,14 @@ std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView)
                                 " px past the " + apcSide[k];
                 }
             }
-            strFaces += strSides.empty() ? " (not shown)" : strSides;
-            strFaces += ";";
+            strFaces += " face " + std::to_string(i + 1) + (strSides.empty() ? " (not placed)" : strSides) + ";";
         }
         strFaces.pop_back();
     }
-    vstrLines.push_back(strFaces + " (widened faces)");
-    return vstrLines;
+    return strFaces + " (widened faces)";
+}
+
+std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView)
+{
+    return {ZoomText(stView), BorderText(stView), FacesText(stView)};
 }

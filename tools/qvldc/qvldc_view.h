@@ -45,7 +45,11 @@ void OutputToInput(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara, f
 // Measures the frame whose plan and instance fields (after the frame) are given.
 void MeasureView(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara, tagST_QV_VIEW *pstView);
 
-// The view in words, one line each: zoom, the edge-repeating border, the faces.
+// The view in words: the zoom and span, the edge-repeating border, the faces; ViewLines gives
+// the three in that order.
+std::string ZoomText(const tagST_QV_VIEW &stView);
+std::string BorderText(const tagST_QV_VIEW &stView);
+std::string FacesText(const tagST_QV_VIEW &stView);
 std::vector<std::string> ViewLines(const tagST_QV_VIEW &stView);
 
 // The deepest edge-repeating band, percent of the side it runs along.

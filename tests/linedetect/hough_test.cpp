@@ -63,20 +63,16 @@ struct Detection {
 
 using Lines = std::vector<std::vector<int32_t>>;
 
-TEST(Hough, NoEdgesGiveNoLinesAndAZeroAccumulator)
+// Every detection runs on scratch full of garbage (0xA5): votes added to counters left uncleared
+// stay far below any minimum, and a run map left uncleared closes no run, so the segment tests
+// below fail unless the detector clears what it uses. The trig table holds Q15 of a
+// single-precision degree, truncated: angle 90 is (0, 32767), which puts row 15 on rho 14 below.
+TEST(Hough, NoEdgesGiveNoLines)
 {
     EXPECT_EQ(HoughRhoMax(1, 1), 1);   // sqrt(2.5): the half is added under the root
     Detection d(EdgeMap{50, 40, std::vector<uint8_t>(50 * 40, 0)}, 0, 1);
     EXPECT_EQ(d.iCount, 0);
     EXPECT_EQ(d.lines[0].theta, -7);
-    const size_t uAccumAndRunMap = (size_t)182 * (2 * HoughRhoMax(50, 40) + 3) * 4 + 50 * 40;
-    const uint8_t *pucAccum = d.scratch.data() + 1 + 1440 + 50 * 40 * 4;
-    EXPECT_EQ(std::vector<uint8_t>(pucAccum, pucAccum + uAccumAndRunMap), std::vector<uint8_t>(uAccumAndRunMap, 0));
-    // Q15 of a single-precision degree, truncated: angle 0 is (32768, 0), angle 90 (0, 32767).
-    int32_t aiTrig[4];
-    memcpy(aiTrig, d.scratch.data() + 1, 8);
-    memcpy(aiTrig + 2, d.scratch.data() + 1 + 90 * 8, 8);
-    EXPECT_EQ(std::vector<int32_t>(aiTrig, aiTrig + 4), (std::vector<int32_t>{32768, 0, 0, 32767}));
 }
 
 TEST(Hough, VerticalRunsAndPeakComparisons)

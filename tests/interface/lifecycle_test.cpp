@@ -17,6 +17,7 @@
 #include "config/xml_parser.h"
 #include "interface/ldc_lifecycle.h"
 #include "interface/ldc_para.h"
+#include "support/harness.h"
 #include "support/malloc_fault.h"
 #include "vkt_zb_ldc.h"
 
@@ -196,29 +197,6 @@ TEST(Lifecycle, CreateAcceptsTheLargestSizesAndEitherOrientation)
     }
 }
 
-TEST(Lifecycle, CreateRefusesUnusableConfigurations)
-{
-    const std::string strBinary = testing::TempDir() + "ldc_lifecycle_binary.xml";
-    {
-        std::ofstream stOut(strBinary, std::ios::binary | std::ios::trunc);
-        uint32_t uState = 12345;
-        for (int i = 0; i < 4096; i++) {
-            uState = uState * 1103515245u + 12345u;
-            stOut.put(static_cast<char>(uState >> 24));
-        }
-    }
-    for (const std::string &strPath : {TestConfigPath("truncated.xml"), strBinary}) {
-        CreateArgs stArgs(strPath, 640, 480);
-        void *pHandle = kUntouched;
-        const Call stCall = Create(&pHandle, &stArgs.stInput);
-        EXPECT_EQ(LDC_ERR_CONFIG, stCall.iRet) << strPath;
-        EXPECT_EQ(kUntouched, pHandle) << strPath;
-        EXPECT_EQ(kCreateHead + Params(strPath, 640, 480) + E("Image size is not supportted!") +
-                      E("Parse config file in IQV_LDC_Create is error!") + kDeleteTrace,
-                  stCall.strLog);
-    }
-}
-
 // A configuration path that blocks Create or Reset must fail the run, not hang it.
 void ConfigWatchdogExpired(int)
 {
@@ -227,7 +205,7 @@ void ConfigWatchdogExpired(int)
     _exit(1);
 }
 
-TEST(Lifecycle, HostileConfigPathsFailPromptly)
+TEST(Lifecycle, UnusableAndHostileConfigPathsFailPromptly)
 {
     const std::string strDir = testing::TempDir() + "ldc_hostile_" + std::to_string(getpid()) + "/";
     ASSERT_EQ(0, mkdir(strDir.c_str(), 0755));
@@ -245,14 +223,24 @@ TEST(Lifecycle, HostileConfigPathsFailPromptly)
     ASSERT_EQ(0, mkfifo(strFifo.c_str(), 0644));
     const std::string strSwapped = fnWrite("swapped.xml", stSample.str());
 
+    // A file of random bytes and a cut-off one parse into the empty default document, which has
+    // no profile.
+    const std::vector<uint8_t> vucNoise = ldc_test::RandomBytes(4096, 12345);
+    const std::string strNoise = fnWrite("noise.xml", std::string(vucNoise.begin(), vucNoise.end()));
+    const std::string strNoProfile = E("Image size is not supportted!");
     signal(SIGALRM, ConfigWatchdogExpired);
     alarm(30);
-    const std::pair<std::string, const char *> astCases[] = {{strFifo, "is not a regular file!"},
-                                                              {"/dev/zero", "is not a regular file!"},
-                                                              {strDir, "is not a regular file!"},
-                                                              {strDir + "missing.xml", "can't be read or is empty!"},
-                                                              {TestConfigPath("empty.xml"), "can't be read or is empty!"},
-                                                              {strOver, "is larger than 1048576 bytes!"}};
+    const std::pair<std::string, std::string> astCases[] = {
+        {strFifo, E("The config file " + strFifo + " is not a regular file!") + E("Can't load xml file!")},
+        {"/dev/zero", E("The config file /dev/zero is not a regular file!") + E("Can't load xml file!")},
+        {strDir, E("The config file " + strDir + " is not a regular file!") + E("Can't load xml file!")},
+        {strDir + "missing.xml",
+         E("The config file " + strDir + "missing.xml can't be read or is empty!") + E("Can't load xml file!")},
+        {TestConfigPath("empty.xml"),
+         E("The config file " + TestConfigPath("empty.xml") + " can't be read or is empty!") + E("Can't load xml file!")},
+        {strOver, E("The config file " + strOver + " is larger than 1048576 bytes!") + E("Can't load xml file!")},
+        {strNoise, strNoProfile},
+        {TestConfigPath("truncated.xml"), strNoProfile}};
     for (const auto &c : astCases) {
         CreateArgs stArgs(c.first, 640, 480);
         void *pHandle = kUntouched;
@@ -261,8 +249,8 @@ TEST(Lifecycle, HostileConfigPathsFailPromptly)
         const std::chrono::duration<double> tTaken = std::chrono::steady_clock::now() - tStart;
         EXPECT_EQ(LDC_ERR_CONFIG, stCall.iRet) << c.first;
         EXPECT_EQ(kUntouched, pHandle) << c.first;
-        EXPECT_EQ(kCreateHead + Params(c.first, 640, 480) + E("The config file " + c.first + " " + c.second) +
-                      E("Can't load xml file!") + E("Parse config file in IQV_LDC_Create is error!") + kDeleteTrace,
+        EXPECT_EQ(kCreateHead + Params(c.first, 640, 480) + c.second + E("Parse config file in IQV_LDC_Create is error!") +
+                      kDeleteTrace,
                   stCall.strLog);
         EXPECT_LT(tTaken.count(), 0.25) << c.first;
     }
@@ -284,7 +272,7 @@ TEST(Lifecycle, HostileConfigPathsFailPromptly)
     EXPECT_EQ(0, Delete(pHandle).iRet);
     alarm(0);
     signal(SIGALRM, SIG_DFL);
-    for (const std::string &strPath : {strAtLimit, strOver, strFifo, strSwapped}) {
+    for (const std::string &strPath : {strAtLimit, strOver, strFifo, strSwapped, strNoise}) {
         unlink(strPath.c_str());
     }
     rmdir(strDir.c_str());

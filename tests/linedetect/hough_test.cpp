@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "linedetect/hough.h"
+#include "support/harness.h"
 
 namespace {
 
@@ -32,19 +33,20 @@ double Tan(double dDegrees)
     return tan(dDegrees * M_PI / 180.0);
 }
 
-// One detection over scratch full of garbage (it must clear what it uses), optionally shifted
-// off alignment, with one record past the limit to catch overruns.
+// One detection over guarded scratch full of garbage (it must clear what it uses and stay inside
+// HoughScratchSize), optionally off alignment, with one record past the limit to catch overruns.
 struct Detection {
-    std::vector<uint8_t> scratch;
+    ldc_test::GuardedBytes scratch;
     std::vector<stLine> lines;
     int32_t iCount;
 
-    Detection(const EdgeMap &map, int32_t iMinVotes, size_t uOffset = 0)
-        : scratch(uOffset + HoughScratchSize(map.iWidth, map.iHeight), 0xA5),
+    Detection(const EdgeMap &map, int32_t iMinVotes, size_t uMisalign = 0)
+        : scratch(HoughScratchSize(map.iWidth, map.iHeight), 0xA5, uMisalign),
           lines(LDC_HOUGH_MAX_LINES + 1, stLine{-7, -7, {-7, -7}, {-7, -7}})
     {
         iCount = LineDetectionHough(map.pixels.data(), map.iWidth, map.iHeight, lines.data(), iMinVotes,
-                                    scratch.data() + uOffset);
+                                    scratch.Data());
+        EXPECT_EQ("", scratch.GuardReport());
     }
 
     // {rho, theta, x0, y0, x1, y1} of every line at iTheta.

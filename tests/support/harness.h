@@ -158,7 +158,7 @@ private:
 };
 
 // fnRun(bNeon, pucOut) runs one twin into pucOut (stLayout.uBytes prefilled with ucFill, so that
-// bytes a twin must leave alone are compared too). "" when both kept their guards and wrote the
+// bytes a twin must leave alone are compared too; a run may lay its own pattern there first). "" when both kept their guards and wrote the
 // same bytes; else what broke, the first difference reported with the plain twin as expected.
 inline std::string CompareTwins(const tagST_TEST_LAYOUT &stLayout,
                                 const std::function<void(bool bNeon, uint8_t *pucOut)> &fnRun,

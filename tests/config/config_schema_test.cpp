@@ -241,13 +241,6 @@ TEST(ConfigSchema, Refusals)
     const ParseOutcome stEighth = Parse(TestConfigPath("profile8_only.xml"), 640, 480);
     EXPECT_EQ(Refused("Image size is not supportted!"), Result(stEighth));
     EXPECT_EQ(343.0f, stEighth.stPara.afCameraMatrix[2]);
-    // A cut-off file becomes the empty default document, where no profile matches; a path the
-    // store refuses outright cannot be loaded at all (missing, empty and hostile files: the
-    // lifecycle tests).
-    const ParseOutcome stCut = Parse(TestConfigPath("truncated.xml"), 640, 480);
-    EXPECT_EQ(Refused("Image size is not supportted!"), Result(stCut));
-    EXPECT_EQ(1, stCut.stPara.iLDCFlag);
-    EXPECT_EQ(Refused("Can't load xml file!", LDC_ERR_XML_LOAD), Result(Parse("/" + std::string(255, 'a'), 640, 480)));
 }
 
 }  // namespace

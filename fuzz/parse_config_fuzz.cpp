@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "buffer_pool.h"
 #include "config/config_schema.h"
 #include "fuzz_scratch.h"
 #include "interface/ldc_para.h"
@@ -36,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t uSize)
     stPara.iImgHeight = s_aiSizes[uSize % 5][1];
     (void)ParseConfigFile(g_sPath.c_str(), &stPara);
 
+    tagST_POOL_SCOPE stPool;
     ST_LDC_INPUT_PARA stInput = {640, 480, g_sPath.c_str(), LDC_PIC_NV12};
     void *pHandle = NULL;
     if (IQV_LDC_Create(&pHandle, &stInput) == LDC_OK) {

@@ -9,18 +9,22 @@
 # flavours of one target run side by side on one corpus, each taking in what the other finds, and
 # the wall time is (number of targets) x SECONDS. A finding ends its run (the input is kept under
 # build/fuzz-artifacts/); the other runs go on.
-# Usage: scripts/fuzz.sh SECONDS   (FUZZ_JOBS, JOBS (build), BUILD_DIR override the defaults)
+# Usage: scripts/fuzz.sh SECONDS [TARGET...]   (default: every target; FUZZ_JOBS, JOBS (build),
+#        BUILD_DIR override the defaults). Corpora persist in the build tree, so runs add up.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-SECONDS_PER_RUN=${1:?usage: scripts/fuzz.sh SECONDS}
+SECONDS_PER_RUN=${1:?usage: scripts/fuzz.sh SECONDS [TARGET...]}
 FUZZ_JOBS=${FUZZ_JOBS:-$(nproc)}
 JOBS=${JOBS:-$(nproc)}
 BUILD=${BUILD_DIR:-build}
 
-targets=()
-for src in fuzz/*_fuzz.cpp; do
-  targets+=("$(basename "$src" .cpp)")
-done
+shift
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  for src in fuzz/*_fuzz.cpp; do
+    targets+=("$(basename "$src" .cpp)")
+  done
+fi
 
 # The asan flavour is configured as scripts/sanitize.sh configures its build.
 CC=clang CXX=clang++ cmake -S . -B "$BUILD/fuzz-asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "config/config_schema.h"
+#include "support/temp_file.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ const char kProfile640[] =
 // profile) to its own file; each test names its file so that the store never reuses one.
 std::string WriteConfig(const std::string &strName, const std::string &strSections, bool bWithProfile = true)
 {
-    const std::string strPath = testing::TempDir() + "ldc_schema_" + strName + ".xml";
+    const std::string strPath = TestScratchDir() + "ldc_schema_" + strName + ".xml";
     std::ofstream(strPath, std::ios::binary | std::ios::trunc)
         << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Config>\n"
         << strSections << (bWithProfile ? kProfile640 : "") << "\n</Config>\n";

@@ -23,7 +23,7 @@ TEST(XmlConfig, MissingOrBrokenFileGivesDefaults)
     XmlConfig empty;   // never loaded: every getter falls back
     EXPECT_TRUE(empty.SearchNode("/Config").isEmpty());
     EXPECT_EQ(empty.GetInteger("/Config/Global/LDCFlag", 7), 7);
-    for (const std::string &p : {testing::TempDir() + "xml_config_test_missing.xml",
+    for (const std::string &p : {TestScratchDir() + "xml_config_test_missing.xml",
                                  Write("broken.xml", "<Config></Other>"), Write("zero.xml", "")}) {
         XmlConfig cfg;
         EXPECT_EQ(cfg.LoadConfig(p.c_str()), 1) << p;
@@ -134,7 +134,7 @@ TEST(XmlConfig, SamePathIsNotReadTwice)
     EXPECT_EQ(2, fnLoad(b));   // another path replaces the document
     EXPECT_EQ(3, fnLoad(a));
     // A path that fell back to the default is not retried either.
-    const std::string late = testing::TempDir() + "xml_config_test_late.xml";
+    const std::string late = TestScratchDir() + "xml_config_test_late.xml";
     remove(late.c_str());
     EXPECT_EQ(0, fnLoad(late));
     Write("late.xml", kDecl + "<Config><V>4</V></Config>");
@@ -172,7 +172,7 @@ TEST(XmlConfig, PathLengthLimits)
         EXPECT_FALSE(cfg.GetVectorInt(nodePath(len).c_str(), &v, 1)) << len;
     }
     // File paths: 255 characters are accepted, longer ones refused with the document kept.
-    const std::string dir = testing::TempDir();
+    const std::string dir = TestScratchDir();
     EXPECT_EQ(cfg.LoadConfig((dir + std::string(255 - dir.size(), 'p')).c_str()), 1);
     EXPECT_EQ(cfg.GetInteger(nodePath(254).c_str(), 0), 0);   // missing: default document
     ASSERT_EQ(cfg.LoadConfig(file.c_str()), 1);

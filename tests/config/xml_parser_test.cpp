@@ -256,9 +256,9 @@ TEST_F(XmlParserTest, FilesEncodingAndByteOrderMark)
     // Missing and empty files give the empty node and "file not found"; what is not a regular
     // file is not read at all.
     const std::pair<std::string, XMLError> paths[] = {
-        {::testing::TempDir() + "xml_parser_test_missing.xml", eXMLErrorFileNotFound},
+        {TestScratchDir() + "xml_parser_test_missing.xml", eXMLErrorFileNotFound},
         {WriteFile("empty.xml", ""), eXMLErrorFileNotFound},
-        {::testing::TempDir(), eXMLErrorFileNotRegular}};
+        {TestScratchDir(), eXMLErrorFileNotRegular}};
     for (const auto &p : paths) {
         EXPECT_TRUE(XMLNode::parseFile(p.first.c_str(), nullptr, &res).isEmpty()) << p.first;
         EXPECT_EQ(res.error, p.second) << p.first;

@@ -20,6 +20,7 @@
 #include "support/harness.h"
 #include "support/malloc_fault.h"
 #include "vkt_zb_ldc.h"
+#include "support/temp_file.h"
 
 namespace {
 
@@ -207,7 +208,7 @@ void ConfigWatchdogExpired(int)
 
 TEST(Lifecycle, UnusableAndHostileConfigPathsFailPromptly)
 {
-    const std::string strDir = testing::TempDir() + "ldc_hostile_" + std::to_string(getpid()) + "/";
+    const std::string strDir = TestScratchDir() + "ldc_hostile_" + std::to_string(getpid()) + "/";
     ASSERT_EQ(0, mkdir(strDir.c_str(), 0755));
     std::stringstream stSample;
     stSample << std::ifstream(SamplePath(), std::ios::binary).rdbuf();
@@ -280,7 +281,7 @@ TEST(Lifecycle, UnusableAndHostileConfigPathsFailPromptly)
 
 TEST(Lifecycle, ConfigPathOfAtMost255Characters)
 {
-    const std::string strDir = testing::TempDir() + "ldc_lifecycle_long/";
+    const std::string strDir = TestScratchDir() + "ldc_lifecycle_long/";
     mkdir(strDir.c_str(), 0755);
     const std::string strPath255 = strDir + std::string(255 - strDir.size(), 'p');
     std::ofstream(strPath255, std::ios::binary | std::ios::trunc) << std::ifstream(SamplePath(), std::ios::binary).rdbuf();

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+// The library reads no configuration larger than this.
+#define QV_MAX_CONFIG_FILE_BYTES (1u << 20)
 // A face file is a few lines; anything near this is not one.
 #define QV_MAX_FACES_FILE_BYTES (1u << 20)
 // OpenCV's own face cascades are under 1 MB.

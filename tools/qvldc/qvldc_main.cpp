@@ -437,6 +437,13 @@ int main(int iArgc, char **ppcArgv)
         fprintf(stderr, "qvldc: %s\n", strError.c_str());
         return 2;
     }
+    // The library refuses such a configuration too, but a tool that guesses frame sizes from it
+    // would then blame the frame.
+    std::vector<uint8_t> vucConfig;
+    if (!stOpt.strConfig.empty() && !ReadInputFile(stOpt.strConfig, QV_MAX_CONFIG_FILE_BYTES, &vucConfig, &strError)) {
+        Refuse(stOpt.strConfig, strError);
+        return 2;
+    }
     int iExit = 0;
     try {
         switch (stOpt.eMode) {

@@ -305,7 +305,7 @@ int main(int argc, char **argv)
     {
         Capture stCapture(sDir + "/remap.log");
         OpenRegion(REGION_REMAP);
-        DistortionCorrect_neon(0, pstLensPara, &stIn.stPic, &stRemap.stPic);
+        DistortionCorrect_neon(0, pstLensPara, stIn.apucPlanes, stRemap.apucPlanes);
         CloseRegion(REGION_REMAP);
         stCapture.Finish();
     }

@@ -350,6 +350,78 @@ int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *con
                                           DistortionCorrect_NV12);
 }
 
+void DistortionMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                         const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
+{
+    (void)iFirst;
+    const tagST_RADIAL_MODEL *pstModel = (const tagST_RADIAL_MODEL *)pStage;
+    const float fDy = (float)pstRow->iY - pstModel->fCy;
+    const float fR2y = fDy * fDy;
+    for (int32_t g = 0; g < iCount; g++) {
+        float afX[4];
+        (void)memcpy_s(afX, sizeof(afX), pucColumns + (size_t)g * RESAMPLE_QUAD_BYTES, sizeof(afX));
+        for (int32_t k = 0; k < 4; k++) {
+            const float fDx = afX[k] - pstModel->fCx;
+            const float fF = RadialFactorGrouped(pstModel, fDx * fDx + fR2y);
+            pstPos[g].afX[k] = fF * fDx + pstModel->fCx;
+            pstPos[g].afY[k] = fF * fDy + pstModel->fCy;
+        }
+    }
+}
+
+void DistortionMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos)
+{
+    const tagST_RADIAL_MODEL *pstModel = (const tagST_RADIAL_MODEL *)pStage;
+    const float fDy = (float)iY - pstModel->fCy;
+    for (int32_t j = 0; j < iBlocks; j++) {
+        const float fDx = (float)(iX + 2 * j) - pstModel->fCx;
+        const float fF = RadialFactorSerial(pstModel, fDx * fDx + fDy * fDy);
+        pstPos->afX[j] = pstModel->fCx + fF * fDx;
+        pstPos->afY[j] = pstModel->fCy + fF * fDy;
+    }
+}
+
+int32_t DistortionCorrectOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                                uint8_t *const *ppucDst, int32_t bNeon)
+{
+    const int32_t iW = pstPara->iImgWidth;
+    const int32_t iH = pstPara->iImgHeight;
+    const int32_t bLens = (pstPara->iLDCEnable == 1) ? 1 : 0;
+    const int32_t *piArea = bLens ? pstPara->aiLDCArea : pstPara->aiGlobalFDCArea;
+    tagST_RADIAL_MODEL stModel;
+    GetRadialModel(pstPara, bLens, &stModel);
+    uint8_t *pucColumns = pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH);
+    const int32_t iCols = piArea[2] + 1 - piArea[0];
+    if (iCols > 0) {
+        // An empty rectangle (a collapsed valid area) has no columns.
+        ResampleFillColumns(pucColumns, piArea[0], (iCols + RESAMPLE_GROUP_COLS - 1) / RESAMPLE_GROUP_COLS);
+    }
+    tagST_RESAMPLE_JOB stJob;
+    (void)memset_s(&stJob, sizeof(stJob), 0, sizeof(stJob));
+    tagST_RESAMPLE_PLANES *pstPlanes = &stJob.stPlanes;
+    pstPlanes->pucSrcY = ppucSrc[0];
+    pstPlanes->pucSrcU = ppucSrc[1];
+    pstPlanes->pucSrcV = ppucSrc[2];
+    pstPlanes->pucDstY = ppucDst[0];
+    pstPlanes->pucDstU = ppucDst[1];
+    pstPlanes->pucDstV = ppucDst[2];
+    pstPlanes->iWidth = iW;
+    pstPlanes->iHeight = iH;
+    pstPlanes->bPlanar = iPlanar ? 1 : 0;
+    pstPlanes->iChromaRowWidth = iW;
+    stJob.iLeft = piArea[0];
+    stJob.iTop = piArea[1];
+    stJob.iCols = iCols;
+    stJob.iRows = piArea[3] + 1 - piArea[1];
+    stJob.pucColumns = pucColumns;
+    stJob.pStage = &stModel;
+    stJob.pfnGroups = bNeon ? DistortionMapGroups_neon : DistortionMapGroups;
+    stJob.pfnTail = DistortionMapTail;
+    stJob.piThreadState = pstPara->aiThreadState;
+    stJob.piThreadMask = pstPara->aiThreadMask;
+    return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
+}
+
 #if defined(LDC_CHECK_READS)
 void LdcCheckReadFailed(const char *pcKernel, ptrdiff_t lOffset, int32_t iBytes, int32_t iBlockBytes)
 {

@@ -14,6 +14,7 @@
 #include "geometry/lens_model.h"
 #include "interface/ldc_para.h"
 #include "platform/neon.h"
+#include "resample/resample.h"
 
 // The column table lies in the working buffer just past one frame's worth of bytes, where the
 // intermediate image ends: one float quadruple per eight output columns.
@@ -113,5 +114,18 @@ int32_t InterpolateLumaBlock_neon(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlo
 int32_t InterpolateLumaBlock(uint8_t *pucDst, const tagST_SRC_BLOCK *pstBlock, int32_t iPitch,
                              const int32_t aiOffset[4], const uint16_t auFx[4],
                              const uint16_t auFy[4]);
+
+// Source positions through the radial model (pStage), the remap's position functions of the
+// resampling core. The groups evaluate f as (c1 r2 + (c2 r2^2 + c3 r2^3)) + 1, the tail left to
+// right, 1 + c1 r2 + c2 r2^2 + c3 r2^3; both orders are kept.
+void DistortionMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                         const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void DistortionMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                              const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void DistortionMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos);
+
+// The remap on the resampling core, plain (bNeon 0) or vector positions and sampler.
+int32_t DistortionCorrectOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                                uint8_t *const *ppucDst, int32_t bNeon);
 
 #endif

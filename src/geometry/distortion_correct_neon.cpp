@@ -290,3 +290,30 @@ void DistortionCorrect_neon_YUV420(const tagST_LDC_WORK *pstWork, int32_t iIndex
     });
     DistortionCorrectTail_YUV420(pstWork, &stBand);
 }
+
+void DistortionMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                              const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
+{
+    (void)iFirst;
+    const tagST_RADIAL_MODEL *pstModel = (const tagST_RADIAL_MODEL *)pStage;
+    const float32x4_t vCx = vdupq_n_f32(pstModel->fCx);
+    const float32x4_t vCy = vdupq_n_f32(pstModel->fCy);
+    const float32x4_t vC1 = vdupq_n_f32(pstModel->fC1);
+    const float32x4_t vC2 = vdupq_n_f32(pstModel->fC2);
+    const float32x4_t vC3 = vdupq_n_f32(pstModel->fC3);
+    const float fDy = (float)pstRow->iY - pstModel->fCy;
+    const float32x4_t vDy = vdupq_n_f32(fDy);
+    const float32x4_t vR2y = vdupq_n_f32(fDy * fDy);
+    for (int32_t g = 0; g < iCount; g++, pucColumns += RESAMPLE_QUAD_BYTES) {
+        __builtin_prefetch(pucColumns + 64);
+        // The table is read as bytes: its offset in the working buffer follows the frame size.
+        const float32x4_t vDx = vsubq_f32(vreinterpretq_f32_u8(vld1q_u8(pucColumns)), vCx);
+        const float32x4_t vR2 = vaddq_f32(vmulq_f32(vDx, vDx), vR2y);
+        const float32x4_t vR4 = vmulq_f32(vR2, vR2);
+        const float32x4_t vR6 = vmulq_f32(vR4, vR2);
+        const float32x4_t vF = vaddq_f32(
+            vaddq_f32(vmulq_f32(vC1, vR2), vaddq_f32(vmulq_f32(vC2, vR4), vmulq_f32(vC3, vR6))), vdupq_n_f32(1.0f));
+        vst1q_f32(pstPos[g].afX, vaddq_f32(vmulq_f32(vF, vDx), vCx));
+        vst1q_f32(pstPos[g].afY, vaddq_f32(vmulq_f32(vF, vDy), vCy));
+    }
+}

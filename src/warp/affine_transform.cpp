@@ -357,6 +357,78 @@ int32_t AffineTransform_neon(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST
     return AffineTransform_neon_NV12(pstPara, pstFrame, pstSrc, pstDst, pfMatrix, pstArea, pucScratch);
 }
 
+void AffineMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                     const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
+{
+    const float *pfM = (const float *)pStage;
+    const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)pstRow->iY);
+    const float fDenStep = 8.0f * pfM[6];
+    float afX[4];
+    if (iFirst == 0) {
+        (void)memcpy_s(afX, sizeof(afX), pucColumns, sizeof(afX));
+        for (int32_t k = 0; k < 4; k++) {
+            pstRow->afCarry[k] = pfM[6] * afX[k] + stRow.fDen;
+        }
+    }
+    for (int32_t g = 0; g < iCount; g++) {
+        (void)memcpy_s(afX, sizeof(afX), pucColumns + (size_t)g * RESAMPLE_QUAD_BYTES, sizeof(afX));
+        for (int32_t k = 0; k < 4; k++) {
+            const float fDen = pstRow->afCarry[k];
+            float fR = RecipEstimateF32(fDen);
+            fR = fR * RecipStepF32(fDen, fR);
+            fR = fR * RecipStepF32(fDen, fR);
+            pstPos[g].afX[k] = (pfM[0] * afX[k] + stRow.fSx) * fR;
+            pstPos[g].afY[k] = (pfM[3] * afX[k] + stRow.fSy) * fR;
+            pstRow->afCarry[k] = fDen + fDenStep;
+        }
+    }
+}
+
+void AffineMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos)
+{
+    const float *pfM = (const float *)pStage;
+    const float fY = (float)iY;
+    // One true division per row pair at the first tail column: the tail is treated as affine
+    // within a row, deliberately.
+    const float fR = 1.0f / AffineTailDen(pfM, (float)iX, fY);
+    for (int32_t j = 0; j < iBlocks; j++) {
+        const float fX = (float)(iX + 2 * j);
+        pstPos->afX[j] = AffineTailNumX(pfM, fX, fY) * fR;
+        pstPos->afY[j] = AffineTailNumY(pfM, fX, fY) * fR;
+    }
+}
+
+int32_t AffineTransformOnCore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar, int32_t bNeon)
+{
+    const int32_t iW = pstSrc->iWidth;
+    ResampleFillColumns(pucScratch, pstArea->iStartX, (iW + RESAMPLE_GROUP_COLS - 1) / RESAMPLE_GROUP_COLS);
+    tagST_RESAMPLE_JOB stJob;
+    (void)memset_s(&stJob, sizeof(stJob), 0, sizeof(stJob));
+    tagST_RESAMPLE_PLANES *pstPlanes = &stJob.stPlanes;
+    pstPlanes->pucSrcY = pstSrc->pY;
+    pstPlanes->pucSrcU = pstSrc->pU;
+    pstPlanes->pucSrcV = pstSrc->pV;
+    pstPlanes->pucDstY = pstDst->pY;
+    pstPlanes->pucDstU = pstDst->pU;
+    pstPlanes->pucDstV = pstDst->pV;
+    pstPlanes->iWidth = iW;
+    pstPlanes->iHeight = pstSrc->iHeight;
+    pstPlanes->bPlanar = bPlanar;
+    pstPlanes->iChromaRowWidth = bPlanar ? iW & ~1 : iW;   // rows (W >> 1) apart in each plane
+    stJob.iLeft = pstArea->iStartX;
+    stJob.iTop = pstArea->iStartY;
+    stJob.iCols = pstArea->iWidth;
+    stJob.iRows = pstArea->iHeight;
+    stJob.pucColumns = pucScratch;
+    stJob.pStage = pfMatrix;
+    stJob.pfnGroups = bNeon ? AffineMapGroups_neon : AffineMapGroups;
+    stJob.pfnTail = AffineMapTail;
+    stJob.piThreadState = pstPara->aiThreadState;
+    stJob.piThreadMask = pstPara->aiThreadMask;
+    return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
+}
+
 // Weight of the scalar companions: the absolute fraction times 128, truncated.
 static inline uint8_t AbsFractionWeight(float fV, int32_t iV)
 {

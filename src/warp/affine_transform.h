@@ -30,6 +30,7 @@
 
 #include "geometry/distortion_correct_reads.h"
 #include "interface/ldc_para.h"
+#include "resample/resample.h"
 
 // Output rectangle; all four values must be even.
 typedef struct tagST_REGISTRATION_AREA {
@@ -129,5 +130,19 @@ tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar);
 // row pair (the tail is treated as affine within a row).
 void AffineTail_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);
 void AffineTail_YUV420(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);
+
+// Source positions through the matrix (pStage), the warp's position functions of the resampling
+// core. The groups divide by the reciprocal estimate with two refinement steps, their
+// denominators carried along the row by 8 m6 per group; the tail holds one exact reciprocal per
+// row pair.
+void AffineMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                     const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void AffineMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                          const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void AffineMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos);
+
+// The warp on the resampling core, plain (bNeon 0) or vector positions and sampler.
+int32_t AffineTransformOnCore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar, int32_t bNeon);
 
 #endif

@@ -223,3 +223,29 @@ int32_t AffineTransformBand_neon_YUV420(const tagST_AFFINE_TASK *pstTask, int32_
     AffineTail_YUV420(pstTask, iRowStart, iRowEnd);
     return 0;
 }
+
+void AffineMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                          const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
+{
+    const float *pfM = (const float *)pStage;
+    const float fY = (float)pstRow->iY;
+    const float32x4_t vSxRow = vdupq_n_f32(pfM[1] * fY + pfM[2]);
+    const float32x4_t vSyRow = vdupq_n_f32(pfM[4] * fY + pfM[5]);
+    const float32x4_t vDenStep = vdupq_n_f32(8.0f * pfM[6]);
+    // The table may sit at any byte of the working buffer: load it as bytes.
+    float32x4_t vDen = (iFirst == 0) ? vaddq_f32(vmulq_n_f32(vreinterpretq_f32_u8(vld1q_u8(pucColumns)), pfM[6]),
+                                                 vdupq_n_f32(pfM[7] * fY + pfM[8]))
+                                     : vld1q_f32(pstRow->afCarry);
+    for (int32_t g = 0; g < iCount; g++, pucColumns += RESAMPLE_QUAD_BYTES) {
+        __builtin_prefetch(pucColumns + AFFINE_PREFETCH_TABLE);
+        const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
+        // 1 / den: 8-bit estimate and two Newton-Raphson steps, r := r (2 - den r).
+        float32x4_t vR = VrecpeqF32(vDen);
+        vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
+        vR = vmulq_f32(vR, VrecpsqF32(vDen, vR));
+        vst1q_f32(pstPos[g].afX, vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR));
+        vst1q_f32(pstPos[g].afY, vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[3]), vSyRow), vR));
+        vDen = vaddq_f32(vDen, vDenStep);
+    }
+    vst1q_f32(pstRow->afCarry, vDen);
+}

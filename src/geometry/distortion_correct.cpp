@@ -332,18 +332,16 @@ static int32_t RunDistortionCorrect(tagST_LDC_PARA *pstPara, uint8_t *const *ppu
     return 0;
 }
 
-int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
-                               uint8_t *const *ppucDst)
+// The remap as it was before the resampling core, kept while the move is checked.
+int32_t DistortionCorrectBefore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                                uint8_t *const *ppucDst, int32_t bNeon)
 {
-    return iPlanar ? RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_YUV420,
-                                          DistortionCorrect_neon_YUV420)
-                   : RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_NV12,
-                                          DistortionCorrect_neon_NV12);
-}
-
-int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
-                          uint8_t *const *ppucDst)
-{
+    if (bNeon) {
+        return iPlanar ? RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_YUV420,
+                                              DistortionCorrect_neon_YUV420)
+                       : RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectThread_NV12,
+                                              DistortionCorrect_neon_NV12);
+    }
     return iPlanar ? RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectPlainThread_YUV420,
                                           DistortionCorrect_YUV420)
                    : RunDistortionCorrect(pstPara, ppucSrc, ppucDst, DistortionCorrectPlainThread_NV12,
@@ -381,8 +379,10 @@ void DistortionMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBloc
     }
 }
 
-int32_t DistortionCorrectOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
-                                uint8_t *const *ppucDst, int32_t bNeon)
+// The model and rectangle that iLDCEnable chooses, its column table in the working buffer, and the
+// core's workers over the rectangle.
+static int32_t RemapOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                           uint8_t *const *ppucDst, int32_t bNeon)
 {
     const int32_t iW = pstPara->iImgWidth;
     const int32_t iH = pstPara->iImgHeight;
@@ -420,6 +420,18 @@ int32_t DistortionCorrectOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_
     stJob.piThreadState = pstPara->aiThreadState;
     stJob.piThreadMask = pstPara->aiThreadMask;
     return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
+}
+
+int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                               uint8_t *const *ppucDst)
+{
+    return RemapOnCore(iPlanar, pstPara, ppucSrc, ppucDst, 1);
+}
+
+int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                          uint8_t *const *ppucDst)
+{
+    return RemapOnCore(iPlanar, pstPara, ppucSrc, ppucDst, 0);
 }
 
 #if defined(LDC_CHECK_READS)

@@ -124,8 +124,8 @@ void DistortionMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, in
                               const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
 void DistortionMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos);
 
-// The remap on the resampling core, plain (bNeon 0) or vector positions and sampler.
-int32_t DistortionCorrectOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+// The remap as it was before the resampling core, plain (bNeon 0) or vector bodies.
+int32_t DistortionCorrectBefore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
                                 uint8_t *const *ppucDst, int32_t bNeon);
 
 #endif

@@ -41,10 +41,10 @@ TEST(CoreTransition, RemapOnTheCoreGivesTheBytesOfTheRemap)
             std::vector<uint8_t> vucOld;
             std::vector<uint8_t> vucNew;
             Quietly([&] {
-                stFrames.Run(bNeon != 0, &vucOld);
-                stFrames.FillPattern(&vucNew);
-                const tagST_PIC stDst = stFrames.Picture(vucNew.data());
-                DistortionCorrectOnCore(stFrames.stCase.ePicType == 2, stFrames.pstPara.get(),
+                stFrames.Run(bNeon != 0, &vucNew);
+                stFrames.FillPattern(&vucOld);
+                const tagST_PIC stDst = stFrames.Picture(vucOld.data());
+                DistortionCorrectBefore(stFrames.stCase.ePicType == 2, stFrames.pstPara.get(),
                                         tagST_DC_FRAMES::Planes(stFrames.stSrc).data(),
                                         tagST_DC_FRAMES::Planes(stDst).data(), bNeon);
             });

@@ -330,31 +330,14 @@ static int32_t RunAffineWorkers(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagS
     return 0;
 }
 
-int32_t AffineTransform_neon_NV12(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc,
-                                  tagST_PIC *pstDst, float *pfMatrix, tagST_REGISTRATION_AREA *pstArea,
-                                  uint8_t *pucScratch)
+// The warp as it was before the resampling core, kept while the move is checked.
+int32_t AffineTransformBefore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar)
 {
-    (void)pstFrame;
-    return RunAffineWorkers(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch, AffineTransformThread_NV12,
-                            AffineTransformBand_neon_NV12);
-}
-
-int32_t AffineTransform_neon_YUV420(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc,
-                                    tagST_PIC *pstDst, float *pfMatrix, tagST_REGISTRATION_AREA *pstArea,
-                                    uint8_t *pucScratch)
-{
-    (void)pstFrame;
-    return RunAffineWorkers(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch,
-                            AffineTransformThread_YUV420, AffineTransformBand_neon_YUV420);
-}
-
-int32_t AffineTransform_neon(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc, tagST_PIC *pstDst,
-                             float *pfMatrix, tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
-{
-    if (pstPara->ePicType == LDC_PIC_YUV420) {
-        return AffineTransform_neon_YUV420(pstPara, pstFrame, pstSrc, pstDst, pfMatrix, pstArea, pucScratch);
-    }
-    return AffineTransform_neon_NV12(pstPara, pstFrame, pstSrc, pstDst, pfMatrix, pstArea, pucScratch);
+    return bPlanar ? RunAffineWorkers(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch,
+                                      AffineTransformThread_YUV420, AffineTransformBand_neon_YUV420)
+                   : RunAffineWorkers(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch,
+                                      AffineTransformThread_NV12, AffineTransformBand_neon_NV12);
 }
 
 void AffineMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
@@ -398,7 +381,7 @@ void AffineMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, 
     }
 }
 
-int32_t AffineTransformOnCore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+int32_t AffineTransformBands(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
                               tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar, int32_t bNeon)
 {
     const int32_t iW = pstSrc->iWidth;
@@ -429,6 +412,31 @@ int32_t AffineTransformOnCore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_
     return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
 }
 
+int32_t AffineTransform_neon_NV12(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc,
+                                  tagST_PIC *pstDst, float *pfMatrix, tagST_REGISTRATION_AREA *pstArea,
+                                  uint8_t *pucScratch)
+{
+    (void)pstFrame;
+    return AffineTransformBands(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch, 0, 1);
+}
+
+int32_t AffineTransform_neon_YUV420(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc,
+                                    tagST_PIC *pstDst, float *pfMatrix, tagST_REGISTRATION_AREA *pstArea,
+                                    uint8_t *pucScratch)
+{
+    (void)pstFrame;
+    return AffineTransformBands(pstPara, pstSrc, pstDst, pfMatrix, pstArea, pucScratch, 1, 1);
+}
+
+int32_t AffineTransform_neon(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc, tagST_PIC *pstDst,
+                             float *pfMatrix, tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
+{
+    if (pstPara->ePicType == LDC_PIC_YUV420) {
+        return AffineTransform_neon_YUV420(pstPara, pstFrame, pstSrc, pstDst, pfMatrix, pstArea, pucScratch);
+    }
+    return AffineTransform_neon_NV12(pstPara, pstFrame, pstSrc, pstDst, pfMatrix, pstArea, pucScratch);
+}
+
 // Weight of the scalar companions: the absolute fraction times 128, truncated.
 static inline uint8_t AbsFractionWeight(float fV, int32_t iV)
 {
@@ -441,26 +449,32 @@ static inline int32_t ClampS32(int32_t iV, int32_t iLo, int32_t iHi)
 }
 
 // The scalar companions take the frame's size from pstGeometry and its planes from pstSrc.
-static tagST_PIC CompanionSource(const tagST_PIC *pstGeometry, const tagST_PIC *pstSrc)
+static tagST_RESAMPLE_PLANES CompanionPlanes(const tagST_PIC *pstGeometry, const tagST_PIC *pstSrc,
+                                             const tagST_PIC *pstDst, int32_t bPlanar)
 {
-    tagST_PIC stSrc = *pstSrc;
-    stSrc.iWidth = pstGeometry->iWidth;
-    stSrc.iHeight = pstGeometry->iHeight;
-    return stSrc;
+    tagST_RESAMPLE_PLANES stPlanes;
+    (void)memset_s(&stPlanes, sizeof(stPlanes), 0, sizeof(stPlanes));
+    stPlanes.pucSrcY = pstSrc->pY;
+    stPlanes.pucSrcU = pstSrc->pU;
+    stPlanes.pucSrcV = pstSrc->pV;
+    stPlanes.pucDstY = pstDst->pY;
+    stPlanes.pucDstU = pstDst->pU;
+    stPlanes.pucDstV = pstDst->pV;
+    stPlanes.iWidth = pstGeometry->iWidth;
+    stPlanes.iHeight = pstGeometry->iHeight;
+    stPlanes.bPlanar = bPlanar;
+    ResamplePreparePlanes(&stPlanes);
+    return stPlanes;
 }
 
 int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
 {
     (void)pucScratch;
-    static const char *const s_pcKernel = "AffineTransform_NV12";
     const float *pfM = pfMatrix;
-    const int32_t iPitch = pstGeometry->iWidth;
     const int32_t iEndX = pstArea->iStartX + pstArea->iWidth;
     const float fDenStep = 8.0f * pfM[6];
-    const tagST_PIC stSrc = CompanionSource(pstGeometry, pstSrc);
-    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(&stSrc);
-    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 0);
+    const tagST_RESAMPLE_PLANES stPlanes = CompanionPlanes(pstGeometry, pstSrc, pstDst, 0);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
         const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)iY);
@@ -469,26 +483,20 @@ int32_t AffineTransform_NV12(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_PI
         for (int32_t iX = pstArea->iStartX; iX < iEndX; iX += 2) {
             // One exact reciprocal per 8 columns, taken at the group's first block; a last
             // partial group is handled like a whole one.
-            if ((iX - pstArea->iStartX) % AFFINE_GROUP_COLS == 0) {
+            if ((iX - pstArea->iStartX) % RESAMPLE_GROUP_COLS == 0) {
                 fR = 1.0f / fDen;
                 fDen += fDenStep;
             }
             const float fX = (float)iX;
             const float fSx = (pfM[0] * fX + stRow.fSx) * fR;
             const float fSy = (pfM[3] * fX + stRow.fSy) * fR;
-            // Clamped into the frame like the vector kernels.
+            // Clamped into the frame like the worker kernels.
             int32_t bInsideX;
             int32_t bInsideY;
-            const int32_t iIx = LdcClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
-            const int32_t iIy = LdcClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
-            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
-                                 iPitch, bInsideX ? AbsFractionWeight(fSx, iIx) : 0,
-                                 bInsideY ? AbsFractionWeight(fSy, iIy) : 0);
-            const int32_t iS = LdcChromaOffset(&stBlock, 2 * ((iIx + 1) >> 1), (iIy + 1) >> 1, iPitch);
-            const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitch + iX;
-            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 2);
-            pstDst->pU[iD] = stSrc.pU[iS];
-            pstDst->pU[iD + 1] = stSrc.pU[iS + 1];
+            const int32_t iIx = ResampleClampIndex(TruncF32ToS32(fSx), stPlanes.iInnerX, &bInsideX);
+            const int32_t iIy = ResampleClampIndex(TruncF32ToS32(fSy), stPlanes.iInnerY, &bInsideY);
+            ResampleBilinearBlock(&stPlanes, iX, iY, iIx, iIy, bInsideX ? AbsFractionWeight(fSx, iIx) : 0,
+                                  bInsideY ? AbsFractionWeight(fSy, iIy) : 0);
         }
     }
     return 0;
@@ -498,15 +506,10 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
                                tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch)
 {
     (void)pucScratch;
-    static const char *const s_pcKernel = "AffineTransform_YUV420";
     const float *pfM = pfMatrix;
-    const int32_t iPitch = pstGeometry->iWidth;
-    const int32_t iPitchC = iPitch >> 1;
     const int32_t iEndX = pstArea->iStartX + pstArea->iWidth;
     const float fDenStep = 2.0f * pfM[6];
-    const tagST_PIC stSrc = CompanionSource(pstGeometry, pstSrc);
-    const tagST_AFFINE_LIMITS stLimits = AffineSourceLimits(&stSrc);
-    const tagST_SRC_BLOCK stBlock = AffineSourceBlock(&stSrc, 1);
+    const tagST_RESAMPLE_PLANES stPlanes = CompanionPlanes(pstGeometry, pstSrc, pstDst, 1);
 
     for (int32_t iY = pstArea->iStartY; iY < pstArea->iStartY + pstArea->iHeight; iY += 2) {
         const tagST_AFFINE_ROW stRow = AffineRowTerms(pfM, (float)iY);
@@ -516,24 +519,17 @@ int32_t AffineTransform_YUV420(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, tagST_
             const float fSx = (pfM[0] * fX + stRow.fSx) / fDen;
             const float fSy = (pfM[3] * fX + stRow.fSy) / fDen;
             fDen += fDenStep;
-            // Clamped into the frame like the vector kernels, then this companion's own limits,
+            // Clamped into the frame like the worker kernels, then this companion's own limits,
             // which use the area's width and height as upper bounds, not its far edges; kept so
             // on purpose. The weights come from the position before the area limits.
             int32_t bInsideX;
             int32_t bInsideY;
-            const int32_t iRawX = LdcClampIndex(TruncF32ToS32(fSx), stLimits.iInnerX, &bInsideX);
-            const int32_t iRawY = LdcClampIndex(TruncF32ToS32(fSy), stLimits.iInnerY, &bInsideY);
-            const int32_t iIx = ClampS32(iRawX, pstArea->iStartX, pstArea->iWidth - 1);
-            const int32_t iIy = ClampS32(iRawY, pstArea->iStartY, pstArea->iHeight - 1);
-            InterpolateLumaBlock(pstDst->pY + (ptrdiff_t)iY * iPitch + iX, &stBlock, s_pcKernel, iIx + iIy * iPitch,
-                                 iPitch, bInsideX ? AbsFractionWeight(fSx, iRawX) : 0,
-                                 bInsideY ? AbsFractionWeight(fSy, iRawY) : 0);
-            const int32_t iS = LdcChromaOffset(&stBlock, (iIx + 1) >> 1, (iIy + 1) >> 1, iPitchC);
-            const ptrdiff_t iD = (ptrdiff_t)(iY >> 1) * iPitchC + (iX >> 1);
-            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pU + iS, 1);
-            LDC_CHECK_READ(&stBlock, s_pcKernel, stSrc.pV + iS, 1);
-            pstDst->pU[iD] = stSrc.pU[iS];
-            pstDst->pV[iD] = stSrc.pV[iS];
+            const int32_t iRawX = ResampleClampIndex(TruncF32ToS32(fSx), stPlanes.iInnerX, &bInsideX);
+            const int32_t iRawY = ResampleClampIndex(TruncF32ToS32(fSy), stPlanes.iInnerY, &bInsideY);
+            ResampleBilinearBlock(&stPlanes, iX, iY, ClampS32(iRawX, pstArea->iStartX, pstArea->iWidth - 1),
+                                  ClampS32(iRawY, pstArea->iStartY, pstArea->iHeight - 1),
+                                  bInsideX ? AbsFractionWeight(fSx, iRawX) : 0,
+                                  bInsideY ? AbsFractionWeight(fSy, iRawY) : 0);
         }
     }
     return 0;

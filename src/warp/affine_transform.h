@@ -141,8 +141,12 @@ void AffineMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_
                           const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
 void AffineMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos);
 
-// The warp on the resampling core, plain (bNeon 0) or vector positions and sampler.
-int32_t AffineTransformOnCore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+// The warp as it was before the resampling core (vector bodies).
+int32_t AffineTransformBefore(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+                              tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar);
+// The warp over four pinned workers on the resampling core, with plain (bNeon 0) or vector
+// positions and sampler: AffineTransform_neon and its fixed-layout twins, and their plain twin.
+int32_t AffineTransformBands(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
                               tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar, int32_t bNeon);
 
 #endif

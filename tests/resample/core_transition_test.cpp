@@ -91,7 +91,8 @@ TEST(CoreTransition, WarpOnTheCoreGivesTheBytesOfTheWarp)
             memcpy(afM, c.afMatrix, sizeof(afM));
             Quietly([&] {
                 if (bNeon) {
-                    AffineTransform_neon(&stPara, &src.pic, &src.pic, &dstOld.pic, afM, &stArea, vucScratch.data() + 3);
+                    AffineTransformBefore(&stPara, &src.pic, &dstOld.pic, afM, &stArea, vucScratch.data() + 3,
+                                          c.iPicType == LDC_PIC_YUV420);
                 } else {
                     for (int32_t i = 0; i < 4; i++) {
                         stPara.aiThreadState[i] = 1;
@@ -106,8 +107,12 @@ TEST(CoreTransition, WarpOnTheCoreGivesTheBytesOfTheWarp)
                         AffineTransformBand_NV12(&stTask, 0, 1);
                     }
                 }
-                AffineTransformOnCore(&stPara, &src.pic, &dstNew.pic, afM, &stArea, vucScratch.data() + 3,
-                                      c.iPicType == LDC_PIC_YUV420, bNeon);
+                if (bNeon) {
+                    AffineTransform_neon(&stPara, &src.pic, &src.pic, &dstNew.pic, afM, &stArea, vucScratch.data() + 3);
+                } else {
+                    AffineTransformBands(&stPara, &src.pic, &dstNew.pic, afM, &stArea, vucScratch.data() + 3,
+                                         c.iPicType == LDC_PIC_YUV420, 0);
+                }
             });
             for (size_t i = 0; i < dstOld.bytes.size(); i++) {
                 int32_t x, y;

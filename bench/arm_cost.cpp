@@ -322,7 +322,7 @@ int main(int argc, char **argv)
     float afFace[9];
     FaceHomography(afFace);
     tagST_REGISTRATION_AREA stArea = {0, 0, kW, kH};
-    std::vector<uint8_t> vucScratch(AFFINE_QUAD_BYTES * ((kW + 7) / 8));
+    std::vector<uint8_t> vucScratch(RESAMPLE_QUAD_BYTES * ((kW + 7) / 8));
     {
         tagST_PIC stFrame = stWarp.stPic;
         Capture stCapture(sDir + "/warp.log");

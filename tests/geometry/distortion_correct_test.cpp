@@ -109,19 +109,19 @@ TEST(DistortionCorrect, NeonMatchesPlainOnEveryByteAndWritesOnlyTheRectangle)
 TEST(DistortionCorrect, InterpolatorArithmetic)
 {
     const int32_t iPitch = 16;
-    uint8_t aucSrc[16 * 4] = {};
+    uint8_t aucSrc[16 * 4 * 3 / 2] = {};   // a 16 x 4 semi-planar frame
     for (int32_t i = 0; i < 16 * 4; i++) {
         aucSrc[i] = (uint8_t)((i & 1) ? 255 : 0);   // columns alternate 0 / 255
     }
     aucSrc[1 * iPitch + 2] = 100;
     aucSrc[1 * iPitch + 6] = 200;
-    const int32_t aiOffset[4] = {0, 0, 6, 6};   // sums to 12: read as 0, 2, 4, 6
-    const uint16_t auFx[4] = {0, 64, 127, 0};
-    const uint16_t auFy[4] = {0, 0, 0, 64};
-    uint8_t aucDst[2 * 16] = {};
-    // The 64 bytes as the block of a 16 x 4 frame whose chroma starts at row 2: no read is clamped.
-    const tagST_SRC_BLOCK stBlock = LdcSourceBlock(aucSrc, aucSrc + 32, aucSrc + 32, iPitch, 4, 0);
-    ASSERT_EQ(InterpolateLumaBlock(aucDst, &stBlock, iPitch, aiOffset, auFx, auFy), 1);
+    uint8_t aucDst[sizeof(aucSrc)] = {};
+    tagST_RESAMPLE_PLANES stPlanes = {aucSrc, aucSrc + 64, aucSrc + 64, aucDst, aucDst + 64, aucDst + 64, iPitch, 4, 0,
+                                      iPitch, {}, 0, 0};
+    ResamplePreparePlanes(&stPlanes);
+    // Offsets (0, 0, 6, 6) sum to 12: read as 0, 2, 4, 6. Fractions fx (0, 64, 127, 0), fy (0, 0, 0, 64).
+    const tagST_GROUP_POS stPos = {{0.0f, 0.5f, 6.0f + 127.0f / 128.0f, 6.0f}, {0.0f, 0.0f, 0.0f, 0.5f}};
+    ResampleGroups(&stPlanes, 0, 0, &stPos, 1);
     EXPECT_EQ(aucDst[0], 0);     // zero fractions return the sample itself
     EXPECT_EQ(aucDst[1], 255);
     // (0 * 64 + 255 * 64 + 32) >> 6 = 255, then (255 * 128 + 128) >> 8 = 128
@@ -183,58 +183,30 @@ TEST(DistortionCorrect, TailColumnsKeepTheirOwnChromaRounding)
     }
 }
 
-// Rows each band of four writes, worker bodies called directly (no slot free: nothing pinned).
-std::vector<int32_t> BandRows(int32_t iHeight, LdcDistortionBody pfnBody)
+// Rows of the four bands over iRows rows; empty when they do not cover the rows once, in order,
+// each band starting on a row pair.
+std::vector<int32_t> BandRows(int32_t iRows)
 {
-    const tagST_DC_CASE stCase = {16, iHeight, 1, DC_IDENTITY, {0, 0, 0, 0}, 5};
-    tagST_DC_FRAMES stFrames;
-    if (!stFrames.Prepare(stCase)) {
-        return {};
-    }
-    std::vector<uint8_t> vucDst;
-    stFrames.Run(true, &vucDst);   // the driver builds the column table
-    const tagST_PIC stDst = stFrames.Picture(vucDst.data());
-    const tagST_LDC_WORK stWork = {stFrames.pstPara.get(), stFrames.stSrc.pY, stFrames.stSrc.pU,
-                                   stFrames.stSrc.pV,      stDst.pY,          stDst.pU,
-                                   stDst.pV};
     std::vector<int32_t> viRows;
+    int32_t iNext = 4;
     for (int32_t iIndex = 0; iIndex < LDC_THREAD_NUM; iIndex++) {
-        stFrames.FillPattern(&vucDst);
-        for (int32_t i = 0; i < LDC_THREAD_NUM; i++) {
-            stFrames.pstPara->aiThreadState[i] = 1;
+        int32_t iStart;
+        int32_t iEnd;
+        ResampleBandRows(4, iRows, iIndex, LDC_THREAD_NUM, &iStart, &iEnd);
+        if (iStart != iNext || (iStart & 1) != 0) {
+            return {};
         }
-        pfnBody(&stWork, iIndex, LDC_THREAD_NUM);
-        int32_t iFirst = -1;
-        int32_t iCount = 0;
-        for (int32_t y = 0; y < iHeight; y++) {
-            if (memcmp(&vucDst[(size_t)y * 16], &stFrames.vucSrc[(size_t)y * 16], 16) == 0) {
-                if (iFirst >= 0 && iFirst + iCount != y) {
-                    return {};   // not one band
-                }
-                iFirst = iFirst < 0 ? y : iFirst;
-                iCount++;
-            }
-        }
-        viRows.push_back(iCount);
+        iNext = iEnd;
+        viRows.push_back(iEnd - iStart);
     }
-    return viRows;
+    return iNext == 4 + iRows ? viRows : std::vector<int32_t>{};
 }
 
 TEST(DistortionCorrect, BandsAreEvenAndTheLastTakesTheRest)
 {
-    for (LdcDistortionBody pfnBody : {DistortionCorrect_NV12, DistortionCorrect_neon_NV12}) {
-        std::vector<int32_t> viEven;
-        std::vector<int32_t> viUneven;
-        std::vector<int32_t> viShort;
-        Quietly([&] {
-            viEven = BandRows(1080, pfnBody);
-            viUneven = BandRows(1078, pfnBody);
-            viShort = BandRows(6, pfnBody);
-        });
-        EXPECT_EQ(viEven, (std::vector<int32_t>{270, 270, 270, 270}));
-        EXPECT_EQ(viUneven, (std::vector<int32_t>{268, 268, 268, 274}));
-        EXPECT_EQ(viShort, (std::vector<int32_t>{0, 0, 0, 6}));
-    }
+    EXPECT_EQ(BandRows(1080), (std::vector<int32_t>{270, 270, 270, 270}));
+    EXPECT_EQ(BandRows(1078), (std::vector<int32_t>{268, 268, 268, 274}));
+    EXPECT_EQ(BandRows(6), (std::vector<int32_t>{0, 0, 0, 6}));
 }
 
 TEST(DistortionCorrect, WorkerStartFailureFallsBackToTheCallingThread)
@@ -287,9 +259,12 @@ TEST(DistortionCorrectDeathTest, CheckingBuildAbortsOnAReadOutsideTheFrame)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::vector<uint8_t> vFrame(64 * 48 * 3 / 2);
-    const tagST_SRC_BLOCK stBlock = LdcSourceBlock(vFrame.data(), vFrame.data() + 64 * 48, NULL, 64, 48, 0);
-    EXPECT_DEATH(LDC_CHECK_READ(&stBlock, "test", vFrame.data() - 3, 1), "test reads 1 bytes at offset -3 of a 4608-byte source frame");
-    EXPECT_DEATH(LDC_CHECK_READ(&stBlock, "test", vFrame.data() + 4600, 9), "reads 9 bytes at offset 4600 of a 4608-byte");
+    tagST_RESAMPLE_PLANES stPlanes = {vFrame.data(), vFrame.data() + 64 * 48, NULL, NULL, NULL, NULL, 64, 48, 0, 64,
+                                      {}, 0, 0};
+    ResamplePreparePlanes(&stPlanes);
+    const tagST_SOURCE_EXTENT *pstSrc = &stPlanes.stExtent;
+    EXPECT_DEATH(RESAMPLE_CHECK_READ(pstSrc, "test", vFrame.data() - 3, 1), "test reads 1 bytes at offset -3 of a 4608-byte source frame");
+    EXPECT_DEATH(RESAMPLE_CHECK_READ(pstSrc, "test", vFrame.data() + 4600, 9), "reads 9 bytes at offset 4600 of a 4608-byte");
 }
 #endif
 

@@ -127,7 +127,7 @@ static inline int32x4_t ResampleClampIndex_neon(float32x4_t vS, int32x4_t vInner
 {
     const int32x4_t vRaw = VcvtqS32F32(vS);
     const int32x4_t vIdx = vminq_s32(vmaxq_s32(vRaw, vdupq_n_s32(0)), vInner);
-    const int32x4_t vFrac = vsubq_s32(VcvtqS32F32(vmulq_n_f32(vS, 128.0f)), vshlq_n_s32(vRaw, 7));
+    const int32x4_t vFrac = vsubq_s32(VcvtqS32F32Q7(vS), vshlq_n_s32(vRaw, 7));
     *pvFrac = vandq_s32(vFrac, vreinterpretq_s32_u32(vceqq_s32(vIdx, vRaw)));
     return vIdx;
 }

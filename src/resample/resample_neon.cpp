@@ -55,6 +55,14 @@ static __attribute__((noinline)) void GatherRowsClamped(const tagST_SOURCE_EXTEN
     }
 }
 
+// ResampleSpreadSum in lanes: the distances to block 0 saturated to 16 bits, then added pairwise.
+static inline int32_t SpreadSum_neon(int32x4_t viOffset)
+{
+    const int32x4_t viDelta = vsubq_s32(viOffset, vdupq_lane_s32(vget_low_s32(viOffset), 0));
+    const int32x2_t viPairs = vpaddl_s16(vqmovn_s32(viDelta));
+    return vget_lane_s32(vpadd_s32(viPairs, viPairs), 0);
+}
+
 // Horizontal pass of one source row: (a (128 - fx) + b fx + 32) >> 6, one extra bit kept.
 static inline uint16x8_t LerpRow(uint8x8_t vucA, uint8x8_t vucB, uint8x8_t vucGx, uint8x8_t vucFx)
 {
@@ -82,7 +90,6 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
     const int32x4_t viInnerY = vdupq_n_s32(pstPlanes->iInnerY);
     const int32x4_t viW = vdupq_n_s32(iW);
     const int32x4_t viPitchC = vdupq_n_s32(bPlanar ? iW >> 1 : iW);
-    const int32x4_t viOne = vdupq_n_s32(1);
     const int32x4_t viChromaRowLast = vdupq_n_s32(pstSrc->iChromaRowLast);
     const int32x4_t viChromaLast = vdupq_n_s32(iChromaLast);
     const uint8x8_t vuc128 = vdup_n_u8(128);
@@ -96,9 +103,10 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         int32x4_t viFy;
         const int32x4_t viX = ResampleClampIndex_neon(vld1q_f32(pstPos[g].afX), viInnerX, &viFx);
         const int32x4_t viY = ResampleClampIndex_neon(vld1q_f32(pstPos[g].afY), viInnerY, &viFy);
+        const int32x4_t viOffset = vmlaq_s32(viX, viY, viW);
         int32_t aiOffset[4];
-        vst1q_s32(aiOffset, vmlaq_s32(viX, viY, viW));
-        const int32_t bContiguous = (ResampleSpreadSum(aiOffset) == RESAMPLE_CONTIGUOUS_SUM) ? 1 : 0;
+        vst1q_s32(aiOffset, viOffset);
+        const int32_t bContiguous = (SpreadSum_neon(viOffset) == RESAMPLE_CONTIGUOUS_SUM) ? 1 : 0;
 
         // Row r of the group: A holds the left and B the right neighbour of every output column.
         uint8x8_t avucA[3];
@@ -140,8 +148,8 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         vst1_u8(pucDstY + iW, LerpColumn(vuH1, vuH2, vuGy, vuFy));
 
         // Nearest chroma: halves rounded up, the row and then the start clamped into the plane.
-        const int32x4_t viCx = vshrq_n_s32(vaddq_s32(viX, viOne), 1);
-        const int32x4_t viCy = vminq_s32(vshrq_n_s32(vaddq_s32(viY, viOne), 1), viChromaRowLast);
+        const int32x4_t viCx = vrshrq_n_s32(viX, 1);   // (x + 1) >> 1
+        const int32x4_t viCy = vminq_s32(vrshrq_n_s32(viY, 1), viChromaRowLast);
         int32_t aiChroma[4];
         vst1q_s32(aiChroma, vminq_s32(vmlaq_s32(bPlanar ? viCx : vshlq_n_s32(viCx, 1), viCy, viPitchC), viChromaLast));
         if (bPlanar) {

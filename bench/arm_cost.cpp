@@ -25,7 +25,7 @@
 
 #include "geometry/distortion_correct.h"
 #include "geometry/lens_model.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 

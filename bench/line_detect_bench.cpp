@@ -10,8 +10,8 @@
 #include <random>
 #include <vector>
 
-#include "interface/ldc_para.h"
 #include "linedetect/line_detect.h"
+#include "records/ldc_para.h"
 #include "runtime/runtime.h"
 
 namespace {

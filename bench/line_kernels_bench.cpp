@@ -12,7 +12,6 @@
 
 #include "linedetect/downscale.h"
 #include "linedetect/hough.h"
-#include "linedetect/hough_internal.h"
 #include "linedetect/line_kernels_cases.h"
 #include "linedetect/sobel.h"
 

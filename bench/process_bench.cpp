@@ -19,7 +19,7 @@
 #include "bench_report.h"
 #include "geometry/homography.h"
 #include "geometry/lens_model.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "config/config_schema.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
 // One file per fuzzing process; the library keeps the path in 256 bytes, so it is held in as

@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"   // LDC_EXPORT
 
 #define LDC_PROFILE_NUM 8          // DistortionCorrection1 .. DistortionCorrection8

@@ -12,12 +12,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
+#include "records/work_buffer.h"
 #include "resample/resample.h"
 
-// The column table lies in the working buffer just past one frame's worth of bytes, where the
-// intermediate image ends: one float quadruple per eight output columns.
-#define LDC_COLUMN_TABLE_OFFSET(iWidth, iHeight) (((iWidth) * (iHeight) * 3) / 2)
+// The column table starts the scratch behind the intermediate image (records/work_buffer.h):
+// one float quadruple per eight output columns.
+#define LDC_COLUMN_TABLE_OFFSET(iWidth, iHeight) LDC_WORK_SCRATCH_OFFSET(iWidth, iHeight)
 #define LDC_COLUMN_TABLE_BYTES(iLeft, iRight) ((size_t)(((iRight) - (iLeft) + 8) & ~7) * 2)
 
 #ifdef __cplusplus

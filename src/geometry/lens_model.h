@@ -8,7 +8,7 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 
 #define LDC_AREA_FACE 0   // GetUndistortedArea modes
 #define LDC_AREA_LENS 1

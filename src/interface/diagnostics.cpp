@@ -7,6 +7,7 @@
 
 #include "boundscheck/bounds_check.h"
 #include "platform/platform.h"
+#include "records/ldc_para.h"
 
 #define LDC_DUMP_TEXT_LEN 2048   // face text and file paths
 #define LDC_DUMP_TIME_LEN 64
@@ -71,7 +72,7 @@ void DumpFrames(const ST_LDC_FRAME_INFO *pstFrameInfo, const uint8_t *pucIn, con
 
     char acDir[LDC_DUMP_DIR_LEN];
     LdcDumpDir(acDir, sizeof(acDir));
-    const size_t uBytes = (size_t)pstFrameInfo->iImgWidth * (size_t)pstFrameInfo->iImgHeight * 3 / 2;
+    const size_t uBytes = LdcFrameBytes(pstFrameInfo->iImgWidth, pstFrameInfo->iImgHeight);
     char acPath[LDC_DUMP_TEXT_LEN];
     // A name too long for the buffer leaves it empty, and the open then fails and is logged.
     (void)sprintf_s(acPath, sizeof(acPath), "%s%s_%s_ISO=%d_org.yuv", acDir, acTime, acFaces,

@@ -2,7 +2,6 @@
 // configuration, its camera matrix checked, its valid areas computed and one working buffer.
 #include "interface/ldc_lifecycle.h"
 
-#include <math.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,23 +9,17 @@
 #include "config/config_schema.h"
 #include "geometry/lens_model.h"
 #include "interface/diagnostics.h"
-#include "interface/ldc_para.h"
-#include "platform/neon.h"
+#include "linedetect/line_detect.h"
 #include "platform/platform.h"
+#include "records/ldc_para.h"
 #include "runtime/runtime.h"
 #include "vkt_zb_ldc.h"
 
 int32_t GetWorkBufSize(int32_t iWidth, int32_t iHeight)
 {
-    // The line check runs on the frame reduced by 8 when both sides exceed 640, by 4 otherwise.
-    const int32_t iShift = (iWidth > 640 && iHeight > 640) ? 3 : 2;
-    const int32_t iW = iWidth >> iShift;
-    const int32_t iH = iHeight >> iShift;
-    const int32_t iDiagonal = TruncF64ToS32(sqrt((double)(iW * iW + iH * iH) + 0.5));
-    // Edge map, Hough accumulator over the diagonal and the line tables of the reduced frame.
-    const int32_t iLineCheck = 2 * (3 * iW * iH + 728 * iDiagonal + 13812);
-    const int32_t iFrame = ((iWidth * iHeight * 3) >> 1) + LDC_WORKBUF_RESERVE;
-    return iLineCheck > iFrame ? iLineCheck : iFrame;
+    const uint32_t uLineCheck = LineDetectWorkSize(iWidth, iHeight);
+    const uint32_t uFrame = (uint32_t)LDC_WORK_SCRATCH_OFFSET(iWidth, iHeight) + LDC_WORKBUF_RESERVE;
+    return (int32_t)(uLineCheck > uFrame ? uLineCheck : uFrame);
 }
 
 // fAlphaShown is the fx quoted by the message: Reset quotes its already cleared instance.

@@ -1,13 +1,16 @@
-// Pieces of the frame driver that tools and tests reuse.
+// The frame driver's entry with its plan: what tools and tests use to see why a frame went the
+// way it did.
 #ifndef LDC_INTERFACE_LDC_PROCESS_H
 #define LDC_INTERFACE_LDC_PROCESS_H
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "interface/ldc_plan.h"
+#include "vkt_zb_ldc.h"
 
-// Plane pointers of a width x height frame at pucBase in the picture type's layout. For the
-// semi-planar types pU is the start of the interleaved plane whichever byte of a pair is U.
-void BuildPicture(tagST_PIC *pstPic, uint8_t *pucBase, int32_t iWidth, int32_t iHeight, int32_t ePicType);
+// IQV_LDC_Process, handing the frame's plan back in *pstPlan when it is not NULL (an empty plan,
+// the copy path, when the call returns before planning). Same logs, bytes and return codes.
+int32_t LdcProcessFrame(void *pHandle, const ST_LDC_FRAME_INFO *pstFrameInfo, uint8_t *pucIn, uint8_t *pucOut,
+                        tagST_LDC_PLAN *pstPlan);
 
 #endif

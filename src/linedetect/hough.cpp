@@ -3,7 +3,7 @@
 #include <math.h>
 
 #include "boundscheck/bounds_check.h"
-#include "linedetect/hough_internal.h"
+#include "linedetect/hough_vote.h"
 #include "platform/neon.h"
 
 int32_t HoughRhoMax(int32_t iWidth, int32_t iHeight)
@@ -22,24 +22,6 @@ size_t HoughScratchSize(int32_t iWidth, int32_t iHeight)
     const size_t uPixels = (size_t)iWidth * (size_t)iHeight;
     return LDC_HOUGH_TRIG_BYTES + uPixels * sizeof(uint32_t) + HoughAccumBytes(HoughRhoMax(iWidth, iHeight)) +
            uPixels;
-}
-
-int32_t CountLineProb(tagST_LINE_DETECT *pstLineDetect)
-{
-    const HoughS32 *piTrig = (const HoughS32 *)pstLineDetect->piTrig;
-    const HoughU32 *puiPoints = (const HoughU32 *)pstLineDetect->puiPoints;
-    const int32_t iVoters = HoughVotingPoints(pstLineDetect->iPointNum);
-    tagST_HOUGH_PASS astPass[4];
-    HoughVotePasses(pstLineDetect->iThetaNum, astPass);
-    for (const tagST_HOUGH_PASS &stPass : astPass) {
-        for (int32_t t = stPass.iFirst; t <= stPass.iLast; t++) {
-            HoughS32 *piRho0 = HoughAccumRho0(pstLineDetect, t);
-            for (int32_t i = 0; i < iVoters; i++) {
-                piRho0[HoughRho(piTrig[2 * t], piTrig[2 * t + 1], puiPoints[i])]++;
-            }
-        }
-    }
-    return 0;
 }
 
 // The walk of one peak: the map it reads, the peak it reports and the line records it fills.

@@ -6,44 +6,15 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "linedetect/hough_vote.h"
+#include "records/lines.h"
 #include "vkt_zb_ldc.h"   // LDC_EXPORT
 
-#define LDC_HOUGH_MAX_LINES 1000   // room for line records supplied by the caller
-#define LDC_HOUGH_THETA_NUM 180    // whole degrees 0..179
-
-typedef struct stPoint {
-    int32_t x;   // column
-    int32_t y;   // row
-} stPoint;
-
-typedef struct stLine {
-    int32_t rho;     // floor(x cos(theta) + y sin(theta)) in Q15 arithmetic; may be negative
-    int32_t theta;   // degrees, 0..179
-    stPoint Pnt0;    // where the run began
-    stPoint Pnt1;    // first empty pixel after the run
-} stLine;
-
-// Argument record of the voting step. The accumulator has LDC_HOUGH_THETA_NUM + 2 rows of
-// 2 * iRhoMax + 3 counters: row t + 1 is angle t, column iRhoMax + 1 + rho; the outer rows and
-// columns are a zero guard band so that every real cell has four neighbours.
-typedef struct tagST_LINE_DETECT {
-    int32_t iPointNum;       // entries in puiPoints
-    int32_t iThetaNum;       // always LDC_HOUGH_THETA_NUM
-    int32_t iRhoMax;         // R of HoughRhoMax
-    int32_t *piTrig;         // per angle: cos, sin in Q15
-    uint32_t *puiPoints;     // edge points, row + (column << 16)
-    int32_t *piAccum;        // vote counters
-} tagST_LINE_DETECT;
+#define LDC_HOUGH_TRIG_BYTES (LDC_HOUGH_THETA_NUM * 2 * 4)   // 1440: the scratch's trig table
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-// Adds the votes of the first (iPointNum rounded down to a multiple of 4) points for the angles
-// within 22 degrees of the axes (0..22, 67..89, 90..112, 157..179). Returns 0.
-LDC_EXPORT int32_t CountLineProb(tagST_LINE_DETECT *pstLineDetect);
-// Same counts as CountLineProb.
-LDC_EXPORT int32_t CountLineProb_NEON(tagST_LINE_DETECT *pstLineDetect);
 
 // Finds up to LDC_HOUGH_MAX_LINES segments in the iWidth x iHeight edge map, sorted by theta,
 // and returns their number. pucScratch holds HoughScratchSize(iWidth, iHeight) bytes and needs

@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-#include "linedetect/hough.h"   // stPoint, stLine
+#include "records/lines.h"
 
 // Radial factor of the global face mapping for the point (fX, fY) relative to the centre:
 // ln(u + 1 / cos(atan(u))) / u with u = |p| * fK, rounded to float (asinh(u) / u, evaluated in

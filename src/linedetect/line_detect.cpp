@@ -1,11 +1,6 @@
 // Line check driver: downscale, edge map, Hough segments, joining of collinear pieces, length
 // and coverage tests, then a bend or classifier verdict per line, first failure ends the check.
-//
-// Working buffer, from its start (w x h = downscaled size):
-//   0                 LDC_LD_MAX_LINES stLine records (Hough output, compacted in place)
-//   24000             downscaled image, later the edge map
-//   24000 + w*h       Sobel output, then the Hough scratch (trig table, point list, accumulator,
-//                     run map); after detection its first bytes are the lines' alive flags.
+// It works in the first part of the working buffer's layout (records/work_buffer.h).
 #include "linedetect/line_detect.h"
 
 #include <math.h>
@@ -13,10 +8,12 @@
 
 #include "boundscheck/bounds_check.h"
 #include "linedetect/downscale.h"
+#include "linedetect/hough.h"
 #include "linedetect/line_bend.h"
 #include "linedetect/sobel.h"
 #include "linedetect/svm.h"
 #include "platform/neon.h"
+#include "records/work_buffer.h"
 
 // The downscale factor changes only when both sides are larger than this.
 static const int32_t kSmallSideLimit = 640;
@@ -31,7 +28,7 @@ uint32_t LineDetectWorkSize(int32_t iWidth, int32_t iHeight)
     const int32_t iFactor = LineDetectFactor(iWidth, iHeight);
     const int32_t iW = iWidth / iFactor;
     const int32_t iH = iHeight / iFactor;
-    return (uint32_t)LDC_LD_IMAGE_OFFSET + (uint32_t)(iW * iH) + (uint32_t)HoughScratchSize(iW, iH);
+    return (uint32_t)(LDC_WORK_LINE_SCRATCH_OFFSET(iW, iH) + HoughScratchSize(iW, iH));
 }
 
 // Rounded length of a segment; the root in double precision.
@@ -139,16 +136,65 @@ int32_t JoinDetectedLines(stLine *pstLines, int32_t iCount, uint8_t *pucAlive, f
     return iKept;
 }
 
-int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
+int32_t FindLines(const uint8_t *pucLuma, int32_t iWidth, int32_t iHeight, int32_t iFactor, int32_t iThresh,
+                  float fConnectRatio, float fLengthRatio, uint8_t *pucWork)
 {
-    const int32_t iWidth = pstPara->iImgWidth;
-    const int32_t iHeight = pstPara->iImgHeight;
-    const int32_t iFactor = LineDetectFactor(iWidth, iHeight);
     const int32_t iW = iWidth / iFactor;
     const int32_t iH = iHeight / iFactor;
-    const int32_t bClassifier = pstPara->iBendDecideMode == 1;
+    stLine *pstLines = (stLine *)pucWork;
+    uint8_t *pucImage = pucWork + LDC_WORK_LINE_IMAGE_OFFSET;
+    uint8_t *pucScratch = pucWork + LDC_WORK_LINE_SCRATCH_OFFSET(iW, iH);
 
-    if (bClassifier) {
+    DownScaleData_NEON(pucLuma, iFactor, iWidth, iHeight, pucImage);
+    CalcSobel_NEON(pucImage, pucScratch, iW, iH, iThresh);
+    memcpy_s(pucImage, (size_t)(iW * iH), pucScratch, (size_t)(iW * iH));
+
+    const int32_t iMinSide = iW < iH ? iW : iH;
+    const int32_t iCount = LineDetectionHough(pucImage, iW, iH, pstLines, iMinSide / 5, pucScratch);
+    if (iCount < 1) {
+        return 0;
+    }
+    const int32_t iMinLength = TruncF32ToS32((float)iMinSide * fLengthRatio);
+    return JoinDetectedLines(pstLines, iCount, pucScratch, fConnectRatio, iMinLength);
+}
+
+static void ScaleLine(stLine *pstLine, int32_t iFactor)
+{
+    pstLine->rho *= iFactor;
+    pstLine->Pnt0.x *= iFactor;
+    pstLine->Pnt0.y *= iFactor;
+    pstLine->Pnt1.x *= iFactor;
+    pstLine->Pnt1.y *= iFactor;
+}
+
+int32_t JudgeLines(const tagST_LDC_PARA *pstPara, stLine *pstLines, int32_t iKept, int32_t iFactor)
+{
+    const stPoint stCentre = {pstPara->iImgWidth / 2, pstPara->iImgHeight / 2};
+    // The bend strength is the fourth global coefficient: the one configuration loading refuses
+    // to be 0 in bend mode.
+    const float fBendK = pstPara->afGlobalFDCCoefficients[3];
+    for (int32_t i = 0; i < iKept; i++) {
+        stLine *pstLine = &pstLines[i];
+        ScaleLine(pstLine, iFactor);
+        const int32_t iStraight =
+            pstPara->iBendDecideMode == 1 ? SortLineBySvm(&pstPara->stSvmModel, pstLine, pstPara->iSvmFactor)
+                                          : SortLineByBendValue(pstLine, stCentre, fBendK, pstPara->iBendValue);
+        if (!iStraight) {
+            return i;
+        }
+    }
+    return iKept;
+}
+
+int32_t CheckLines(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara, tagST_LINE_CHECK *pstCheck, stLine *pstLines,
+                   int32_t iCap)
+{
+    const int32_t iFactor = LineDetectFactor(pstPara->iImgWidth, pstPara->iImgHeight);
+    pstCheck->iVerdict = 0;
+    pstCheck->iFactor = iFactor;
+    pstCheck->iKept = 0;
+    pstCheck->iJudged = 0;
+    if (pstPara->iBendDecideMode == 1) {
         SvmLoadModel(&pstPara->stSvmModel);
         // The configuration loads vectors only when it names them; without them the built-in
         // model applies.
@@ -156,45 +202,29 @@ int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
             SvmInstallDefaultModel(&pstPara->stSvmModel);
         }
     }
-    uint8_t *pucBuf = pstPara->pucWorkBuf;
-    if (pucBuf == NULL) {
+    if (pstPara->pucWorkBuf == NULL) {
         return 0;   // cannot check: leave the global correction out (checked before any write)
     }
-    stLine *pstLines = (stLine *)pucBuf;
-    uint8_t *pucImage = pucBuf + LDC_LD_IMAGE_OFFSET;
-    uint8_t *pucScratch = pucImage + iW * iH;
-
-    DownScaleData_NEON(pucLuma, iFactor, iWidth, iHeight, pucImage);
-    CalcSobel_NEON(pucImage, pucScratch, iW, iH, pstPara->iBinarizationThresh);
-    memcpy_s(pucImage, (size_t)(iW * iH), pucScratch, (size_t)(iW * iH));
-
-    const int32_t iMinSide = iW < iH ? iW : iH;
-    const int32_t iCount =
-        LineDetectionHough(pucImage, iW, iH, pstLines, iMinSide / 5, pucScratch);
-    const int32_t iMinLength = TruncF32ToS32((float)iMinSide * pstPara->fLineLengthRatio);
-    if (iCount < 1) {
-        return 1;
-    }
-    const int32_t iKept =
-        JoinDetectedLines(pstLines, iCount, pucScratch, pstPara->fConnectLineRatio, iMinLength);
-
-    const stPoint stCentre = {iWidth / 2, iHeight / 2};
-    // The bend strength is the fourth global coefficient: the one configuration loading refuses
-    // to be 0 in bend mode.
-    const float fBendK = pstPara->afGlobalFDCCoefficients[3];
-    for (int32_t i = 0; i < iKept; i++) {
-        stLine *pstLine = &pstLines[i];
-        pstLine->rho *= iFactor;
-        pstLine->Pnt0.x *= iFactor;
-        pstLine->Pnt0.y *= iFactor;
-        pstLine->Pnt1.x *= iFactor;
-        pstLine->Pnt1.y *= iFactor;
-        const int32_t iStraight =
-            bClassifier ? SortLineBySvm(&pstPara->stSvmModel, pstLine, pstPara->iSvmFactor)
-                        : SortLineByBendValue(pstLine, stCentre, fBendK, pstPara->iBendValue);
-        if (!iStraight) {
-            return 0;
+    stLine *pstKept = (stLine *)pstPara->pucWorkBuf;
+    const int32_t iKept = FindLines(pucLuma, pstPara->iImgWidth, pstPara->iImgHeight, iFactor,
+                                    pstPara->iBinarizationThresh, pstPara->fConnectLineRatio,
+                                    pstPara->fLineLengthRatio, pstPara->pucWorkBuf);
+    const int32_t iPassed = JudgeLines(pstPara, pstKept, iKept, iFactor);
+    pstCheck->iVerdict = iPassed == iKept;
+    pstCheck->iKept = iKept;
+    pstCheck->iJudged = iPassed + (iPassed < iKept);
+    const int32_t iCopied = iKept < iCap ? iKept : iCap;
+    for (int32_t i = 0; i < iCopied; i++) {
+        pstLines[i] = pstKept[i];
+        if (i >= pstCheck->iJudged) {
+            ScaleLine(&pstLines[i], iFactor);   // never judged: still in reduced pixels
         }
     }
-    return 1;
+    return pstCheck->iVerdict;
+}
+
+int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara)
+{
+    tagST_LINE_CHECK stCheck;
+    return CheckLines(pucLuma, pstPara, &stCheck, NULL, 0);
 }

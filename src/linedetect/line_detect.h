@@ -5,12 +5,10 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
-#include "linedetect/hough.h"   // stLine
+#include "records/ldc_para.h"
+#include "records/lines.h"
 #include "vkt_zb_ldc.h"
 
-#define LDC_LD_MAX_LINES 1000                                         // Hough output records
-#define LDC_LD_IMAGE_OFFSET (LDC_LD_MAX_LINES * (int32_t)sizeof(stLine))   // 24000
 #define LDC_LD_JOIN_THETA 2        // pieces up to this many degrees apart may be joined
 #define LDC_LD_JOIN_DISTANCE 2     // largest distance in pixels of a joined piece's inner end
 
@@ -27,6 +25,32 @@ LDC_EXPORT int32_t LineDetect(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara);
 }
 #endif
 
+// What one line check saw and decided. It judges the kept lines in order, each scaled to frame
+// pixels first, and stops at the first bending one: lines [0, iJudged) were judged, and when
+// iVerdict is 0 the last of them is the one that bent.
+typedef struct tagST_LINE_CHECK {
+    int32_t iVerdict;   // LineDetect's answer
+    int32_t iFactor;    // downscale factor
+    int32_t iKept;      // lines left after joining and the length and coverage tests
+    int32_t iJudged;    // lines judged, the bending one included
+} tagST_LINE_CHECK;
+
+// LineDetect, reporting what it saw in *pstCheck and copying the first min(iKept, iCap) kept
+// lines, in frame pixels, to pstLines (iCap 0: none). The same verdict, bytes and log lines.
+int32_t CheckLines(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara, tagST_LINE_CHECK *pstCheck, stLine *pstLines,
+                   int32_t iCap);
+
+// Finding: downscales the luma plane by iFactor, builds the edge map, finds the Hough segments,
+// joins them and keeps the long, well covered ones. Works in the line check's part of the working
+// buffer pucWork; returns how many lines were kept, at its start in reduced pixels.
+int32_t FindLines(const uint8_t *pucLuma, int32_t iWidth, int32_t iHeight, int32_t iFactor, int32_t iThresh,
+                  float fConnectRatio, float fLengthRatio, uint8_t *pucWork);
+
+// Judging: scales each of the iKept lines to frame pixels and judges it by the bend measure or the
+// classifier, as the record selects, until one bends (it logs that one). Returns how many lines
+// passed before it (iKept when none bends).
+int32_t JudgeLines(const tagST_LDC_PARA *pstPara, stLine *pstLines, int32_t iKept, int32_t iFactor);
+
 // Downscale factor of the check: 8 when both sides exceed 640, else 4.
 int32_t LineDetectFactor(int32_t iWidth, int32_t iHeight);
 
@@ -36,8 +60,9 @@ int32_t LineDetectFactor(int32_t iWidth, int32_t iHeight);
 int32_t JoinDetectedLines(stLine *pstLines, int32_t iCount, uint8_t *pucAlive, float fConnectRatio,
                           int32_t iMinLength);
 
-// Bytes of working buffer LineDetect uses for a frame of iWidth x iHeight:
-// 25440 + 6wh + 728 (2R + 3) with w, h the downscaled size and R the Hough rho bound.
+// Bytes of working buffer LineDetect uses for a frame of iWidth x iHeight (the first part of the
+// layout in records/work_buffer.h): 25440 + 6wh + 728 (2R + 3) with w, h the downscaled size and
+// R the Hough rho bound.
 uint32_t LineDetectWorkSize(int32_t iWidth, int32_t iHeight);
 
 #endif

@@ -5,9 +5,9 @@
 
 #include <stdint.h>
 
-#include "linedetect/hough.h"   // stLine
-#include "linedetect/svm_model.h"
-#include "vkt_zb_ldc.h"         // LDC_EXPORT
+#include "records/lines.h"
+#include "records/svm_model.h"
+#include "vkt_zb_ldc.h"   // LDC_EXPORT
 
 #define LDC_SVM_TYPE_CLASSIFY 0
 #define LDC_SVM_KERNEL_RBF 2

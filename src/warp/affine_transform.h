@@ -20,7 +20,7 @@
 
 #include <stdint.h>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "resample/resample.h"
 
 // Output rectangle; all four values must be even.

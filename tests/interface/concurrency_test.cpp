@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
 namespace {

@@ -16,7 +16,7 @@
 
 #include "config/xml_parser.h"
 #include "interface/ldc_lifecycle.h"
-#include "interface/ldc_para.h"
+#include "records/ldc_para.h"
 #include "support/malloc_fault.h"
 #include "vkt_zb_ldc.h"
 

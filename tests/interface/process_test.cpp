@@ -1,5 +1,5 @@
-// End-to-end frames through IQV_LDC_Process: every path of the frame driver, its decision fields,
-// its messages, and its output bytes against the stages composed by hand.
+// End-to-end frames through IQV_LDC_Process: every path of the frame driver, its plan and
+// decision fields, its messages, and its output bytes against the stages composed by hand.
 #include <gtest/gtest.h>
 
 #include <math.h>
@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "geometry/distortion_correct.h"
-#include "geometry/homography.h"
-#include "interface/ldc_para.h"
 #include "interface/ldc_process.h"
+#include "records/ldc_para.h"
+#include "records/work_buffer.h"
 #include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 #include "warp/fill_blank.h"
@@ -131,6 +131,7 @@ struct Result {
     int32_t iRet;
     std::vector<uint8_t> vOut;
     std::string sLog;
+    tagST_LDC_PLAN stPlan;
 };
 
 Result Process(Instance &stInst, std::vector<uint8_t> &vIn, int iW, int iH, const std::vector<ST_FACE_RECT> &vFaces)
@@ -139,7 +140,7 @@ Result Process(Instance &stInst, std::vector<uint8_t> &vIn, int iW, int iH, cons
     stResult.vOut.assign((size_t)iW * iH * 3 / 2 + kGuard, 0x5A);
     ST_LDC_FRAME_INFO stInfo = {iW, iH, 100, (int32_t)vFaces.size(), vFaces.empty() ? NULL : vFaces.data()};
     testing::internal::CaptureStderr();
-    stResult.iRet = IQV_LDC_Process(stInst.pHandle, &stInfo, vIn.data(), stResult.vOut.data());
+    stResult.iRet = LdcProcessFrame(stInst.pHandle, &stInfo, vIn.data(), stResult.vOut.data(), &stResult.stPlan);
     stResult.sLog = testing::internal::GetCapturedStderr();
     return stResult;
 }
@@ -160,8 +161,7 @@ std::vector<uint8_t> ComposeByHand(tagST_LDC_PARA *pstPara, std::vector<uint8_t>
 {
     const int iW = pstPara->iImgWidth;
     const int iH = pstPara->iImgHeight;
-    const size_t uBytes = (size_t)iW * iH * 3 / 2;
-    std::vector<uint8_t> vOut(uBytes + kGuard, 0x5A);
+    std::vector<uint8_t> vOut((size_t)iW * iH * 3 / 2 + kGuard, 0x5A);
     tagST_PIC stIn, stInter, stOut;
     BuildPicture(&stIn, vIn.data(), iW, iH, pstPara->ePicType);
     BuildPicture(&stInter, pstPara->pucWorkBuf, iW, iH, pstPara->ePicType);
@@ -178,7 +178,8 @@ std::vector<uint8_t> ComposeByHand(tagST_LDC_PARA *pstPara, std::vector<uint8_t>
     tagST_REGISTRATION_AREA stArea = {0, 0, iW, iH};
     float afMatrix[9];
     memcpy(afMatrix, pfMatrix, sizeof(afMatrix));
-    AffineTransform_neon(pstPara, &stOut, &stInter, &stOut, afMatrix, &stArea, pstPara->pucWorkBuf + uBytes);
+    AffineTransform_neon(pstPara, &stOut, &stInter, &stOut, afMatrix, &stArea,
+                         pstPara->pucWorkBuf + LDC_WORK_SCRATCH_OFFSET(iW, iH));
     return vOut;
 }
 
@@ -239,6 +240,8 @@ TEST(Process, WithoutFaceCorrectionTheOutputIsACopyWhateverTheLensFlagSays)
     EXPECT_TRUE(GuardIntact(stR.vOut, uBytes, 0x5A));
     EXPECT_EQ(stInst.Para()->iLDCEnable, 0);
     EXPECT_EQ(stInst.Para()->iFDCMode, 0);
+    EXPECT_EQ(stR.stPlan.ePath, LDC_PATH_COPY);
+    EXPECT_EQ(stR.stPlan.eRefusal, LDC_REFUSAL_FLAG);
     // Log order: entry, version, frame, faces, time, property, exit.
     const char *apcOrder[] = {"I/ZB5QU_QVLDC: Enter IQV_LDC_Process.\n", "I/ZB5QU_QVLDC: LDC Version : __QVLDC_V1.0.4<78069>__",
                               "I/ZB5QU_QVLDC: iImgWidth = 640, iImgHeight = 480, iISO = 100, iFaceNum = 1.\n",
@@ -262,6 +265,8 @@ TEST(Process, FullBudgetGivesTheLensRemapWithoutFaceWarp)
         ASSERT_EQ(stR.iRet, LDC_OK);
         EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost 100%, ret of H is 0\n")) << stR.sLog;
         EXPECT_EQ(stInst.Para()->iLDCEnable, 1);
+        EXPECT_EQ(stR.stPlan.ePath, LDC_PATH_LENS);
+        EXPECT_EQ(stR.stPlan.iFitRounds, 0);
         const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
         const std::vector<uint8_t> vExpected = ComposeByHand(stInst.Para(), vIn, afIdentity);
         const size_t uBytes = (size_t)kW * kH * 3 / 2;
@@ -270,33 +275,6 @@ TEST(Process, FullBudgetGivesTheLensRemapWithoutFaceWarp)
         EXPECT_TRUE(GuardIntact(stR.vOut, uBytes, 0x5A)) << "picture type " << ePicType;
         EXPECT_TRUE(GuardIntact(vIn, uBytes, 0xA5)) << "picture type " << ePicType;
     }
-}
-
-// The face homography the driver should fit: corners of the widened face moved towards the frame
-// centre by s = 1 + g r^2 / fx^2.
-void FitExpectedHomography(const tagST_LDC_PARA *pstPara, float fG, float *pfH)
-{
-    std::vector<tag_VECTOR> vSrc, vDst;
-    const int iCx = pstPara->iImgWidth >> 1;
-    const int iCy = pstPara->iImgHeight >> 1;
-    const float fFx = pstPara->afCameraMatrix[0];
-    for (int i = 0; i < pstPara->iFaceNum; i++) {
-        const int32_t *piR = pstPara->aiFaceRect[i];
-        const int aiX[4] = {piR[0], piR[2], piR[0], piR[2]};
-        const int aiY[4] = {piR[1], piR[1], piR[3], piR[3]};
-        for (int k = 0; k < 4; k++) {
-            const float fDx = (float)(aiX[k] - iCx);
-            const float fDy = (float)(aiY[k] - iCy);
-            const float fS = 1.0f + fG * (fDx * fDx + fDy * fDy) / (fFx * fFx);
-            vSrc.push_back({aiX[k], aiY[k]});
-            vDst.push_back({(int32_t)floorf((float)iCx + fDx * fS + 0.5f), (int32_t)floorf((float)iCy + fDy * fS + 0.5f)});
-        }
-    }
-    tagST_POINT_PAIRS stPairs = {vSrc.data(), vDst.data(), (int32_t)vSrc.size()};
-    uint8_t aucScratch[LDC_HOMOGRAPHY_SCRATCH_BYTES + 4];
-    const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    memcpy(pfH, afIdentity, sizeof(afIdentity));
-    HomographyEstimation(&stPairs, pfH, aucScratch);
 }
 
 TEST(Process, AcceptedFaceHomographyIsRemappedAndWarped)
@@ -312,11 +290,25 @@ TEST(Process, AcceptedFaceHomographyIsRemappedAndWarped)
     EXPECT_EQ(pstPara->iFaceNum, 1);
     EXPECT_EQ(pstPara->iLDCEnable, 1);
     EXPECT_EQ(pstPara->iFDCMode, 0);
-    EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost ")) << stR.sLog;
-    EXPECT_TRUE(Contains(stR.sLog, "%, ret of H is 0\n")) << stR.sLog;
-    float afH[9];
-    FitExpectedHomography(pstPara, -0.3f, afH);
-    const std::vector<uint8_t> vExpected = ComposeByHand(pstPara, vIn, afH);
+    const tagST_LDC_PLAN &stPlan = stR.stPlan;
+    EXPECT_EQ(stPlan.ePath, LDC_PATH_FACE);
+    EXPECT_EQ(stPlan.iFitStatus, 0);
+    EXPECT_LE(stPlan.iFovLost, 60);
+    char acLine[64];
+    snprintf(acLine, sizeof(acLine), "I/ZB5QU_QVLDC: FOV is lost %d%%, ret of H is 0\n", stPlan.iFovLost);
+    EXPECT_TRUE(Contains(stR.sLog, acLine)) << stR.sLog;
+    // The correction draws the face towards the frame centre: every corner of the widened face
+    // takes its pixel from closer to the centre.
+    const float *pfM = stPlan.afMatrix;
+    for (int k = 0; k < 4; k++) {
+        const float fX = (float)aiWidened[k & 1 ? 2 : 0], fY = (float)aiWidened[k & 2 ? 3 : 1];
+        const float fW = pfM[6] * fX + pfM[7] * fY + pfM[8];
+        const float fDx = (pfM[0] * fX + pfM[1] * fY + pfM[2]) / fW - kW / 2;
+        const float fDy = (pfM[3] * fX + pfM[4] * fY + pfM[5]) / fW - kH / 2;
+        EXPECT_LT(hypotf(fDx, fDy), hypotf(fX - kW / 2, fY - kH / 2)) << "corner " << k;
+    }
+    // The output is the plan carried out: the lens remap, then the warp through its matrix.
+    const std::vector<uint8_t> vExpected = ComposeByHand(pstPara, vIn, stPlan.afMatrix);
     EXPECT_EQ(0, memcmp(stR.vOut.data(), vExpected.data(), (size_t)kW * kH * 3 / 2));
     // And the face warp really moves pixels compared with the lens remap alone.
     const float afIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
@@ -337,6 +329,9 @@ TEST(Process, FieldOfViewRefusalFallsBackToCopyOrGlobalRemap)
         EXPECT_TRUE(Contains(stR.sLog, "%, more than 10%, ret of H is 0!\n")) << stR.sLog;
         EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), uBytes)) << "mode 0 copies the frame";
         EXPECT_EQ(stInst.Para()->iLDCEnable, 0);
+        EXPECT_EQ(stR.stPlan.ePath, LDC_PATH_COPY);
+        EXPECT_EQ(stR.stPlan.eRefusal, LDC_REFUSAL_FOV);
+        EXPECT_EQ(stR.stPlan.iFitRounds, 20) << "a budget of 0 is never met: every round is fitted";
     }
     {
         Instance stInst(Keys{{"FaceDistortionCorrection/CorrectionDegree", "1.0"}, {"FaceDistortionCorrection/FOVLost", "0"},
@@ -345,13 +340,25 @@ TEST(Process, FieldOfViewRefusalFallsBackToCopyOrGlobalRemap)
         ASSERT_EQ(stR.iRet, LDC_OK);
         tagST_LDC_PARA *pstPara = stInst.Para();
         EXPECT_EQ(pstPara->iFDCMode, 2);
-        // The lens flag is still on: the lens area is stretched over the frame.
+        const tagST_LDC_PLAN &stPlan = stR.stPlan;
+        EXPECT_EQ(stPlan.ePath, LDC_PATH_FALLBACK);
+        EXPECT_EQ(stPlan.eRefusal, LDC_REFUSAL_FOV);
+        char acLine[64];
+        snprintf(acLine, sizeof(acLine), "I/ZB5QU_QVLDC: FOV is lost %d%%\n", stPlan.iFovLost);
+        EXPECT_TRUE(Contains(stR.sLog, acLine)) << stR.sLog;
+        // The lens flag is still on: the lens area is stretched over the frame, uniformly, the
+        // output's corners landing inside it and one axis spanning it whole.
         ASSERT_EQ(pstPara->iLDCEnable, 1);
         const int32_t *piA = pstPara->aiLDCArea;
-        const float fS = fminf((float)(piA[2] - piA[0] + 1) / kW, (float)(piA[3] - piA[1] + 1) / kH);
-        char acLine[64];
-        snprintf(acLine, sizeof(acLine), "I/ZB5QU_QVLDC: FOV is lost %d%%\n", (int)(100.0f * (1.0f - fS)));
-        EXPECT_TRUE(Contains(stR.sLog, acLine)) << stR.sLog;
+        const float *pfM = stPlan.afMatrix;
+        EXPECT_EQ(pfM[0], pfM[4]);
+        // Slack between the mapped output and the area, left, top, right, bottom.
+        const float afSlack[4] = {pfM[2] - piA[0], pfM[5] - piA[1], piA[2] + 1 - pfM[0] * kW - pfM[2],
+                                  piA[3] + 1 - pfM[4] * kH - pfM[5]};
+        for (float fSlack : afSlack) {
+            EXPECT_GT(fSlack, -0.01f);
+        }
+        EXPECT_LT(fminf(afSlack[0] + afSlack[2], afSlack[1] + afSlack[3]), 0.1f);
         EXPECT_NE(0, memcmp(stR.vOut.data(), vIn.data(), kW * kH)) << "mode 2 remaps";
     }
 }
@@ -369,6 +376,9 @@ TEST(Process, LineCheckChoosesTheGlobalCorrectionOnlyWithoutBendingLines)
         EXPECT_EQ(pstPara->iLDCEnable, 0);
         EXPECT_EQ(pstPara->iFDCEnable, 0);
         EXPECT_FALSE(Contains(stR.sLog, "ret of H is")) << "no face homography on the global path";
+        EXPECT_EQ(stR.stPlan.ePath, LDC_PATH_GLOBAL);
+        EXPECT_TRUE(stR.stPlan.bLineCheck);
+        EXPECT_EQ(stR.stPlan.stLineCheck.iVerdict, 1);
         EXPECT_TRUE(Contains(stR.sLog, "I/ZB5QU_QVLDC: FOV is lost ")) << stR.sLog;
         EXPECT_NE(0, memcmp(stR.vOut.data(), vIn.data(), kW * kH));
     }
@@ -383,6 +393,15 @@ TEST(Process, LineCheckChoosesTheGlobalCorrectionOnlyWithoutBendingLines)
         EXPECT_TRUE(Contains(stR.sLog, "There are some lines becoming bended by using global FDC method! The bend value is "))
             << stR.sLog;
         EXPECT_TRUE(Contains(stR.sLog, "ret of H is")) << stR.sLog;
+        // The plan names the line that bent: the bar, in frame pixels.
+        const tagST_LINE_CHECK &stCheck = stR.stPlan.stLineCheck;
+        EXPECT_EQ(stCheck.iVerdict, 0);
+        ASSERT_GE(stCheck.iJudged, 1);
+        ASSERT_LE(stCheck.iJudged, LDC_PLAN_MAX_LINES);
+        const stLine &stBent = stR.stPlan.astLines[stCheck.iJudged - 1];
+        EXPECT_NEAR(stBent.Pnt0.x, kW - kW / 8, 8);
+        EXPECT_NEAR(stBent.Pnt1.x, kW - kW / 8, 8);
+        EXPECT_GT(abs(stBent.Pnt1.y - stBent.Pnt0.y), kH / 2);
     }
 }
 
@@ -397,6 +416,7 @@ TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
         EXPECT_TRUE(Contains(stR.sLog, "E/ZB5QU_QVLDC: The coordinates of faces have error!\n"));
         EXPECT_EQ(stInst.Para()->iFaceNum, 1);
         EXPECT_EQ(stInst.Para()->iFDCEnable, 0);
+        EXPECT_EQ(stR.stPlan.eRefusal, LDC_REFUSAL_BAD_FACE);
         EXPECT_EQ(0, memcmp(stR.vOut.data(), vIn.data(), (size_t)kW * kH * 3 / 2));
     }
     {
@@ -410,6 +430,7 @@ TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
         EXPECT_TRUE(Contains(stR.sLog, "Face No. 12 Coord<left, top, right, bottom>: 560, 20, 590, 60\n"));
         EXPECT_EQ(stInst.Para()->iFaceNum, 10);
         EXPECT_EQ(stInst.Para()->iFDCEnable, 0) << "several faces with MultiFacesFDCFlag 0";
+        EXPECT_EQ(stR.stPlan.eRefusal, LDC_REFUSAL_MULTI_FACES);
         EXPECT_EQ(stInst.Para()->aiFaceRect[9][0], 10 + 450 - 3);
     }
     {
@@ -419,7 +440,7 @@ TEST(Process, FaceValidationMultiFaceAndRestrictedArea)
         ASSERT_EQ((int)stInst.Para()->afCameraMatrix[2], 343);
         // Width and height 80: widened by 10 on each side.
         std::vector<ST_FACE_RECT> vInside = {{343 - 107, 235 - 107, 343 - 107 + 79, 235 - 107 + 79}};
-        Process(stInst, vIn, kW, kH, vInside);
+        EXPECT_EQ(Process(stInst, vIn, kW, kH, vInside).stPlan.eRefusal, LDC_REFUSAL_CENTRE);
         EXPECT_EQ(stInst.Para()->iFDCEnable, 0);
         std::vector<ST_FACE_RECT> vOutside = {{343 - 108, 235 - 107, 343 - 108 + 79, 235 - 107 + 79}};
         Process(stInst, vIn, kW, kH, vOutside);

@@ -4,6 +4,8 @@
 
 #include <math.h>
 
+#include <set>
+
 #include "../../tools/qvldc/qvldc_parse.cpp"
 
 namespace {
@@ -134,65 +136,44 @@ TEST(QvldcParse, FrameSizeGuess)
     EXPECT_EQ(1, stSize.iWidth);
 }
 
-TEST(QvldcParse, LibraryLog)
+TEST(QvldcParse, LibraryTime)
 {
-    const std::string strLog =
-        "I/ZB5QU_QVLDC: Enter IQV_LDC_Process.\n"
-        "unrelated line FOV is lost 99%\n"
-        "E/ZB5QU_QVLDC: FOV is lost 25%, more than 10%, ret of H is 0!\n"
-        "I/ZB5QU_QVLDC: FOV is lost 7%\n"
-        "I/ZB5QU_QVLDC: The time of IQV_LDC_Process is = 142 ms\n";
-    tagST_QV_LOG_SUMMARY stLog = ParseLibraryLog(strLog);
-    EXPECT_EQ(1, stLog.bFaceFit);
-    EXPECT_EQ(1, stLog.bFaceFitRefused);
-    EXPECT_EQ(25, stLog.iFaceFovLost);
-    EXPECT_EQ(1, stLog.bGlobal);
-    EXPECT_EQ(7, stLog.iGlobalFovLost);
-    EXPECT_EQ(142, stLog.iTimeMs);
-    EXPECT_EQ(1, stLog.iErrors);
-    EXPECT_EQ(0, stLog.bFaceEdgeRefused);
-
-    stLog = ParseLibraryLog(
-        "I/ZB5QU_QVLDC: FOV is lost 4%, ret of H is -3\n"
-        "E/ZB5QU_QVLDC: bFDCEffect = 0\n"
-        "I/ZB5QU_QVLDC: There are some lines becoming bended by using global FDC method! The SvmPredict value is 0\n");
-    EXPECT_EQ(1, stLog.bFaceFit);
-    EXPECT_EQ(0, stLog.bFaceFitRefused);
-    EXPECT_EQ(4, stLog.iFaceFovLost);
-    EXPECT_EQ(-3, stLog.iFaceFitRet);
-    EXPECT_EQ(1, stLog.bFaceEdgeRefused);
-    EXPECT_EQ(1, stLog.bBendingLine);
-    EXPECT_EQ(0, stLog.bGlobal);
-    EXPECT_EQ(-1, stLog.iTimeMs);
+    EXPECT_EQ(142, LibraryTimeMs("I/ZB5QU_QVLDC: Enter IQV_LDC_Process.\n"
+                                 "The time of IQV_LDC_Process is = 9 ms\n"   // not the library's line
+                                 "I/ZB5QU_QVLDC: The time of IQV_LDC_Process is = 142 ms\n"));
+    EXPECT_EQ(-1, LibraryTimeMs("I/ZB5QU_QVLDC: Exit IQV_LDC_Process.\n"));
 }
 
-TEST(QvldcParse, FramePath)
+// Every path and every refusal has words of its own, and a plan's line states read as judged
+// straight lines, at most one bending line, then the lines never judged.
+TEST(QvldcParse, PlanInWords)
 {
     tagST_LDC_PARA stPara;
     memset(&stPara, 0, sizeof(stPara));
-    int32_t iFov = -1;
-    auto path = [&](const char *pcLog) { return DescribeFramePath(stPara, ParseLibraryLog(pcLog), &iFov); };
+    std::set<std::string> setTexts;
+    tagST_LDC_PLAN stPlan;
+    InitFramePlan(&stPlan);
+    for (int32_t ePath = LDC_PATH_COPY; ePath <= LDC_PATH_FALLBACK; ePath++) {
+        for (int32_t eWhy = LDC_REFUSAL_NONE; eWhy <= LDC_REFUSAL_FACE_EDGE; eWhy++) {
+            stPlan.ePath = ePath;
+            stPlan.eRefusal = eWhy;
+            setTexts.insert(DescribePlanPath(stPlan, stPara));
+        }
+    }
+    // Copy and fallback name each of the eight reasons; the lens, face and global paths give one each.
+    EXPECT_EQ(setTexts.size(), 8u + 8u + 3u);
+    stPlan.ePath = LDC_PATH_COPY;
+    stPlan.bNotFinite = 1;
+    EXPECT_EQ(0u, setTexts.count(DescribePlanPath(stPlan, stPara)));
 
-    stPara.iFDCMode = 1;
-    EXPECT_EQ("global face correction: the line check found no bending line (global face model)",
-              path("I/ZB5QU_QVLDC: FOV is lost 4%\n"));
-    EXPECT_EQ(4, iFov);
-    // Mode 2 after a refused fit: the stretch is what counts, with the lens model while LDC is on.
-    stPara.iFDCMode = 2;
-    stPara.iLDCEnable = 1;
-    EXPECT_EQ("global correction as the fallback of a refused face correction (lens model over its valid area)",
-              path("E/ZB5QU_QVLDC: FOV is lost 30%, more than 10%, ret of H is 0!\nI/ZB5QU_QVLDC: FOV is lost 2%\n"));
-    EXPECT_EQ(2, iFov);
-    stPara.iFDCMode = 0;
-    EXPECT_EQ("face homography on the lens-corrected frame", path("I/ZB5QU_QVLDC: FOV is lost 6%, ret of H is 0\n"));
-    EXPECT_EQ(6, iFov);
-    EXPECT_EQ("copy: the face correction pushed a face's outer edge out",
-              path("I/ZB5QU_QVLDC: FOV is lost 6%, ret of H is 0\nE/ZB5QU_QVLDC: bFDCEffect = 0\n"));
-    EXPECT_EQ(0, iFov);
-    EXPECT_EQ("copy: the face correction cost too much field of view",
-              path("E/ZB5QU_QVLDC: FOV is lost 30%, more than 10%, ret of H is 0!\n"));
-    EXPECT_EQ(0, iFov);
-    EXPECT_EQ("copy: no correction applies", path("I/ZB5QU_QVLDC: Exit IQV_LDC_Process.\n"));
+    stPlan.stLineCheck = {0, 4, 5, 3};   // verdict 0: the third of five kept lines bent
+    const E_QV_LINE_STATE aeExpected[5] = {QV_LINE_STRAIGHT, QV_LINE_STRAIGHT, QV_LINE_BENDS, QV_LINE_UNJUDGED,
+                                           QV_LINE_UNJUDGED};
+    for (int32_t i = 0; i < 5; i++) {
+        EXPECT_EQ(aeExpected[i], PlanLineState(stPlan, i)) << i;
+    }
+    stPlan.stLineCheck = {1, 4, 2, 2};
+    EXPECT_EQ(QV_LINE_STRAIGHT, PlanLineState(stPlan, 1));
 }
 
 TEST(QvldcParse, RepeatedLines)

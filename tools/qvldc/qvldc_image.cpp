@@ -197,7 +197,7 @@ static void DrawRect(cv::Mat &stImage, int32_t iL, int32_t iT, int32_t iR, int32
 }
 
 cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
-                    const tagST_LDC_PARA &stPara, const tagST_QV_LINE_CHECK *pstCheck,
+                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan,
                     const tagST_QV_DECISION &stDecision)
 {
     cv::Mat stOut = stBefore.clone();
@@ -211,13 +211,13 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
     // 8-bit plane of frame pixels; the plane is thickened to be visible on big frames.
     // Unjudged lines go first, thin and faint: after the first bending line they only show
     // what else the check found.
-    if (pstCheck != NULL && !pstCheck->vstLines.empty() && stPara.iImgWidth == iW && stPara.iImgHeight == iH) {
-        const int32_t aeOrder[3] = {QV_LINE_UNJUDGED, QV_LINE_STRAIGHT, QV_LINE_BENDS};
-        for (int32_t eState : aeOrder) {
+    if (PlanLineCount(stPlan) > 0) {
+        const E_QV_LINE_STATE aeOrder[3] = {QV_LINE_UNJUDGED, QV_LINE_STRAIGHT, QV_LINE_BENDS};
+        for (E_QV_LINE_STATE eState : aeOrder) {
             cv::Mat stMask = cv::Mat::zeros(iH, iW, CV_8UC1);
-            for (size_t i = 0; i < pstCheck->vstLines.size(); i++) {
-                if (pstCheck->viState[i] == eState) {
-                    DrawLine(stMask.data, &pstCheck->vstLines[i], iW);
+            for (int32_t i = 0; i < PlanLineCount(stPlan); i++) {
+                if (PlanLineState(stPlan, i) == eState) {
+                    DrawLine(stMask.data, &stPlan.astLines[i], iW);
                 }
             }
             const int32_t iRadius = eState == QV_LINE_UNJUDGED ? iThick / 2 : (eState == QV_LINE_BENDS ? 2 * iThick : iThick);
@@ -240,8 +240,8 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
     for (const ST_FACE_RECT &stFace : vstFaces) {
         DrawRect(stOut, stFace.iLeft, stFace.iTop, stFace.iRight, stFace.iBottom, stWhite, std::max(1, iThick / 2));
     }
-    for (int32_t i = 0; i < stPara.iFaceNum && i < LDC_MAX_FACES; i++) {
-        const int32_t *piRect = stPara.aiFaceRect[i];
+    for (int32_t i = 0; i < stPlan.iFaceNum; i++) {
+        const int32_t *piRect = stPlan.aiFaceRect[i];
         DrawRect(stOut, piRect[0], piRect[1], piRect[2], piRect[3], stYellow, 2 * iThick);
     }
 

@@ -9,9 +9,9 @@
 
 #include <opencv2/core.hpp>
 
-#include "interface/ldc_para.h"
-#include "qvldc_linecheck.h"
+#include "interface/ldc_plan.h"
 #include "qvldc_parse.h"
+#include "records/ldc_para.h"
 
 // One frame in a library picture type.
 typedef struct tagST_QV_FRAME {
@@ -45,12 +45,12 @@ bool SavePng(const std::string &strPath, const cv::Mat &stBgr);
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
                  std::string *pstrError);
 
-// The input frame with the faces as given (thin white) and as the library widened them (thick
-// yellow), the valid areas (cyan: lens, magenta: global face correction), the line check's
-// lines (green straight, red bending, grey unjudged; painted with the library's DrawLine) and
-// the decision text.
+// The input frame with the faces as given (thin white) and as the frame's plan widened them
+// (thick yellow), the instance's valid areas (cyan: lens, magenta: global face correction), the
+// lines the line check judged (green straight, red the one that bent, grey kept but not judged;
+// painted with the library's DrawLine) and the decision text.
 cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
-                    const tagST_LDC_PARA &stPara, const tagST_QV_LINE_CHECK *pstCheck,
+                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan,
                     const tagST_QV_DECISION &stDecision);
 
 #endif

@@ -14,13 +14,13 @@
 
 #include "config/config_schema.h"
 #include "config/xml_config.h"
-#include "interface/ldc_para.h"
+#include "interface/ldc_process.h"
 #include "qvldc_calibrate.h"
 #include "qvldc_image.h"
 #include "qvldc_io.h"
-#include "qvldc_linecheck.h"
 #include "qvldc_parse.h"
 #include "qvldc_sample.h"
+#include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
 namespace {
@@ -114,41 +114,38 @@ std::vector<tagST_QV_SIZE> ProfileSizes(const std::string &strConfig)
 struct FrameResult {
     int32_t iRet = 0;
     std::string strLog;
-    tagST_QV_LOG_SUMMARY stLog = {};
+    int32_t iTimeMs = -1;         // as the library logged it
     tagST_LDC_PARA stPara = {};   // the instance's decision fields after the frame
-    std::string strPath;          // which way the frame went, in words
-    int32_t iFovLost = 0;
-    int32_t bHaveCheck = 0;
-    tagST_QV_LINE_CHECK stCheck;
+    tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame
+    std::string strPath;          // which way the frame went and why, in words
 };
 
 std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_QV_FRAME &stFrame,
-                                       int32_t iISO, const std::vector<ST_FACE_RECT> &vstFaces,
-                                       const tagST_QV_LINE_CHECK *pstCheck)
+                                       int32_t iISO, const std::vector<ST_FACE_RECT> &vstFaces)
 {
     const tagST_LDC_PARA &stPara = stResult.stPara;
+    const tagST_LDC_PLAN &stPlan = stResult.stPlan;
     std::vector<std::string> vstrLines;
     char acLine[512];
     snprintf(acLine, sizeof(acLine), "frame %dx%d %s, ISO %d, faces %zu given / %d valid", stFrame.iWidth,
-             stFrame.iHeight, PicTypeName(stFrame.ePicType), iISO, vstFaces.size(), stPara.iFaceNum);
+             stFrame.iHeight, PicTypeName(stFrame.ePicType), iISO, vstFaces.size(), stPlan.iFaceNum);
     vstrLines.push_back(acLine);
     snprintf(acLine, sizeof(acLine), "decision: LDC enable %d, FDC enable %d, FDC mode %d", stPara.iLDCEnable,
              stPara.iFDCEnable, stPara.iFDCMode);
     vstrLines.push_back(acLine);
     vstrLines.push_back("path: " + stResult.strPath);
-    snprintf(acLine, sizeof(acLine), "field of view lost: %d%%%s", stResult.iFovLost,
-             stResult.stLog.bFaceFit && stResult.stLog.bFaceFitRefused
-                 ? (" (face fit refused at " + std::to_string(stResult.stLog.iFaceFovLost) + "%)").c_str() : "");
+    snprintf(acLine, sizeof(acLine), "field of view lost: %d%%", stPlan.iFovLost);
+    if (stPlan.iFitRounds > 0) {
+        snprintf(acLine + strlen(acLine), sizeof(acLine) - strlen(acLine),
+                 " (face fit: %d round(s), last strength %.4f, ret of H %d, loss %d%%)", stPlan.iFitRounds,
+                 (double)stPlan.fFitDegree, stPlan.iFitStatus, stPlan.iFitFovLost);
+    }
     vstrLines.push_back(acLine);
-    if (pstCheck != NULL) {
-        int32_t aiCount[3] = {0, 0, 0};
-        for (int32_t eState : pstCheck->viState) {
-            aiCount[eState]++;
-        }
-        snprintf(acLine, sizeof(acLine), "line check %s: %zu lines (%d straight, %d bend, %d not judged) -> %s",
-                 pstCheck->bRanByLibrary ? "ran" : "not run by the library, replayed", pstCheck->vstLines.size(),
-                 aiCount[QV_LINE_STRAIGHT], aiCount[QV_LINE_BENDS], aiCount[QV_LINE_UNJUDGED],
-                 pstCheck->iVerdict == 1 ? "global correction allowed" : "a line would bend");
+    if (stPlan.bLineCheck) {
+        const tagST_LINE_CHECK &stCheck = stPlan.stLineCheck;
+        snprintf(acLine, sizeof(acLine), "line check: %d lines kept, %d judged, %d drawn -> %s", stCheck.iKept,
+                 stCheck.iJudged, PlanLineCount(stPlan),
+                 stCheck.iVerdict == 1 ? "global correction allowed" : "the last judged line would bend");
         vstrLines.push_back(acLine);
     }
     snprintf(acLine, sizeof(acLine), "areas: LDC [%d, %d, %d, %d] (cyan), global FDC [%d, %d, %d, %d] (magenta)",
@@ -167,27 +164,22 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
                                 vstFaces.empty() ? NULL : vstFaces.data()};
     *pstOut = stIn;
     stResult.strLog = CaptureOutput([&] {
-        stResult.iRet = IQV_LDC_Process(pHandle, &stInfo, (uint8_t *)stIn.vucData.data(), pstOut->vucData.data());
+        stResult.iRet = LdcProcessFrame(pHandle, &stInfo, (uint8_t *)stIn.vucData.data(), pstOut->vucData.data(),
+                                        &stResult.stPlan);
     });
     PassLibraryOutput(stResult.strLog, bEcho);
-    stResult.stLog = ParseLibraryLog(stResult.strLog);
+    stResult.iTimeMs = LibraryTimeMs(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
-    stResult.strPath = DescribeFramePath(stResult.stPara, stResult.stLog, &stResult.iFovLost);
-    // The replay logs a bending line a second time; that copy is not the frame's and is dropped.
-    if (stResult.stPara.pucWorkBuf != NULL && stResult.stPara.iImgWidth == stIn.iWidth) {
-        CaptureOutput([&] { ReplayLineCheck(&stResult.stPara, stIn.vucData.data(), &stResult.stCheck); });
-        stResult.bHaveCheck = 1;
-    }
+    stResult.strPath = DescribePlanPath(stResult.stPlan, stResult.stPara);
     return stResult;
 }
 
 cv::Mat MakeOverlay(const FrameResult &stResult, const tagST_QV_FRAME &stIn, const cv::Mat &stBefore, int32_t iISO,
                     const std::vector<ST_FACE_RECT> &vstFaces)
 {
-    const tagST_QV_LINE_CHECK *pstCheck = stResult.bHaveCheck ? &stResult.stCheck : NULL;
     tagST_QV_DECISION stDecision;
-    stDecision.vstrLines = DecisionLines(stResult, stIn, iISO, vstFaces, pstCheck);
-    return DrawOverlay(stBefore, vstFaces, stResult.stPara, pstCheck, stDecision);
+    stDecision.vstrLines = DecisionLines(stResult, stIn, iISO, vstFaces);
+    return DrawOverlay(stBefore, vstFaces, stResult.stPara, stResult.stPlan, stDecision);
 }
 
 int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void **ppHandle)
@@ -269,8 +261,7 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
         fprintf(stderr, "qvldc: IQV_LDC_Process returned %d\n", stResult.iRet);
         iExit = 1;
     }
-    for (const std::string &strLine :
-         DecisionLines(stResult, stIn, iISO, vstFaces, stResult.bHaveCheck ? &stResult.stCheck : NULL)) {
+    for (const std::string &strLine : DecisionLines(stResult, stIn, iISO, vstFaces)) {
         printf("%s\n", strLine.c_str());
     }
     auto save = [&](bool bOk, const std::string &strPath) {
@@ -329,12 +320,12 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, co
     const tagST_LDC_PARA &stPara = stResult.stPara;
     char acRow[1024];
     snprintf(acRow, sizeof(acRow), "\"%s\",%d,%d,%d,%zu,%d,%d,%d,%d,%d,\"%s\",%d\n", strName.c_str(),
-             stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stPara.iFaceNum,
-             stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stResult.iFovLost,
-             stResult.strPath.c_str(), stResult.stLog.iTimeMs);
+             stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stResult.stPlan.iFaceNum,
+             stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stResult.stPlan.iFovLost,
+             stResult.strPath.c_str(), stResult.iTimeMs);
     *pstrCsv += acRow;
     fprintf(stderr, "%s %s: mode %d, LDC %d, FDC %d, FOV lost %d%%, %s\n", strCount.c_str(), strName.c_str(),
-            stPara.iFDCMode, stPara.iLDCEnable, stPara.iFDCEnable, stResult.iFovLost, stResult.strPath.c_str());
+            stPara.iFDCMode, stPara.iLDCEnable, stPara.iFDCEnable, stResult.stPlan.iFovLost, stResult.strPath.c_str());
     return bOk;
 }
 

@@ -213,45 +213,19 @@ bool IsLibraryLogLine(const std::string &strLine)
            strLine.compare(1, sizeof(s_acLogTag) - 1, s_acLogTag) == 0;
 }
 
-tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog)
+int32_t LibraryTimeMs(const std::string &strLog)
 {
-    tagST_QV_LOG_SUMMARY stSummary = {};
-    stSummary.iTimeMs = -1;
     std::istringstream stream(strLog);
     std::string strLine;
+    int32_t iTimeMs = -1;
     while (std::getline(stream, strLine)) {
-        if (!IsLibraryLogLine(strLine)) {
-            continue;
-        }
-        const char *pcMsg = strLine.c_str() + sizeof(s_acLogTag);
-        if (strLine[0] == 'E') {
-            stSummary.iErrors++;
-        }
-        int32_t iA = 0;
-        int32_t iB = 0;
-        int iUsed = 0;
-        // The three "FOV is lost" forms share their start; the longest is tried first.
-        if (sscanf(pcMsg, "FOV is lost %d%%, more than 10%%, ret of H is %d!%n", &iA, &iB, &iUsed) == 2 && iUsed) {
-            stSummary.bFaceFit = 1;
-            stSummary.bFaceFitRefused = 1;
-            stSummary.iFaceFovLost = iA;
-            stSummary.iFaceFitRet = iB;
-        } else if (sscanf(pcMsg, "FOV is lost %d%%, ret of H is %d%n", &iA, &iB, &iUsed) == 2 && iUsed) {
-            stSummary.bFaceFit = 1;
-            stSummary.iFaceFovLost = iA;
-            stSummary.iFaceFitRet = iB;
-        } else if (sscanf(pcMsg, "FOV is lost %d%%%n", &iA, &iUsed) == 1 && iUsed && pcMsg[iUsed] == '\0') {
-            stSummary.bGlobal = 1;
-            stSummary.iGlobalFovLost = iA;
-        } else if (strcmp(pcMsg, "bFDCEffect = 0") == 0) {
-            stSummary.bFaceEdgeRefused = 1;
-        } else if (strncmp(pcMsg, "There are some lines becoming bended", 36) == 0) {
-            stSummary.bBendingLine = 1;
-        } else if (sscanf(pcMsg, "The time of IQV_LDC_Process is = %d ms", &iA) == 1) {
-            stSummary.iTimeMs = iA;
+        int32_t iMs = 0;
+        if (IsLibraryLogLine(strLine) &&
+            sscanf(strLine.c_str() + sizeof(s_acLogTag), "The time of IQV_LDC_Process is = %d ms", &iMs) == 1) {
+            iTimeMs = iMs;
         }
     }
-    return stSummary;
+    return iTimeMs;
 }
 
 void CountRepeatedLine(const std::string &strLine, std::vector<tagST_QV_REPEAT> *pvstRepeats)
@@ -310,29 +284,58 @@ std::string JoinLines(const std::string &strText)
     return strJoined;
 }
 
-std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost)
+// Why the plan did without a face homography.
+static std::string RefusalText(const tagST_LDC_PLAN &stPlan)
 {
-    *piFovLost = 0;
-    if (stLog.bGlobal) {
-        *piFovLost = stLog.iGlobalFovLost;
-        const char *pcModel = stPara.iLDCEnable == 1 ? "lens model over its valid area"
-                                                     : "global face model";
-        if (stPara.iFDCMode == 1) {
-            return std::string("global face correction: the line check found no bending line (") + pcModel + ")";
-        }
-        return std::string("global correction as the fallback of a refused face correction (") + pcModel + ")";
+    switch (stPlan.eRefusal) {
+    case LDC_REFUSAL_FLAG:
+        return "face correction is off (FDCFlag)";
+    case LDC_REFUSAL_BAD_FACE:
+        return "a face rectangle is less than two pixels wide or high";
+    case LDC_REFUSAL_NO_FACE:
+        return "no valid face";
+    case LDC_REFUSAL_MULTI_FACES:
+        return "several faces and MultiFacesFDCFlag off";
+    case LDC_REFUSAL_CENTRE:
+        return "every face inside the restricted centre";
+    case LDC_REFUSAL_FOV:
+        return "the face correction cost too much field of view";
+    case LDC_REFUSAL_FACE_EDGE:
+        return "the face correction pushed the outer edge of face " + std::to_string(stPlan.iRefusedFace + 1) + " out";
+    default:
+        return "no correction applies";
     }
-    if (stLog.bFaceFit && !stLog.bFaceFitRefused && !stLog.bFaceEdgeRefused) {
-        *piFovLost = stLog.iFaceFovLost;
+}
+
+std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara)
+{
+    const std::string strModel = stPara.iLDCEnable == 1 ? " (lens model over its valid area)" : " (global face model)";
+    switch (stPlan.ePath) {
+    case LDC_PATH_LENS:
+        return "lens remap alone: a field-of-view budget of 100% makes no face fit";
+    case LDC_PATH_FACE:
         return "face homography on the lens-corrected frame";
+    case LDC_PATH_GLOBAL:
+        return "global face correction: the line check found no bending line" + strModel;
+    case LDC_PATH_FALLBACK:
+        return "global correction as the fallback of a refused face correction: " + RefusalText(stPlan) + strModel;
+    default:
+        return "copy: " + (stPlan.bNotFinite ? std::string("the warp matrix is not finite") : RefusalText(stPlan));
     }
-    if (stLog.bFaceFitRefused) {
-        return "copy: the face correction cost too much field of view";
+}
+
+int32_t PlanLineCount(const tagST_LDC_PLAN &stPlan)
+{
+    return stPlan.stLineCheck.iKept < LDC_PLAN_MAX_LINES ? stPlan.stLineCheck.iKept : LDC_PLAN_MAX_LINES;
+}
+
+E_QV_LINE_STATE PlanLineState(const tagST_LDC_PLAN &stPlan, int32_t i)
+{
+    const tagST_LINE_CHECK &stCheck = stPlan.stLineCheck;
+    if (i >= stCheck.iJudged) {
+        return QV_LINE_UNJUDGED;
     }
-    if (stLog.bFaceEdgeRefused) {
-        return "copy: the face correction pushed a face's outer edge out";
-    }
-    return "copy: no correction applies";
+    return stCheck.iVerdict == 0 && i == stCheck.iJudged - 1 ? QV_LINE_BENDS : QV_LINE_STRAIGHT;
 }
 
 const char *UsageText()
@@ -359,8 +362,9 @@ const char *UsageText()
 "  --before-png FILE     input frame as PNG\n"
 "  --overlay FILE        input frame with the faces (thin: as given, thick: widened by the\n"
 "                        library), the valid areas (cyan: lens, magenta: global face\n"
-"                        correction), the lines of the line check (green: straight enough,\n"
-"                        red: would bend, faint grey: found but not judged) and the decision\n"
+"                        correction), the lines the line check kept (green: judged straight\n"
+"                        enough, red: the one that would bend, faint grey: not judged) and\n"
+"                        the decision\n"
 "  --quiet               do not repeat the library's log, print only the decision\n"
 "\n"
 "A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
@@ -394,11 +398,13 @@ const char *UsageText()
 "    BendValue the shorter side / 250 (at least 2), SvmFactor half the shorter side.\n"
 "\n"
 "What is printed: the library's log lines (I/ZB5QU_QVLDC: ... / E/ZB5QU_QVLDC: ...) and the\n"
-"decision: which path the frame took (face homography, global correction after the line\n"
-"check, global correction as fallback, or copy), the LDC/FDC switches, the FDC mode and the\n"
-"field of view lost (as the library logged it). Anything else the library prints (its\n"
-"worker-pinning warnings on machines with fewer than four cores) comes once at the end of\n"
-"the run, with a count; numbers that differed between the copies show as '*'.\n"
+"plan the frame driver made: which path the frame took (face homography, lens remap alone,\n"
+"global correction after the line check, global correction as fallback, or copy) and, when\n"
+"face correction was refused, the check that refused it; the field of view lost and the face\n"
+"fit's rounds; the line check's counts; then the LDC/FDC switches and the FDC mode the\n"
+"instance holds. Anything else the library prints (its worker-pinning warnings on machines\n"
+"with fewer than four cores) comes once at the end of the run, with a count; numbers that\n"
+"differed between the copies show as '*'.\n"
 "\n"
 "Examples:\n"
 "  qvldc --in frame.nv21 --size 4000x3000 --config configs/qvldc_sample.xml \\\n"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "geometry/lens_model.h"
+#include "interface/ldc_plan.h"
 #include "vkt_zb_ldc.h"
 
 typedef struct tagST_QV_SIZE {
@@ -26,20 +27,6 @@ typedef struct tagST_QV_DUMP_NAME {
     int32_t iISO;
     int32_t bInput;   // 1 for "_org.yuv" (an input frame), 0 for "_output.yuv"
 } tagST_QV_DUMP_NAME;
-
-// What a tuner wants to know from one frame's log lines.
-typedef struct tagST_QV_LOG_SUMMARY {
-    int32_t bFaceFit;          // "FOV is lost %d%%, ret of H is %d" or its refused form was logged
-    int32_t iFaceFovLost;
-    int32_t iFaceFitRet;
-    int32_t bFaceFitRefused;   // the fit cost more than the budget
-    int32_t bFaceEdgeRefused;  // "bFDCEffect = 0": a face's outer edge moved too far
-    int32_t bGlobal;           // "FOV is lost %d%%" of the global or lens-only stretch
-    int32_t iGlobalFovLost;
-    int32_t bBendingLine;      // the line check logged a line that would bend
-    int32_t iTimeMs;           // -1 when no timing line was seen
-    int32_t iErrors;           // lines logged at error priority
-} tagST_QV_LOG_SUMMARY;
 
 typedef enum tagE_QV_MODE {
     QV_MODE_FRAME = 0,   // one frame (--in)
@@ -96,8 +83,9 @@ bool GuessFrameSize(uint64_t ulBytes, const std::vector<tagST_QV_SIZE> &vstProfi
 
 // Whether strLine is one of the library's host log lines ("I/ZB5QU_QVLDC: ..." / "E/ZB5QU_QVLDC: ...").
 bool IsLibraryLogLine(const std::string &strLine);
-// Reads the log lines of one frame; other lines are ignored.
-tagST_QV_LOG_SUMMARY ParseLibraryLog(const std::string &strLog);
+// The time the library logged for its frame ("The time of IQV_LDC_Process is = %d ms"); -1 when
+// it logged none.
+int32_t LibraryTimeMs(const std::string &strLog);
 
 // Lines that differ only in their numbers, counted as one line: a worker's CPU mask and thread
 // id change from stage to stage, the warning does not.
@@ -112,9 +100,20 @@ std::string RepeatedLineText(const tagST_QV_REPEAT &stRepeat);
 // Several lines of text as one, joined by "; ", for an error line.
 std::string JoinLines(const std::string &strText);
 
-// Which way IQV_LDC_Process took the frame, in words, from the decision fields it left in the
-// instance and its log; *piFovLost receives the field of view the chosen path lost (0 for a copy).
-std::string DescribeFramePath(const tagST_LDC_PARA &stPara, const tagST_QV_LOG_SUMMARY &stLog, int32_t *piFovLost);
+// Which way the frame driver took the frame and why, in words, from its plan and the instance's
+// decision fields after the frame.
+std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara);
+
+// How the line check treated the plan's line i: judged straight, the one that bent, or kept but
+// never judged (an earlier line bent).
+typedef enum tagE_QV_LINE_STATE {
+    QV_LINE_STRAIGHT = 0,
+    QV_LINE_BENDS,
+    QV_LINE_UNJUDGED
+} E_QV_LINE_STATE;
+E_QV_LINE_STATE PlanLineState(const tagST_LDC_PLAN &stPlan, int32_t i);
+// How many of the kept lines the plan holds.
+int32_t PlanLineCount(const tagST_LDC_PLAN &stPlan);
 
 // Parses argv; on false *pstrError says why. --help wins over everything else.
 bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError);

@@ -1,19 +1,47 @@
-// Pieces of the Hough transform shared by the plain and vector voting and by the detector.
-#ifndef LDC_LINEDETECT_HOUGH_INTERNAL_H
-#define LDC_LINEDETECT_HOUGH_INTERNAL_H
+// Voting step of the Hough transform: its argument record, the plain voter that defines the
+// counts and its NEON twin, and the pieces both share. The segment extraction (hough.cpp) calls
+// the NEON voter and reads the accumulator through the same pieces.
+#ifndef LDC_LINEDETECT_HOUGH_VOTE_H
+#define LDC_LINEDETECT_HOUGH_VOTE_H
 
 #include <stdint.h>
 
-#include "linedetect/hough.h"
+#include "vkt_zb_ldc.h"   // LDC_EXPORT
+
+#define LDC_HOUGH_THETA_NUM 180                        // whole degrees 0..179
+#define LDC_HOUGH_ACCUM_ROWS (LDC_HOUGH_THETA_NUM + 2)   // one guard row above and below
+
+// Argument record of the voting step. The accumulator has LDC_HOUGH_ACCUM_ROWS rows of
+// 2 * iRhoMax + 3 counters: row t + 1 is angle t, column iRhoMax + 1 + rho; the outer rows and
+// columns are a zero guard band so that every real cell has four neighbours.
+typedef struct tagST_LINE_DETECT {
+    int32_t iPointNum;       // entries in puiPoints
+    int32_t iThetaNum;       // always LDC_HOUGH_THETA_NUM
+    int32_t iRhoMax;         // R of HoughRhoMax
+    int32_t *piTrig;         // per angle: cos, sin in Q15
+    uint32_t *puiPoints;     // edge points, row + (column << 16)
+    int32_t *piAccum;        // vote counters
+} tagST_LINE_DETECT;
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Adds the votes of the first (iPointNum rounded down to a multiple of 4) points for the angles
+// within 22 degrees of the axes (0..22, 67..89, 90..112, 157..179). Returns 0.
+LDC_EXPORT int32_t CountLineProb(tagST_LINE_DETECT *pstLineDetect);
+// Same counts as CountLineProb.
+LDC_EXPORT int32_t CountLineProb_NEON(tagST_LINE_DETECT *pstLineDetect);
+
+#ifdef __cplusplus
+}
+#endif
 
 // The scratch area sits right after the w*h-byte Sobel output in the working buffer, so its
 // counters are only byte aligned when w*h is odd. Accesses go through these types, which let the
 // compiler assume nothing about alignment (no paired or multiple loads that would fault).
 typedef int32_t HoughS32 __attribute__((aligned(1)));
 typedef uint32_t HoughU32 __attribute__((aligned(1)));
-
-#define LDC_HOUGH_TRIG_BYTES (LDC_HOUGH_THETA_NUM * 2 * 4)   // 1440
-#define LDC_HOUGH_ACCUM_ROWS (LDC_HOUGH_THETA_NUM + 2)       // one guard row above and below
 
 // Voting is restricted to the angles within theta_num / 8 of the axes, taken as four passes, one
 // per quarter: the first E + 1 angles of quarters 0 and 2 and the last Q - E of quarters 1 and 3.

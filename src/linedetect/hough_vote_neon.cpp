@@ -1,5 +1,5 @@
-#include "linedetect/hough.h"
-#include "linedetect/hough_internal.h"
+// NEON twin of CountLineProb: four points per vector, the counters raised lane by lane.
+#include "linedetect/hough_vote.h"
 #include "platform/neon.h"
 
 int32_t CountLineProb_NEON(tagST_LINE_DETECT *pstLineDetect)

@@ -1,6 +1,6 @@
 // The line classifier's model record, embedded in the instance record.
-#ifndef LDC_LINEDETECT_SVM_MODEL_H
-#define LDC_LINEDETECT_SVM_MODEL_H
+#ifndef LDC_RECORDS_SVM_MODEL_H
+#define LDC_RECORDS_SVM_MODEL_H
 
 #include <stdint.h>
 

@@ -1,12 +1,13 @@
 // The instance record (its address is the caller's handle) and the picture descriptor that
 // every stage of the pipeline shares.
-#ifndef LDC_INTERFACE_LDC_PARA_H
-#define LDC_INTERFACE_LDC_PARA_H
+#ifndef LDC_RECORDS_LDC_PARA_H
+#define LDC_RECORDS_LDC_PARA_H
 
+#include <stddef.h>
 #include <stdint.h>
 
+#include "records/svm_model.h"
 #include "vkt_zb_ldc.h"
-#include "linedetect/svm_model.h"
 
 #define LDC_CFG_PATH_LEN 256
 
@@ -20,6 +21,32 @@ typedef struct tagST_PIC {
     uint8_t *pU;   // first byte of the interleaved plane for the semi-planar types
     uint8_t *pV;
 } tagST_PIC;
+
+// Bytes of a width x height 4:2:0 frame: luma, then half as much chroma.
+static inline size_t LdcFrameBytes(int32_t iWidth, int32_t iHeight)
+{
+    return (size_t)iWidth * (size_t)iHeight * 3 / 2;
+}
+
+// Plane pointers of a width x height frame at pucBase in the picture type's layout. The
+// semi-planar types get the start of the interleaved plane for both orders: their kernels copy
+// whole chroma pairs relative to it, and handed B + S + 1 for NV21 they would leave the first
+// chroma byte unwritten and touch one byte past the end of the frame.
+static inline void BuildPicture(tagST_PIC *pstPic, uint8_t *pucBase, int32_t iWidth, int32_t iHeight,
+                                int32_t ePicType)
+{
+    const int32_t iS = iWidth * iHeight;
+    pstPic->iWidth = iWidth;
+    pstPic->iHeight = iHeight;
+    pstPic->iReserved = 0;
+    pstPic->pY = pucBase;
+    pstPic->pU = pucBase + iS;
+    if (ePicType == LDC_PIC_YUV420) {
+        pstPic->pV = pucBase + iS + iS / 4;
+    } else {
+        pstPic->pV = pucBase + iS + (ePicType == LDC_PIC_NV12 ? 1 : 0);
+    }
+}
 
 typedef struct tagST_LDC_PARA {
     int32_t iImgWidth;

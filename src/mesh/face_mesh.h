@@ -1,0 +1,103 @@
+// The face mesh: a map from output pixels to lens-corrected (perspective) positions that makes
+// faces conformal and leaves the rest of the frame in perspective. The renderer takes each output
+// 2 x 2 block's source position as the lens model applied to the block's position plus the mesh
+// displacement there (FaceMeshDisplacement); a zero mesh is lens correction alone.
+//
+// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (32
+// cells along the longer side at every frame size), row-major and interleaved. It is the
+// least-squares solution of
+//   faces:       each widened face's region follows a similarity of its stereographic image that
+//                keeps the face's tangential size and takes its radial stretch out, scaled by the
+//                strength; the face is placed so that the room it frees is shared by the gaps to
+//                the frame's edge on both sides;
+//   background:  elsewhere the displacement is pulled to zero (perspective, straight lines);
+//   smoothness:  neighbouring vertices move alike, except inside faces;
+//   lines:       along each given straight segment the displacement across the segment stays
+//                affine, so the segment stays straight;
+// with the frame's edge held in place, so that the output keeps the lens-only field of view. The
+// normal equations are solved by preconditioned conjugate gradients from a warm start or from
+// the solution on half the cells, single-threaded in a fixed order: equal inputs give equal
+// floats on every target. A solution that folds is solved again at a lower strength.
+#ifndef LDC_MESH_FACE_MESH_H
+#define LDC_MESH_FACE_MESH_H
+
+#include <stdint.h>
+
+#include "geometry/lens_model.h"
+#include "linedetect/hough.h"   // stLine
+#include "platform/neon.h"      // TruncF32ToS32
+
+#define LDC_MESH_OK 0
+#define LDC_MESH_ERR_ARGS (-1)      // missing pointers, bad size, or a work area too small
+#define LDC_MESH_ERR_NUMERIC (-2)   // the solve left non-finite values; the mesh is zeroed
+#define LDC_MESH_ERR_FOLD (-3)      // even the weakest correction tried folds the map; the mesh is zeroed
+
+#define LDC_MESH_MAX_SEGMENTS 64    // straight segments used by the line term
+
+typedef struct tagST_MESH_GRID {
+    int32_t iCols;     // vertices per row; the first column lies on x = 0, the last on x = width - 1
+    int32_t iRows;     // vertex rows, likewise from y = 0 to y = height - 1
+    float fStepX;      // output pixels between neighbouring vertices
+    float fStepY;
+    float fInvStepX;
+    float fInvStepY;
+} tagST_MESH_GRID;
+
+typedef struct tagST_MESH_INPUT {
+    int32_t iWidth;
+    int32_t iHeight;
+    float fFocal;                     // fx of the camera matrix, in pixels
+    tagST_RADIAL_MODEL stLens;        // lens model: principal point and c1..c3
+    int32_t iFaceNum;
+    const int32_t (*paiFaces)[4];     // widened faces in recorded pixels: left, top, right, bottom
+    const float *pfFaceStrength;      // per face 0..1, a fade that scales fStrength, or NULL for 1
+    float fStrength;                  // 0 leaves faces as they are, 1 makes them conformal
+    int32_t iLineNum;
+    const stLine *pstLines;           // straight segments in recorded pixels, or NULL
+    const float *pfWarmStart;         // a mesh of the same grid to start from (may be the output), or NULL
+} tagST_MESH_INPUT;
+
+typedef struct tagST_MESH_STATS {
+    int32_t iIterations;         // conjugate-gradient iterations on the mesh's grid, all rounds
+    int32_t iCoarseIterations;   // on the grid of half the cells that gives a cold start its start
+    int32_t iRounds;             // solves; more than one when the map folded at a higher strength
+    float fStrength;             // the strength of the mesh returned
+    float fResidual;             // final residual relative to the right-hand side
+} tagST_MESH_STATS;
+
+void FaceMeshGrid(int32_t iWidth, int32_t iHeight, tagST_MESH_GRID *pstGrid);
+
+// Bytes of the mesh (two floats per vertex) and of the solver's work area for a frame size.
+uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight);
+uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight);
+
+// Solves the mesh into pfMesh (FaceMeshBytes) using pucWork (FaceMeshWorkBytes, 8-byte aligned).
+// Without faces of any weight (none, all degenerate or outside, or strength 0) the mesh is
+// exactly zero. A map that folds is solved again at a lower strength, a few times at most.
+// Returns LDC_MESH_OK or a negative code; after a failure the mesh is zero, so a caller that
+// renders it anyway gets lens correction alone.
+int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *pucWork, uint32_t uWorkBytes,
+                      tagST_MESH_STATS *pstStats);
+
+// Displacement at the output position (fX, fY), bilinear over its cell; positions beyond the
+// frame take the nearest cell's extension.
+static inline void FaceMeshDisplacement(const tagST_MESH_GRID *pstGrid, const float *pfMesh, float fX, float fY,
+                                        float *pfDx, float *pfDy)
+{
+    const float fU = fX * pstGrid->fInvStepX;
+    const float fV = fY * pstGrid->fInvStepY;
+    int32_t iI = TruncF32ToS32(fU);
+    int32_t iJ = TruncF32ToS32(fV);
+    iI = iI < 0 ? 0 : (iI > pstGrid->iCols - 2 ? pstGrid->iCols - 2 : iI);
+    iJ = iJ < 0 ? 0 : (iJ > pstGrid->iRows - 2 ? pstGrid->iRows - 2 : iJ);
+    const float fA = fU - (float)iI;
+    const float fB = fV - (float)iJ;
+    const float *pf00 = pfMesh + 2 * (iJ * pstGrid->iCols + iI);
+    const float *pf10 = pf00 + 2 * pstGrid->iCols;
+    *pfDx = (pf00[0] + fA * (pf00[2] - pf00[0])) + fB * ((pf10[0] + fA * (pf10[2] - pf10[0])) -
+                                                         (pf00[0] + fA * (pf00[2] - pf00[0])));
+    *pfDy = (pf00[1] + fA * (pf00[3] - pf00[1])) + fB * ((pf10[1] + fA * (pf10[3] - pf10[1])) -
+                                                         (pf00[1] + fA * (pf00[3] - pf00[1])));
+}
+
+#endif

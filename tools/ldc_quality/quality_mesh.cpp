@@ -1,0 +1,264 @@
+#include "quality_mesh.h"
+
+#include <math.h>
+#include <string.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+
+#include "records/ldc_para.h"
+
+namespace {
+
+// The scene's lines as a detector on the recording would report them: end points of the part
+// inside the frame, in recorded pixels, longest first.
+std::vector<stLine> RecordedSegments(const tagST_QS_SCENE &stScene)
+{
+    const tagST_QS_LENS &stLens = stScene.stLens;
+    std::vector<std::pair<double, stLine>> vstSorted;
+    for (const tagST_QS_LINE &stSceneLine : stScene.vstLines) {
+        double dQx0, dQy0, dQx1, dQy1;
+        if (!CorrectedOfRay(stLens, stSceneLine.adP0, &dQx0, &dQy0) || !CorrectedOfRay(stLens, stSceneLine.adP1, &dQx1, &dQy1)) {
+            continue;
+        }
+        // Clip the corrected segment to the frame (Liang-Barsky).
+        double dT0 = 0, dT1 = 1;
+        const double adP[4] = {-(dQx1 - dQx0), dQx1 - dQx0, -(dQy1 - dQy0), dQy1 - dQy0};
+        const double adQ[4] = {dQx0, stLens.iWidth - 1 - dQx0, dQy0, stLens.iHeight - 1 - dQy0};
+        bool bVisible = true;
+        for (int32_t k = 0; k < 4 && bVisible; k++) {
+            if (adP[k] == 0) {
+                bVisible = adQ[k] >= 0;
+            } else if (adP[k] < 0) {
+                dT0 = std::max(dT0, adQ[k] / adP[k]);
+            } else {
+                dT1 = std::min(dT1, adQ[k] / adP[k]);
+            }
+        }
+        if (!bVisible || dT1 <= dT0) {
+            continue;
+        }
+        double dPx0, dPy0, dPx1, dPy1;
+        LensForward(stLens, dQx0 + dT0 * (dQx1 - dQx0), dQy0 + dT0 * (dQy1 - dQy0), &dPx0, &dPy0);
+        LensForward(stLens, dQx0 + dT1 * (dQx1 - dQx0), dQy0 + dT1 * (dQy1 - dQy0), &dPx1, &dPy1);
+        stLine stSeg;
+        memset(&stSeg, 0, sizeof(stSeg));
+        stSeg.Pnt0.x = (int32_t)lround(dPx0);
+        stSeg.Pnt0.y = (int32_t)lround(dPy0);
+        stSeg.Pnt1.x = (int32_t)lround(dPx1);
+        stSeg.Pnt1.y = (int32_t)lround(dPy1);
+        vstSorted.push_back({-hypot(dPx1 - dPx0, dPy1 - dPy0), stSeg});
+    }
+    std::stable_sort(vstSorted.begin(), vstSorted.end(),
+                     [](const std::pair<double, stLine> &a, const std::pair<double, stLine> &b) { return a.first < b.first; });
+    std::vector<stLine> vstLines;
+    for (const auto &stItem : vstSorted) {
+        vstLines.push_back(stItem.second);
+    }
+    return vstLines;
+}
+
+// Widened by an eighth of the size on every side, as the frame driver does.
+std::vector<int32_t> WidenedFaces(const std::vector<ST_FACE_RECT> &vstFaces)
+{
+    std::vector<int32_t> viFaces;
+    for (const ST_FACE_RECT &stFace : vstFaces) {
+        const int32_t iW = stFace.iRight - stFace.iLeft + 1, iH = stFace.iBottom - stFace.iTop + 1;
+        const int32_t aiRect[4] = {stFace.iLeft - (iW >> 3), stFace.iTop - (iH >> 3), stFace.iRight + (iW >> 3),
+                                   stFace.iBottom + (iH >> 3)};
+        viFaces.insert(viFaces.end(), aiRect, aiRect + 4);
+    }
+    return viFaces;
+}
+
+tagST_MESH_INPUT SceneInput(const tagST_QS_SCENE &stScene, const tagST_RADIAL_MODEL &stLens, float fStrength)
+{
+    tagST_MESH_INPUT stIn;
+    memset(&stIn, 0, sizeof(stIn));
+    stIn.iWidth = stScene.stLens.iWidth;
+    stIn.iHeight = stScene.stLens.iHeight;
+    stIn.fFocal = (float)stScene.stLens.dFx;
+    stIn.stLens = stLens;
+    stIn.fStrength = fStrength;
+    return stIn;
+}
+
+// Solves frame after frame from the previous mesh and records the largest vertex step.
+struct MeshSequence {
+    tagST_MESH_INPUT stIn;
+    std::vector<float> vfMesh, vfPrev;
+    std::vector<double> vdWork;
+    tagST_FACE_TRACK stTrack;
+
+    MeshSequence(const tagST_MESH_INPUT &stInput) : stIn(stInput)
+    {
+        vfMesh.assign(FaceMeshBytes(stIn.iWidth, stIn.iHeight) / sizeof(float), 0.0f);
+        vdWork.assign(FaceMeshWorkBytes(stIn.iWidth, stIn.iHeight) / sizeof(double) + 1, 0.0);
+        FaceTrackReset(&stTrack);
+    }
+
+    // One frame with these (widened) faces, through the track or straight; returns the step.
+    double Frame(const std::vector<int32_t> &viFaces, bool bTracked)
+    {
+        int32_t aaiOut[LDC_MAX_FACES][4];
+        float afFade[LDC_MAX_FACES];
+        const int32_t iNum = (int32_t)viFaces.size() / 4;
+        if (bTracked) {
+            stIn.iFaceNum = FaceTrackUpdate(&stTrack, (const int32_t(*)[4])viFaces.data(), iNum, aaiOut, afFade);
+            stIn.paiFaces = (const int32_t(*)[4])aaiOut;
+            stIn.pfFaceStrength = afFade;
+        } else {
+            stIn.iFaceNum = iNum;
+            stIn.paiFaces = (const int32_t(*)[4])viFaces.data();
+            stIn.pfFaceStrength = NULL;
+        }
+        vfPrev = vfMesh;
+        stIn.pfWarmStart = vfMesh.data();
+        tagST_MESH_STATS stStats;
+        FaceMeshSolve(&stIn, vfMesh.data(), (uint8_t *)vdWork.data(), (uint32_t)(vdWork.size() * sizeof(double)),
+                      &stStats);
+        double dStep = 0;
+        for (size_t i = 0; i < vfMesh.size(); i += 2) {
+            dStep = std::max(dStep, (double)hypotf(vfMesh[i] - vfPrev[i], vfMesh[i + 1] - vfPrev[i + 1]));
+        }
+        return dStep;
+    }
+};
+
+// Largest step of a run of frames, and the frames until the steps stay under 0.05 pixels.
+void RunFrames(MeshSequence *pstSeq, const std::vector<int32_t> &viFaces, int32_t iFrames, double *pdMax,
+               int32_t *piSettled)
+{
+    *pdMax = 0;
+    *piSettled = 0;
+    for (int32_t f = 0; f < iFrames; f++) {
+        const double dStep = pstSeq->Frame(viFaces, true);
+        *pdMax = std::max(*pdMax, dStep);
+        if (dStep > 0.05) {
+            *piSettled = f + 1;
+        }
+    }
+}
+
+double Millis(std::chrono::steady_clock::time_point tStart)
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - tStart).count();
+}
+
+}  // namespace
+
+void SolveSceneMesh(const tagST_QS_SCENE &stScene, float fStrength, bool bLines, tagST_QME_MESH *pstMesh)
+{
+    const tagST_QS_LENS &stLens = stScene.stLens;
+    tagST_LDC_PARA stPara;
+    memset(&stPara, 0, sizeof(stPara));
+    stPara.afCameraMatrix[0] = (float)stLens.dFx;
+    stPara.afCameraMatrix[2] = (float)stLens.dU0;
+    stPara.afCameraMatrix[5] = (float)stLens.dV0;
+    for (int32_t k = 0; k < 3; k++) {
+        stPara.afDistortionCoefficients[k] = (float)stLens.adK[k];
+    }
+    GetRadialModel(&stPara, 1, &pstMesh->stLens);
+    FaceMeshGrid(stLens.iWidth, stLens.iHeight, &pstMesh->stGrid);
+
+    const std::vector<int32_t> viFaces = WidenedFaces(stScene.vstFaces);
+    const std::vector<stLine> vstLines = bLines ? RecordedSegments(stScene) : std::vector<stLine>();
+    tagST_MESH_INPUT stIn = SceneInput(stScene, pstMesh->stLens, fStrength);
+    stIn.iFaceNum = (int32_t)stScene.vstFaces.size();
+    stIn.paiFaces = (const int32_t(*)[4])viFaces.data();
+    stIn.iLineNum = (int32_t)vstLines.size();
+    stIn.pstLines = vstLines.empty() ? NULL : vstLines.data();
+
+    const uint32_t uWork = FaceMeshWorkBytes(stLens.iWidth, stLens.iHeight);
+    std::vector<double> vdWork(uWork / sizeof(double) + 1);
+    pstMesh->vfMesh.assign(FaceMeshBytes(stLens.iWidth, stLens.iHeight) / sizeof(float), 0.0f);
+    auto tStart = std::chrono::steady_clock::now();
+    pstMesh->iStatus = FaceMeshSolve(&stIn, pstMesh->vfMesh.data(), (uint8_t *)vdWork.data(), uWork, &pstMesh->stColdStats);
+    pstMesh->dColdMs = Millis(tStart);
+    stIn.pfWarmStart = pstMesh->vfMesh.data();
+    tStart = std::chrono::steady_clock::now();
+    FaceMeshSolve(&stIn, pstMesh->vfMesh.data(), (uint8_t *)vdWork.data(), uWork, &pstMesh->stWarmStats);
+    pstMesh->dWarmMs = Millis(tStart);
+}
+
+void MeasureTemporal(const tagST_QS_SCENE &stScene, float fStrength, tagST_QME_TEMPORAL *pstTemporal)
+{
+    tagST_QME_MESH stMesh;
+    SolveSceneMesh(stScene, fStrength, false, &stMesh);
+    const tagST_MESH_INPUT stIn = SceneInput(stScene, stMesh.stLens, fStrength);
+    const std::vector<int32_t> viFaces = WidenedFaces(stScene.vstFaces);
+    const int32_t iFrames = 3 * LDC_TRACK_FADE_FRAMES;
+    std::mt19937 stRandom(15);
+    std::uniform_int_distribution<int32_t> stJitter(-3, 3);
+    auto jittered = [&]() {
+        std::vector<int32_t> vi = viFaces;
+        for (int32_t &i : vi) {
+            i += stJitter(stRandom);
+        }
+        return vi;
+    };
+    for (int32_t bTracked = 0; bTracked < 2; bTracked++) {
+        MeshSequence stSeq(stIn);
+        double dMax = 0;
+        for (int32_t f = 0; f < 2 * iFrames; f++) {
+            const double dStep = stSeq.Frame(jittered(), bTracked != 0);
+            // Counted once the faces are in: fade and first solve are the cut's business.
+            dMax = f >= iFrames ? std::max(dMax, dStep) : dMax;
+        }
+        (bTracked ? pstTemporal->dJitterTracked : pstTemporal->dJitterRaw) = dMax;
+    }
+    MeshSequence stCut(stIn);
+    RunFrames(&stCut, viFaces, iFrames, &pstTemporal->dCutInStep, &pstTemporal->iCutInFrames);
+    RunFrames(&stCut, std::vector<int32_t>(), iFrames, &pstTemporal->dCutOutStep, &pstTemporal->iCutOutFrames);
+    // The border face (the second) walks inward 10 pixels a frame.
+    MeshSequence stWalk(stIn);
+    std::vector<int32_t> viWalk = viFaces;
+    double dUnused;
+    int32_t iUnused;
+    RunFrames(&stWalk, viWalk, iFrames, &dUnused, &iUnused);
+    pstTemporal->dMovingStep = 0;
+    for (int32_t f = 0; f < iFrames; f++) {
+        viWalk[4] += 10;
+        viWalk[6] += 10;
+        pstTemporal->dMovingStep = std::max(pstTemporal->dMovingStep, stWalk.Frame(viWalk, true));
+    }
+}
+
+QualityRenderer MeshRenderer(const tagST_QME_MESH &stMesh, int32_t iW, int32_t iH)
+{
+    return [&stMesh, iW, iH](const uint8_t *pucIn, uint8_t *pucOut) {
+        std::vector<float> vfSx((size_t)iW * iH), vfSy((size_t)iW * iH);
+        for (int32_t y = 0; y < iH; y++) {
+            for (int32_t x = 0; x < iW; x++) {
+                float fDx, fDy;
+                FaceMeshDisplacement(&stMesh.stGrid, stMesh.vfMesh.data(), (float)x, (float)y, &fDx, &fDy);
+                const float fQx = (float)x + fDx - stMesh.stLens.fCx;
+                const float fQy = (float)y + fDy - stMesh.stLens.fCy;
+                const float fF = RadialFactorSerial(&stMesh.stLens, fQx * fQx + fQy * fQy);
+                const size_t i = (size_t)y * iW + x;
+                vfSx[i] = std::min(std::max(stMesh.stLens.fCx + fF * fQx, 0.0f), (float)(iW - 1));
+                vfSy[i] = std::min(std::max(stMesh.stLens.fCy + fF * fQy, 0.0f), (float)(iH - 1));
+            }
+        }
+        for (size_t i = 0; i < vfSx.size(); i++) {
+            const int32_t iX = std::min((int32_t)vfSx[i], iW - 2), iY = std::min((int32_t)vfSy[i], iH - 2);
+            const float fA = vfSx[i] - iX, fB = vfSy[i] - iY;
+            const uint8_t *puc = pucIn + (size_t)iY * iW + iX;
+            const float fV = (1 - fB) * ((1 - fA) * puc[0] + fA * puc[1]) + fB * ((1 - fA) * puc[iW] + fA * puc[iW + 1]);
+            pucOut[i] = (uint8_t)(fV + 0.5f);
+        }
+        // Chroma pairs (NV21) from the nearest recorded pair of each block's top-left pixel.
+        uint8_t *pucVu = pucOut + (size_t)iW * iH;
+        const uint8_t *pucInVu = pucIn + (size_t)iW * iH;
+        for (int32_t y = 0; y < iH; y += 2) {
+            for (int32_t x = 0; x < iW; x += 2) {
+                const size_t i = (size_t)y * iW + x;
+                const int32_t iCx = std::min((int32_t)(vfSx[i] * 0.5f + 0.5f), iW / 2 - 1);
+                const int32_t iCy = std::min((int32_t)(vfSy[i] * 0.5f + 0.5f), iH / 2 - 1);
+                pucVu[(size_t)(y / 2) * iW + x] = pucInVu[(size_t)iCy * iW + 2 * iCx];
+                pucVu[(size_t)(y / 2) * iW + x + 1] = pucInVu[(size_t)iCy * iW + 2 * iCx + 1];
+            }
+        }
+    };
+}

@@ -1,11 +1,9 @@
-// Equivalence harness of the affine warp: the vector bodies against their plain twins, byte for
-// byte over the whole frame, on the shared sweep of areas, matrices and picture types; then the
-// behaviour the frame driver relies on (identity, half-pixel translation, untouched border,
-// four-worker split, single-thread fallback) and the rules of the scalar companions.
+// The warp's behaviour that the frame driver relies on (identity, half-pixel translation, edge
+// samples out of the frame, the same bytes on every target, a face near the edge end to end) and
+// the rules of the scalar companions. Vector against plain over the sweep: the resampling core's
+// harness (tests/resample).
 #include <gtest/gtest.h>
-#include <sched.h>
 
-#include "support/thread_fault.h"
 #include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 #include "warp/affine_transform_cases.h"
@@ -29,17 +27,11 @@ struct AffineRun {
         para.ePicType = c.iPicType;
     }
     bool Planar() const { return c.iPicType == LDC_PIC_YUV420; }
-    // The table at an odd address, as the working buffer may give.
-    uint8_t *Table() { return scratch.data() + 3; }
-    void Plain()
-    {
-        tagST_REGISTRATION_AREA stArea = c.stArea;
-        AffineTransformBands(&para, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea, Table(), Planar(), 0);
-    }
     void Driver()
     {
         tagST_REGISTRATION_AREA stArea = c.stArea;
-        AffineTransform_neon(&para, &src.pic, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea, Table());
+        AffineTransform_neon(&para, &src.pic, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea,
+                             scratch.data() + 3);   // the table at an odd address, as the working buffer may give
     }
 };
 
@@ -51,19 +43,6 @@ std::string Locate(const AffineCase &c, size_t i)
            std::to_string(y) + ")";
 }
 
-::testing::AssertionResult SameFrame(const AffineCase &c, const AffineFrame &expected, const AffineFrame &actual,
-                                     const char *pcWhat)
-{
-    for (size_t i = 0; i < expected.FrameBytes(); i++) {
-        if (expected.bytes[i] != actual.bytes[i]) {
-            return ::testing::AssertionFailure()
-                   << pcWhat << ": first difference at " << Locate(c, i) << ": expected " << +expected.bytes[i]
-                   << ", got " << +actual.bytes[i] << "\n  " << AffineDescribe(c);
-        }
-    }
-    return ::testing::AssertionSuccess();
-}
-
 bool InsideArea(const AffineCase &c, size_t i)
 {
     const tagST_REGISTRATION_AREA &a = c.stArea;
@@ -71,39 +50,6 @@ bool InsideArea(const AffineCase &c, size_t i)
     AffineBytePosition(c.iWidth, c.iHeight, c.iPicType, i, &x, &y);
     return x >= a.iStartX && x < a.iStartX + a.iWidth && y >= a.iStartY && y < a.iStartY + a.iHeight;
 }
-
-class AffineSweep : public ::testing::TestWithParam<AffineCase> {};
-
-// The vector driver against the plain twin; the border keeps its earlier bytes.
-TEST_P(AffineSweep, VectorMatchesPlainAndBorderIsUntouched)
-{
-    const AffineCase &c = GetParam();
-    AffineRun plain(c), threaded(c);
-    plain.Plain();
-    threaded.Driver();
-    ASSERT_TRUE(SameFrame(c, plain.dst, threaded.dst, "four vector workers vs plain twin"));
-
-    AffineFrame untouched(c.iWidth, c.iHeight, c.iPicType);
-    untouched.Fill(0x3Cu);
-    size_t uChanged = 0;
-    for (size_t i = 0; i < plain.dst.FrameBytes(); i++) {
-        if (!InsideArea(c, i)) {
-            ASSERT_EQ(untouched.bytes[i], plain.dst.bytes[i]) << "written outside the area at " << Locate(c, i)
-                                                              << "\n  " << AffineDescribe(c);
-        }
-        uChanged += untouched.bytes[i] != plain.dst.bytes[i];
-    }
-    EXPECT_GT(uChanged, 0u) << AffineDescribe(c);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, AffineSweep, ::testing::ValuesIn(AffineCaseList()),
-                         [](const ::testing::TestParamInfo<AffineCase> &info) {
-                             std::string s = info.param.name + "_type" + std::to_string(info.param.iPicType);
-                             for (char &ch : s) {
-                                 ch = isalnum((unsigned char)ch) ? ch : '_';
-                             }
-                             return s + "_" + std::to_string(info.index);
-                         });
 
 const AffineCase &FindCase(const char *pcName, int32_t iType)
 {
@@ -194,35 +140,6 @@ TEST(AffineTransform, OutOfFramePositionsRepeatTheEdgeSamples)
                 }
             }
         }
-    }
-}
-
-// Restores the test thread's processors after the fallback has pinned it to core 0.
-struct ScopedAffinity {
-    cpu_set_t stSaved;
-    ScopedAffinity() { sched_getaffinity(0, sizeof(stSaved), &stSaved); }
-    ~ScopedAffinity() { sched_setaffinity(0, sizeof(stSaved), &stSaved); }
-};
-
-// Workers that cannot be started: the caller warps the whole area itself, with the same bytes,
-// and takes the first affinity slot.
-TEST(AffineTransform, ThreadCreationFailureGivesTheSameOutput)
-{
-    for (int32_t iType = 0; iType <= 2; iType++) {
-        const AffineCase &c = FindCase("odd-rows-band/wide-jitter", iType);
-        AffineRun normal(c), fallback(c);
-        normal.Driver();
-        {
-            ScopedAffinity stRestore;
-            ScopedThreadCreateFailure stFail(0);
-            testing::internal::CaptureStderr();
-            fallback.Driver();
-            const std::string log = testing::internal::GetCapturedStderr();
-            EXPECT_NE(std::string::npos, log.find("E/ZB5QU_QVLDC: Thread Create Failed i = 0!!!")) << log;
-        }
-        EXPECT_EQ(1, fallback.para.aiThreadState[0]);
-        EXPECT_EQ(0, fallback.para.aiThreadState[1]);
-        ASSERT_TRUE(SameFrame(c, normal.dst, fallback.dst, "single-thread fallback vs four workers"));
     }
 }
 

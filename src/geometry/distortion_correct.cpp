@@ -36,8 +36,8 @@ void DistortionMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBloc
 
 // The model and rectangle that iLDCEnable chooses, its column table in the working buffer, and the
 // core's workers over the rectangle.
-static int32_t RemapOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
-                           uint8_t *const *ppucDst, int32_t bNeon)
+static int32_t RunDistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
+                                    uint8_t *const *ppucDst, int32_t bNeon)
 {
     const int32_t iW = pstPara->iImgWidth;
     const int32_t iH = pstPara->iImgHeight;
@@ -63,7 +63,7 @@ static int32_t RemapOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *co
     pstPlanes->iWidth = iW;
     pstPlanes->iHeight = iH;
     pstPlanes->bPlanar = iPlanar ? 1 : 0;
-    pstPlanes->iChromaRowWidth = iW;
+    pstPlanes->iChromaRowWidth = iW;   // also for a planar frame of odd width: its rows as they always were
     stJob.iLeft = piArea[0];
     stJob.iTop = piArea[1];
     stJob.iCols = iCols;
@@ -80,11 +80,11 @@ static int32_t RemapOnCore(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *co
 int32_t DistortionCorrect_neon(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
                                uint8_t *const *ppucDst)
 {
-    return RemapOnCore(iPlanar, pstPara, ppucSrc, ppucDst, 1);
+    return RunDistortionCorrect(iPlanar, pstPara, ppucSrc, ppucDst, 1);
 }
 
 int32_t DistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, uint8_t *const *ppucSrc,
                           uint8_t *const *ppucDst)
 {
-    return RemapOnCore(iPlanar, pstPara, ppucSrc, ppucDst, 0);
+    return RunDistortionCorrect(iPlanar, pstPara, ppucSrc, ppucDst, 0);
 }

@@ -290,27 +290,27 @@ int main(int argc, char **argv)
     printf("info face path: face (%d, %d, %d, %d), degree 0.3, FOVLost 60: FOV is lost %d%%, ret of H is %d\n",
            kFace.iLeft, kFace.iTop, kFace.iRight, kFace.iBottom, iFaceLoss, iRet);
 
-    // The lens-only path: budget 100, no fit, the warp through the identity.
+    // The lens-only path: budget 100, no fit, the identity matrix: the remap writes the output.
     const std::string sLensLog = MeasureProcess(REGION_LENS, pLensHandle, &stIn, &stLens, sDir + "/lens.log");
     if (FovLossOf(sLensLog, &iRet) != 100 || pstLensPara->iLDCEnable != 1) {
         Fail("the lens-only path was not taken (see " + sDir + "/lens.log)");
     }
-    printf("info lens-only path: FOVLost 100, no face fit, identity warp matrix\n");
+    printf("info lens-only path: FOVLost 100, no face fit, identity matrix (one pass)\n");
 
     // The remap kernel alone, with the lens-only instance (its model, rectangle and working
-    // buffer), into a copy of the input as the driver prepares its intermediate image: the
-    // identity warp must then have reproduced exactly this frame.
+    // buffer), into a copy of the input as the driver frames the rectangle: the lens-only output
+    // must be exactly this frame.
     const int32_t *piArea = pstLensPara->aiLDCArea;
     memcpy(stRemap.Data(), stIn.Data(), stIn.vucBytes.size());
     {
         Capture stCapture(sDir + "/remap.log");
         OpenRegion(REGION_REMAP);
-        DistortionCorrect_neon(0, pstLensPara, &stIn.stPic, &stRemap.stPic);
+        DistortionCorrect_neon(0, pstLensPara, stIn.apucPlanes, stRemap.apucPlanes);
         CloseRegion(REGION_REMAP);
         stCapture.Finish();
     }
     if (stRemap.vucBytes != stLens.vucBytes) {
-        Fail("the lens-only output is not the remap of the input: its warp was not the identity");
+        Fail("the lens-only output is not the remap of the input");
     }
     if (stFace.vucBytes == stLens.vucBytes) {
         Fail("the face path gave the lens-only output");
@@ -322,7 +322,7 @@ int main(int argc, char **argv)
     float afFace[9];
     FaceHomography(afFace);
     tagST_REGISTRATION_AREA stArea = {0, 0, kW, kH};
-    std::vector<uint8_t> vucScratch(AFFINE_QUAD_BYTES * ((kW + 7) / 8));
+    std::vector<uint8_t> vucScratch(RESAMPLE_QUAD_BYTES * ((kW + 7) / 8));
     {
         tagST_PIC stFrame = stWarp.stPic;
         Capture stCapture(sDir + "/warp.log");

@@ -65,6 +65,7 @@ if [ ! -f "$ARMCOST_DIR/build.sh" ]; then
   exit 1
 fi
 echo "== plugin: $ARMCOST_DIR"
+mkdir -p "$ROOT/build"
 PLUGIN=$(bash "$ARMCOST_DIR/build.sh" "$ROOT/build/armcost-plugin" 2>"$ROOT/build/armcost-plugin.log" | tail -1) ||
   { cat "$ROOT/build/armcost-plugin.log" >&2; exit 1; }
 grep -h "passed" "$ROOT/build/armcost-plugin.log" | sed 's/^/   self-test: /'

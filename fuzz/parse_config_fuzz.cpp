@@ -2,36 +2,28 @@
 // sizes and then by a whole IQV_LDC_Create / IQV_LDC_Reset / IQV_LDC_Delete cycle. Seeds: the
 // shipped configurations (configs/) and the test configurations (tests/configs/).
 #include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
+#include <string>
+
+#include "buffer_pool.h"
 #include "config/config_schema.h"
+#include "fuzz_scratch.h"
 #include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
-// One file per fuzzing process; the library keeps the path in 256 bytes, so it is held in as
-// many.
-static char g_acPath[LDC_CFG_PATH_LEN];
+// One file per fuzzing process.
+static std::string g_sPath;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    const char *pcDir = getenv("TMPDIR");
-    snprintf(g_acPath, sizeof(g_acPath), "%s/ldc_parse_config_fuzz_%d.xml",
-             (pcDir != NULL && pcDir[0] != '\0') ? pcDir : "/tmp", (int)getpid());
+    g_sPath = ScratchPath("parse_config_fuzz", 0, "xml");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t uSize)
 {
-    FILE *pFile = fopen(g_acPath, "wb");
-    if (pFile == NULL) {
-        return 0;
-    }
-    const size_t uWritten = fwrite(pucData, 1, uSize, pFile);
-    fclose(pFile);
-    if (uWritten != uSize) {
+    if (!WriteScratch(g_sPath, pucData, uSize)) {
         return 0;
     }
 
@@ -43,9 +35,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t uSize)
     memset(&stPara, 0, sizeof(stPara));
     stPara.iImgWidth = s_aiSizes[uSize % 5][0];
     stPara.iImgHeight = s_aiSizes[uSize % 5][1];
-    (void)ParseConfigFile(g_acPath, &stPara);
+    (void)ParseConfigFile(g_sPath.c_str(), &stPara);
 
-    ST_LDC_INPUT_PARA stInput = {640, 480, g_acPath, LDC_PIC_NV12};
+    tagST_POOL_SCOPE stPool;
+    ST_LDC_INPUT_PARA stInput = {640, 480, g_sPath.c_str(), LDC_PIC_NV12};
     void *pHandle = NULL;
     if (IQV_LDC_Create(&pHandle, &stInput) == LDC_OK) {
         ST_LDC_INPUT_PARA stPortrait = {480, 640, NULL, LDC_PIC_YUV420};

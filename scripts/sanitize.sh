@@ -44,7 +44,7 @@ for fuzzer in "$BUILD"/fuzz/*_fuzz; do
   mkdir -p "$work"
   echo "== $name: ${FUZZ_SECONDS}s =="
   if "$fuzzer" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=2048 -timeout=10 \
-      -print_final_stats=1 -close_fd_mask=2 -artifact_prefix="$BUILD/fuzz-artifacts/$name-" \
+      -print_final_stats=1 -close_fd_mask=3 -artifact_prefix="$BUILD/fuzz-artifacts/$name-" \
       "$work" "${seeds[@]}" >"$log" 2>&1; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
     echo "$name: ${runs:-?} executions, no findings"

@@ -50,6 +50,17 @@ static inline int32x4_t VcvtqS32F32(float32x4_t v)
     return vcvtq_s32_f32(v);
 }
 
+// trunc(128 v) per lane by the same rule: scaling by 128 is exact, so ARM's fixed-point conversion
+// with 7 fraction bits gives it in one instruction.
+static inline int32x4_t VcvtqS32F32Q7(float32x4_t v)
+{
+#if defined(__arm__) || defined(__aarch64__)
+    return vcvtq_n_s32_f32(v, 7);
+#else
+    return VcvtqS32F32(vmulq_n_f32(v, 128.0f));
+#endif
+}
+
 static inline uint32_t FloatBits(float f)
 {
     uint32_t u;

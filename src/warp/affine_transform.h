@@ -2,25 +2,17 @@
 //
 // The matrix maps an output pixel (x, y) to the source position
 //   sx = (m0 x + m1 y + m2) / den,  sy = (m3 x + m4 y + m5) / den,  den = m6 x + m7 y + m8,
-// evaluated once per 2 x 2 output block. Luma is bilinear with 7-bit weights, chroma the nearest
-// sample. The caller guarantees an even rectangle; nothing is validated.
-//
-// Source positions are clamped into the source frame, per block and per axis
-// (LdcClampIndex): a homography fitted to one face's corners is exact near the face but sends
-// far output corners hundreds of pixels outside the source. The truncated position ix (NaN
-// gives 0) is limited to [0, W - 2], and a position that this moves loses its fraction: below
-// the frame it samples column 0, at or past the last column W - 1 column W - 2, so that the
-// block's second column and its right neighbours still lie in the frame and out-of-frame output
-// repeats the first or last two columns (rows likewise). Positions in [0, W - 1) x [0, H - 1),
-// which include every position whose neighbours the block reads inside the frame, keep their
-// exact bytes, as do those in (-1, 0) in the vector kernels (their fraction saturated to 0
-// anyway). Chroma and the remaining reads follow the block rules of
-// geometry/distortion_correct_reads.h, so that no read leaves the source frame (W, H >= 2).
+// evaluated once per 2 x 2 output block. The resampling core (resample/resample.h) samples the
+// blocks on four pinned workers: bilinear luma with 7-bit weights, the nearest chroma, every
+// position clamped into the source frame (a homography fitted to one face's corners is exact
+// near the face but sends far output corners hundreds of pixels outside the source; those blocks
+// repeat the edge samples). The warp gives the core the matrix's positions. The caller
+// guarantees an even rectangle; nothing is validated.
 //
 // Layout of the family:
-//   AffineTransform_neon*            four pinned workers over row bands (frame driver's entry)
-//   AffineTransformBand_neon_*       vector worker bodies (affine_transform_neon.cpp)
-//   AffineTransformBand_*            their plain twins, which define the bytes
+//   AffineTransform_neon*            the frame driver's entry: four pinned workers
+//   AffineMapGroups(_neon)           the groups' positions, with the reciprocal estimate
+//   AffineMapTail                    the tail's positions, one division per row pair
 //   AffineTransform, _NV12, _YUV420  single-threaded scalar companions with their own
 //                                    reciprocal and clamping rules (exported, not used inside)
 #ifndef LDC_WARP_AFFINE_TRANSFORM_H
@@ -28,8 +20,8 @@
 
 #include <stdint.h>
 
-#include "geometry/distortion_correct_reads.h"
 #include "records/ldc_para.h"
+#include "resample/resample.h"
 
 // Output rectangle; all four values must be even.
 typedef struct tagST_REGISTRATION_AREA {
@@ -39,31 +31,13 @@ typedef struct tagST_REGISTRATION_AREA {
     int32_t iHeight;
 } tagST_REGISTRATION_AREA;
 
-// Read-only argument of the four workers, built on the driver's stack.
-typedef struct tagST_AFFINE_TASK {
-    tagST_PIC *pstSrc;
-    tagST_PIC *pstDst;
-    int32_t iStartX;
-    int32_t iStartY;
-    int32_t iWidth;
-    int32_t iHeight;
-    float *pfMatrix;
-    uint8_t *pucScratch;   // column table: float quadruples x0 + 8k + {0, 2, 4, 6}
-    tagST_LDC_PARA *pstPara;
-} tagST_AFFINE_TASK;
-
-#define AFFINE_GROUP_COLS 8     // output columns per vector step: four 2 x 2 blocks
-#define AFFINE_QUAD_BYTES 16    // one column-table entry, four floats
-// Sum of the luma offset differences of four contiguous blocks: 2 + 4 + 6.
-#define AFFINE_CONTIGUOUS_SUM 12
-
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 // Frame driver's entry: the planar kernel for picture type 2, the semi-planar one otherwise.
-// pstFrame is accepted and not read. pucScratch needs 16 x ceil(pstSrc->iWidth / 8) bytes.
-// Always returns 0.
+// pstFrame is accepted and not read. pucScratch needs 16 x ceil(pstSrc->iWidth / 8) bytes: it
+// receives the column table. Always returns 0.
 LDC_EXPORT int32_t AffineTransform_neon(tagST_LDC_PARA *pstPara, tagST_PIC *pstFrame, tagST_PIC *pstSrc,
                                         tagST_PIC *pstDst, float *pfMatrix,
                                         tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch);
@@ -92,42 +66,40 @@ LDC_EXPORT int32_t AffineTransform(tagST_PIC *pstGeometry, tagST_PIC *pstSrc, ta
 }
 #endif
 
-// Worker bodies: pin the calling thread, then warp band iIndex of iCount (main pass over groups
-// of 8 columns, then the nearest-sample tail). The vector bodies and their plain twins produce
-// the same bytes on every target.
-int32_t AffineTransformBand_neon_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount);
-int32_t AffineTransformBand_neon_YUV420(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount);
-int32_t AffineTransformBand_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount);
-int32_t AffineTransformBand_YUV420(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount);
+// The warp over four pinned workers with the plain (bNeon 0) or vector positions and sampler:
+// AffineTransform_neon and its fixed-layout twins are the vector form; the plain one defines the
+// bytes.
+int32_t AffineTransformBands(tagST_LDC_PARA *pstPara, tagST_PIC *pstSrc, tagST_PIC *pstDst, float *pfMatrix,
+                             tagST_REGISTRATION_AREA *pstArea, uint8_t *pucScratch, int32_t bPlanar, int32_t bNeon);
 
-// Pieces shared by the vector bodies and their twins (affine_transform.cpp).
+// Source positions through the matrix (pStage: its nine floats), the warp's position functions for
+// the resampling core. The groups divide by the reciprocal estimate with two refinement steps,
+// their denominators carried along the row by 8 m6 per group; the tail takes one true division
+// per row pair.
+void AffineMapGroups(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                     const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void AffineMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
+                          const uint8_t *pucColumns, tagST_GROUP_POS *pstPos);
+void AffineMapTail(const void *pStage, int32_t iY, int32_t iX, int32_t iBlocks, tagST_GROUP_POS *pstPos);
 
-// Column table of the vector passes: ceil(iPicWidth / 8) quadruples x0 + 8k + {0, 2, 4, 6},
-// written bytewise (the table may start at any byte of the working buffer).
-void AffineFillColumnTable(uint8_t *pucScratch, int32_t iStartX, int32_t iPicWidth);
-// Claims the first free affinity slot of the first iCount and pins the thread to its core.
-void AffineClaimCore(tagST_LDC_PARA *pstPara, int32_t iCount);
-// Rows [*piRowStart, *piRowEnd) of band iIndex: even shares, the last band takes the rest.
-void AffineBandRows(const tagST_AFFINE_TASK *pstTask, int32_t iIndex, int32_t iCount, int32_t *piRowStart,
-                    int32_t *piRowEnd);
+// The groups (and the scalar companions, which share their arithmetic) add a position's row terms
+// first: den = m6 x + (m7 y + m8), sx = m0 x + (m1 y + m2), sy = m3 x + (m4 y + m5). The other
+// order changes the last bit of some positions and with it a weight, one or two levels.
+typedef struct tagST_AFFINE_ROW {
+    float fDen;
+    float fSx;
+    float fSy;
+} tagST_AFFINE_ROW;
+
+static inline tagST_AFFINE_ROW AffineRowTerms(const float *pfM, float fY)
+{
+    const tagST_AFFINE_ROW stRow = {pfM[7] * fY + pfM[8], pfM[1] * fY + pfM[2], pfM[4] * fY + pfM[5]};
+    return stRow;
+}
+
 // Start of the interleaved chroma plane: the lower of pU and pV (NV21 stores V first). Used by the
-// border fill; the warp kernels take pU as that start for both semi-planar types, as the frame
-// driver passes it.
+// border fill; the warp takes pU as that start for both semi-planar types, as the frame driver
+// passes it.
 uint8_t *AffineChromaPlane(const tagST_PIC *pstPic);
-
-// Largest block column and row of the source: W - 2 and H - 2 (0 for a side below 2).
-typedef struct tagST_AFFINE_LIMITS {
-    int32_t iInnerX;
-    int32_t iInnerY;
-} tagST_AFFINE_LIMITS;
-
-tagST_AFFINE_LIMITS AffineSourceLimits(const tagST_PIC *pstSrc);
-// The source frame block of pstSrc (size and planes as the kernels address them).
-tagST_SRC_BLOCK AffineSourceBlock(const tagST_PIC *pstSrc, int32_t bPlanar);
-
-// Nearest-sample pass over the columns right of the last whole group, one exact reciprocal per
-// row pair (the tail is treated as affine within a row).
-void AffineTail_NV12(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);
-void AffineTail_YUV420(const tagST_AFFINE_TASK *pstTask, int32_t iRowStart, int32_t iRowEnd);
 
 #endif

@@ -6,25 +6,22 @@
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/harness.h"
 
 namespace {
 
-// A destination of kCap bytes followed by guard bytes: a write past the capacity shows up there.
+// Destinations of kCap bytes between guard bytes: a write past the capacity shows up there.
 constexpr size_t kCap = 16;
-constexpr unsigned char kGuard = 0xA5;
 const char kSrc[] = "0123456789abcdefghijklmnopqrstuvwxyz";
 
-struct GuardedBuffer {
-    unsigned char auc[kCap + 16];
-    GuardedBuffer() { memset(auc, kGuard, sizeof(auc)); }
-    char *c() { return reinterpret_cast<char *>(auc); }
-    bool GuardIntact() const { return CountOf(kGuard, kCap, sizeof(auc)) == sizeof(auc) - kCap; }
-    bool Cleared() const { return CountOf(0, 0, kCap) == kCap; }
-    size_t CountOf(unsigned char uc, size_t uFrom, size_t uTo) const
-    {
-        return (size_t)std::count(auc + uFrom, auc + uTo, uc);
-    }
-};
+size_t CountOf(const ldc_test::GuardedBytes &b, uint8_t uc)
+{
+    return (size_t)std::count(b.Data(), b.Data() + b.Size(), uc);
+}
 
 int CallVsprintf(char *pcDest, size_t uDestMax, const char *pcFormat, ...)
 {
@@ -37,83 +34,97 @@ int CallVsprintf(char *pcDest, size_t uDestMax, const char *pcFormat, ...)
 
 TEST(BoundsCheck, BadDestinationIsRefusedWithoutWriting)
 {
-    GuardedBuffer b;
-    for (size_t uCap : {(size_t)0, (size_t)LDC_SECURE_MEM_MAX_LEN + 1}) {
-        EXPECT_EQ(LDC_EINVAL, memcpy_s(b.auc, uCap, kSrc, 4));
-        EXPECT_EQ(LDC_EINVAL, memmove_s(b.auc, uCap, kSrc, 4));
-        EXPECT_EQ(LDC_EINVAL, memset_s(b.auc, uCap, 0, 4));
-        EXPECT_EQ(LDC_EINVAL, strcpy_s(b.c(), uCap, "a"));
-        EXPECT_EQ(LDC_EINVAL, strncpy_s(b.c(), uCap, "a", 1));
-        EXPECT_EQ(-1, sprintf_s(b.c(), uCap, "x"));
+    const std::pair<int, std::function<int(void *, size_t)>> astCalls[] = {
+        {LDC_EINVAL, [](void *p, size_t u) { return memcpy_s(p, u, kSrc, 4); }},
+        {LDC_EINVAL, [](void *p, size_t u) { return memmove_s(p, u, kSrc, 4); }},
+        {LDC_EINVAL, [](void *p, size_t u) { return memset_s(p, u, 0, 4); }},
+        {LDC_EINVAL, [](void *p, size_t u) { return strcpy_s((char *)p, u, "a"); }},
+        {LDC_EINVAL, [](void *p, size_t u) { return strncpy_s((char *)p, u, "a", 1); }},
+        {-1, [](void *p, size_t u) { return sprintf_s((char *)p, u, "x"); }},
+    };
+    ldc_test::GuardedBytes b(kCap, 0xA5);
+    for (const auto &c : astCalls) {
+        EXPECT_EQ(c.first, c.second(b.Data(), 0));
+        EXPECT_EQ(c.first, c.second(b.Data(), LDC_SECURE_MEM_MAX_LEN + 1));
+        EXPECT_EQ(c.first, c.second(NULL, kCap));
     }
-    EXPECT_EQ(kCap + 16, b.CountOf(kGuard, 0, sizeof(b.auc)));
-    EXPECT_EQ(LDC_EINVAL, memcpy_s(NULL, kCap, kSrc, 4));
-    EXPECT_EQ(LDC_EINVAL, memmove_s(NULL, kCap, kSrc, 4));
-    EXPECT_EQ(LDC_EINVAL, memset_s(NULL, kCap, 0, 4));
-    EXPECT_EQ(LDC_EINVAL, strcpy_s(NULL, kCap, "a"));
-    EXPECT_EQ(LDC_EINVAL, strncpy_s(NULL, kCap, "a", 1));
-    EXPECT_EQ(-1, sprintf_s(NULL, kCap, "x"));
+    EXPECT_EQ(kCap, CountOf(b, 0xA5));
+    EXPECT_EQ("", b.GuardReport());
 }
 
 TEST(BoundsCheck, MemoryCopiesRefuseAndClearOnOverflowNullSourceAndOverlap)
 {
-    GuardedBuffer b;
-    EXPECT_EQ(EOK, memcpy_s(b.auc, kCap, kSrc, kCap));
-    EXPECT_EQ(0, memcmp(b.auc, kSrc, kCap));
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, memcpy_s(b.auc, kCap, kSrc, kCap + 1));
-    EXPECT_TRUE(b.Cleared());
-    memcpy(b.auc, kSrc, kCap);
-    EXPECT_EQ(LDC_EINVAL_AND_RESET, memcpy_s(b.auc, kCap, NULL, 4));
-    EXPECT_TRUE(b.Cleared());
-    EXPECT_EQ(LDC_EOVERLAP_AND_RESET, memcpy_s(b.auc, kCap, b.auc + 2, 8));
-    EXPECT_EQ(LDC_EOVERLAP_AND_RESET, memcpy_s(b.auc + 2, kCap - 2, b.auc, 8));
-    memcpy(b.auc, kSrc, kCap);
-    EXPECT_EQ(EOK, memcpy_s(b.auc, 8, b.auc + 8, 8));   // adjacent ranges do not overlap
-    EXPECT_EQ(0, memcmp(b.auc, kSrc + 8, 8));
-
-    memcpy(b.auc, kSrc, kCap);
-    EXPECT_EQ(EOK, memmove_s(b.auc + 2, kCap - 2, b.auc, 10));
-    EXPECT_EQ(0, memcmp(b.auc + 2, kSrc, 10));
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, memmove_s(b.auc, kCap, kSrc, kCap + 1));
-    EXPECT_TRUE(b.Cleared());
-    EXPECT_EQ(LDC_EINVAL_AND_RESET, memmove_s(b.auc, kCap, NULL, 1));
-
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, memset_s(b.auc, kCap, 7, kCap + 100));   // fills only what fits
-    EXPECT_EQ(kCap, b.CountOf(7, 0, kCap));
-    EXPECT_TRUE(b.GuardIntact());
+    ldc_test::GuardedBytes b(kCap, 0xA5);
+    uint8_t *p = b.Data();
+    EXPECT_EQ(EOK, memcpy_s(p, kCap, kSrc, kCap));
+    EXPECT_EQ(0, memcmp(p, kSrc, kCap));
+    // Each refusal clears its destination, which starts uOff bytes into the buffer.
+    const struct {
+        int iRet;
+        size_t uOff;
+        std::function<int(uint8_t *)> fn;
+    } astRefused[] = {
+        {LDC_ERANGE_AND_RESET, 0, [](uint8_t *d) { return memcpy_s(d, kCap, kSrc, kCap + 1); }},
+        {LDC_EINVAL_AND_RESET, 0, [](uint8_t *d) { return memcpy_s(d, kCap, NULL, 4); }},
+        {LDC_EOVERLAP_AND_RESET, 0, [](uint8_t *d) { return memcpy_s(d, kCap, d + 2, 8); }},
+        {LDC_EOVERLAP_AND_RESET, 2, [](uint8_t *d) { return memcpy_s(d, kCap - 2, d - 2, 8); }},
+        {LDC_ERANGE_AND_RESET, 0, [](uint8_t *d) { return memmove_s(d, kCap, kSrc, kCap + 1); }},
+        {LDC_EINVAL_AND_RESET, 0, [](uint8_t *d) { return memmove_s(d, kCap, NULL, 1); }},
+    };
+    for (const auto &c : astRefused) {
+        memcpy(p, kSrc, kCap);
+        EXPECT_EQ(c.iRet, c.fn(p + c.uOff));
+        EXPECT_EQ(std::string(kSrc, c.uOff) + std::string(kCap - c.uOff, '\0'), std::string((char *)p, kCap))
+            << &c - astRefused;
+    }
+    memcpy(p, kSrc, kCap);
+    EXPECT_EQ(EOK, memcpy_s(p, 8, p + 8, 8));   // adjacent ranges do not overlap
+    EXPECT_EQ(0, memcmp(p, kSrc + 8, 8));
+    memcpy(p, kSrc, kCap);
+    EXPECT_EQ(EOK, memmove_s(p + 2, kCap - 2, p, 10));
+    EXPECT_EQ(0, memcmp(p + 2, kSrc, 10));
+    EXPECT_EQ(LDC_ERANGE_AND_RESET, memset_s(p, kCap, 7, kCap + 100));   // fills only what fits
+    EXPECT_EQ(kCap, CountOf(b, 7));
+    EXPECT_EQ("", b.GuardReport());
 }
 
 TEST(BoundsCheck, StringCopiesNeedRoomForTheTerminator)
 {
-    GuardedBuffer b;
-    EXPECT_EQ(EOK, strcpy_s(b.c(), kCap, "0123456789abcde"));   // 15 characters + NUL
-    EXPECT_STREQ("0123456789abcde", b.c());
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, strcpy_s(b.c(), kCap, "0123456789abcdef"));
-    EXPECT_EQ('\0', b.c()[0]);
-    EXPECT_EQ(LDC_EINVAL_AND_RESET, strcpy_s(b.c(), kCap, NULL));
-    char acOverlap[kCap] = "abcdef";
-    EXPECT_EQ(LDC_EOVERLAP_AND_RESET, strcpy_s(acOverlap + 2, kCap - 2, acOverlap));
-    strcpy(acOverlap, "abcdef");
-    EXPECT_EQ(LDC_EOVERLAP_AND_RESET, strcpy_s(acOverlap, kCap, acOverlap + 2));
-
+    ldc_test::GuardedBytes b(kCap, 0xA5);
+    char *pc = reinterpret_cast<char *>(b.Data());
+    EXPECT_EQ(EOK, strcpy_s(pc, kCap, "0123456789abcde"));   // 15 characters + NUL
+    EXPECT_STREQ("0123456789abcde", pc);
     // strncpy_s truncates the source to the count, never to the capacity.
-    EXPECT_EQ(EOK, strncpy_s(b.c(), kCap, kSrc, 5));
-    EXPECT_STREQ("01234", b.c());
-    EXPECT_EQ(EOK, strncpy_s(b.c(), kCap, "abc", 100));
-    EXPECT_STREQ("abc", b.c());
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, strncpy_s(b.c(), kCap, kSrc, kCap));
-    EXPECT_EQ('\0', b.c()[0]);
-    EXPECT_EQ(LDC_ERANGE_AND_RESET, strncpy_s(b.c(), kCap, "a", LDC_SECURE_STRING_MAX_LEN + 1));
-    EXPECT_EQ(LDC_EINVAL_AND_RESET, strncpy_s(b.c(), kCap, NULL, 1));
-
-    EXPECT_EQ(15, sprintf_s(b.c(), kCap, "%s_%05d", "abcdefghi", 42));
-    EXPECT_STREQ("abcdefghi_00042", b.c());
-    EXPECT_EQ(-1, sprintf_s(b.c(), kCap, "%s_%06d", "abcdefghi", 42));   // a truncated text is refused
-    EXPECT_STREQ("", b.c());
-    b.c()[0] = 'x';
-    EXPECT_EQ(-1, CallVsprintf(b.c(), kCap, NULL));
-    EXPECT_EQ('\0', b.c()[0]);
-    EXPECT_TRUE(b.GuardIntact());
+    EXPECT_EQ(EOK, strncpy_s(pc, kCap, kSrc, 5));
+    EXPECT_STREQ("01234", pc);
+    EXPECT_EQ(EOK, strncpy_s(pc, kCap, "abc", 100));
+    EXPECT_STREQ("abc", pc);
+    EXPECT_EQ(15, sprintf_s(pc, kCap, "%s_%05d", "abcdefghi", 42));
+    EXPECT_STREQ("abcdefghi_00042", pc);
+    // Each refusal leaves an empty string in its destination; a truncated text is refused too.
+    char acOverlap[kCap];
+    const struct {
+        int iRet;
+        char *pcDest;
+        std::function<int()> fn;
+    } astRefused[] = {
+        {LDC_ERANGE_AND_RESET, pc, [&] { return strcpy_s(pc, kCap, "0123456789abcdef"); }},
+        {LDC_EINVAL_AND_RESET, pc, [&] { return strcpy_s(pc, kCap, NULL); }},
+        {LDC_ERANGE_AND_RESET, pc, [&] { return strncpy_s(pc, kCap, kSrc, kCap); }},
+        {LDC_ERANGE_AND_RESET, pc, [&] { return strncpy_s(pc, kCap, "a", LDC_SECURE_STRING_MAX_LEN + 1); }},
+        {LDC_EINVAL_AND_RESET, pc, [&] { return strncpy_s(pc, kCap, NULL, 1); }},
+        {-1, pc, [&] { return sprintf_s(pc, kCap, "%s_%06d", "abcdefghi", 42); }},
+        {-1, pc, [&] { return CallVsprintf(pc, kCap, NULL); }},
+        {LDC_EOVERLAP_AND_RESET, acOverlap + 2, [&] { return strcpy_s(acOverlap + 2, kCap - 2, acOverlap); }},
+        {LDC_EOVERLAP_AND_RESET, acOverlap, [&] { return strcpy_s(acOverlap, kCap, acOverlap + 2); }},
+    };
+    for (const auto &c : astRefused) {
+        strcpy(pc, "x");
+        strcpy(acOverlap, "abcdef");
+        EXPECT_EQ(c.iRet, c.fn()) << &c - astRefused;
+        EXPECT_EQ('\0', c.pcDest[0]) << &c - astRefused;
+    }
+    EXPECT_EQ("", b.GuardReport());
 }
 
 TEST(BoundsScan, SizedTextFieldsNeverOverflow)
@@ -126,13 +137,14 @@ TEST(BoundsScan, SizedTextFieldsNeverOverflow)
     EXPECT_EQ(35.0f, fB);
     EXPECT_STREQ("width", acName);
 
-    GuardedBuffer b;
-    EXPECT_EQ(1, sscanf_s("0123456789abcde", "%s", b.c(), kCap));   // fits with its terminator
-    EXPECT_STREQ("0123456789abcde", b.c());
-    EXPECT_EQ(1, sscanf_s("7 0123456789abcdef 9", "%d %s %d", &iA, b.c(), kCap, &iA));
-    EXPECT_EQ('\0', b.c()[0]);
+    ldc_test::GuardedBytes b(kCap, 0xA5);
+    char *pc = reinterpret_cast<char *>(b.Data());
+    EXPECT_EQ(1, sscanf_s("0123456789abcde", "%s", pc, kCap));   // fits with its terminator
+    EXPECT_STREQ("0123456789abcde", pc);
+    EXPECT_EQ(1, sscanf_s("7 0123456789abcdef 9", "%d %s %d", &iA, pc, kCap, &iA));
+    EXPECT_EQ('\0', pc[0]);
     EXPECT_EQ(7, iA);
-    EXPECT_TRUE(b.GuardIntact());
+    EXPECT_EQ("", b.GuardReport());
     EXPECT_EQ(0, sscanf_s("abc", "%s", acName, (size_t)0));
 
     char acTwo[2];
@@ -154,9 +166,7 @@ TEST(BoundsScan, SizedTextFieldsNeverOverflow)
 
 TEST(BoundsScan, FailuresAndEndOfInput)
 {
-    int iA = 5;
-    int iB = 5;
-    int iN = 0;
+    int iA = 5, iB = 5, iN = 0;
     EXPECT_EQ(-1, sscanf_s(NULL, "%d", &iA));
     EXPECT_EQ(-1, sscanf_s("1", NULL));
     EXPECT_EQ(-1, sscanf_s("   ", " %d", &iA));
@@ -166,9 +176,7 @@ TEST(BoundsScan, FailuresAndEndOfInput)
     EXPECT_EQ(0, sscanf_s("3", "%*d %d", &iA));       // a suppressed one counts as a conversion
     float fA = 0;
     EXPECT_EQ(2, sscanf_s("2e,0xg", "%f%*[e,]%i%n", &fA, &iB, &iN));   // dangling prefixes stay
-    EXPECT_EQ(2.0f, fA);
-    EXPECT_EQ(0, iB);
-    EXPECT_EQ(4, iN);
+    EXPECT_EQ((std::vector<float>{2.0f, 0, 4}), (std::vector<float>{fA, (float)iB, (float)iN}));
     EXPECT_EQ(0, sscanf_s("a", "b%d", &iA));
     EXPECT_EQ(0, sscanf_s("1", "%q", &iA));
     EXPECT_EQ(0, sscanf_s("abc", "%[abc", &iA));
@@ -186,16 +194,14 @@ TEST(BoundsScan, AgreesWithSscanfOnNumbers)
     const char *apcFloatFormats[] = {"%f %f %f", "%3e%g%a", "%*f %f"};
     for (const char *pcIn : apcInputs) {
         for (const char *pcFmt : apcIntFormats) {
-            long long allA[3] = {0, 0, 0};
-            long long allB[3] = {0, 0, 0};
+            long long allA[3] = {0, 0, 0}, allB[3] = {0, 0, 0};
             EXPECT_EQ(sscanf(pcIn, pcFmt, &allB[0], &allB[1], &allB[2]),
                       sscanf_s(pcIn, pcFmt, &allA[0], &allA[1], &allA[2]))
                 << pcIn << " / " << pcFmt;
             EXPECT_EQ(0, memcmp(allA, allB, sizeof(allA))) << pcIn << " / " << pcFmt;
         }
         for (const char *pcFmt : apcFloatFormats) {
-            float afA[3] = {0, 0, 0};
-            float afB[3] = {0, 0, 0};
+            float afA[3] = {0, 0, 0}, afB[3] = {0, 0, 0};
             EXPECT_EQ(sscanf(pcIn, pcFmt, &afB[0], &afB[1], &afB[2]), sscanf_s(pcIn, pcFmt, &afA[0], &afA[1], &afA[2]))
                 << pcIn << " / " << pcFmt;
             EXPECT_EQ(0, memcmp(afA, afB, sizeof(afA))) << pcIn << " / " << pcFmt;
@@ -208,10 +214,7 @@ TEST(BoundsScan, AgreesWithSscanfOnNumbers)
     long double ldV = 0;
     void *pV = NULL;
     EXPECT_EQ(5, sscanf_s("0777 -9 -1.25 2.5 0x10", "%zo %td %lf %Lg %p", &uZ, &iT, &dV, &ldV, &pV));
-    EXPECT_EQ(0777u, uZ);
-    EXPECT_EQ(-9, iT);
-    EXPECT_EQ(-1.25, dV);
-    EXPECT_EQ(2.5L, ldV);
+    EXPECT_EQ((std::vector<double>{0777, -9, -1.25, 2.5}), (std::vector<double>{(double)uZ, (double)iT, dV, (double)ldV}));
     EXPECT_EQ(reinterpret_cast<void *>(0x10), pV);
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "config/config_schema.h"
+#include "support/temp_file.h"
 
 namespace {
 
@@ -29,13 +30,12 @@ const char kProfile640[] =
 
 // Writes a configuration made of the given sections (and, unless told otherwise, the 640 x 480
 // profile) to its own file; each test names its file so that the store never reuses one.
-std::string WriteConfig(const std::string &strName, const std::string &strSections,
-                        bool bWithProfile = true)
+std::string WriteConfig(const std::string &strName, const std::string &strSections, bool bWithProfile = true)
 {
-    const std::string strPath = testing::TempDir() + "ldc_schema_" + strName + ".xml";
-    std::ofstream stOut(strPath, std::ios::binary | std::ios::trunc);
-    stOut << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Config>\n" << strSections
-          << (bWithProfile ? kProfile640 : "") << "\n</Config>\n";
+    const std::string strPath = TestScratchDir() + "ldc_schema_" + strName + ".xml";
+    std::ofstream(strPath, std::ios::binary | std::ios::trunc)
+        << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Config>\n"
+        << strSections << (bWithProfile ? kProfile640 : "") << "\n</Config>\n";
     return strPath;
 }
 
@@ -57,9 +57,15 @@ ParseOutcome Parse(const std::string &strPath, int32_t iWidth, int32_t iHeight)
     return stOut;
 }
 
-std::string ErrorLine(const char *pcMessage)
+// A refusal: the code and its one error line.
+std::pair<int32_t, std::string> Refused(const char *pcMessage, int32_t iRet = LDC_ERR_PARAM)
 {
-    return std::string("E/ZB5QU_QVLDC: ") + pcMessage + "\n";
+    return {iRet, std::string("E/ZB5QU_QVLDC: ") + pcMessage + "\n"};
+}
+
+std::pair<int32_t, std::string> Result(const ParseOutcome &stOut)
+{
+    return {stOut.iRet, stOut.strLog};
 }
 
 // The global, face-correction and line-detection fields in the order of their keys.
@@ -75,18 +81,14 @@ std::vector<float> SectionFields(const tagST_LDC_PARA &p)
 TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
 {
     const ParseOutcome stOut = Parse(TestConfigPath("no_globals.xml"), 640, 480);
-    ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
-    EXPECT_EQ("", stOut.strLog);
+    ASSERT_EQ(Result(stOut), std::make_pair(0, std::string()));
     const tagST_LDC_PARA &p = stOut.stPara;
-    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f}),
-              SectionFields(p));
-    EXPECT_EQ(0, p.iBendValue);
-    EXPECT_EQ(240, p.iSvmFactor);   // half of the shorter side
-    EXPECT_EQ(0, p.stSvmModel.aiNSv[0] | p.stSvmModel.aiNSv[1]);
-
-    EXPECT_EQ(343.0f, p.afCameraMatrix[2]);
-    EXPECT_EQ(-0.000281221f, p.afDistortionCoefficients[4]);
-    EXPECT_EQ(0.00186597f, p.afGlobalFDCCoefficients[3]);
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f}), SectionFields(p));
+    // SvmFactor is half of the shorter side.
+    EXPECT_EQ((std::vector<int32_t>{0, 240, 0, 0}),
+              (std::vector<int32_t>{p.iBendValue, p.iSvmFactor, p.stSvmModel.aiNSv[0], p.stSvmModel.aiNSv[1]}));
+    EXPECT_EQ((std::vector<float>{343.0f, -0.000281221f, 0.00186597f}),
+              (std::vector<float>{p.afCameraMatrix[2], p.afDistortionCoefficients[4], p.afGlobalFDCCoefficients[3]}));
 }
 
 TEST(ConfigSchema, FlagsAndRangesAreNormalised)
@@ -125,25 +127,28 @@ TEST(ConfigSchema, FlagsAndRangesAreNormalised)
               SectionFields(stLow.stPara));
 }
 
-TEST(ConfigSchema, ProfileServesBothOrientationsAndKeepsItsOwn)
+TEST(ConfigSchema, ProfileChoiceOrientationAndPrincipalPoint)
 {
-    const struct {
-        int32_t iWidth;
-        int32_t iHeight;
-    } astSizes[] = {{4000, 3000}, {3000, 4000}};
-    for (const auto &stSize : astSizes) {
-        const ParseOutcome stOut =
-            Parse(TestConfigPath("transposed_profile.xml"), stSize.iWidth, stSize.iHeight);
+    // A portrait profile serves both orientations and keeps its own.
+    for (const auto &stSize : {std::make_pair(4000, 3000), std::make_pair(3000, 4000)}) {
+        const ParseOutcome stOut = Parse(TestConfigPath("transposed_profile.xml"), stSize.first, stSize.second);
         ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
-        EXPECT_EQ(3000, stOut.stPara.iImgWidth);
-        EXPECT_EQ(4000, stOut.stPara.iImgHeight);
-        EXPECT_EQ(1500, stOut.stPara.iSvmFactor);
+        EXPECT_EQ((std::vector<int32_t>{3000, 4000, 1500}),
+                  (std::vector<int32_t>{stOut.stPara.iImgWidth, stOut.stPara.iImgHeight, stOut.stPara.iSvmFactor}));
     }
-}
-
-TEST(ConfigSchema, FirstMatchingProfileWinsAndShortVectorsKeepZeros)
-{
-    // Profile 2 holds the same size (from the common profile text) and must not be reached.
+    // The principal point moves to odd pixels: truncated, or an even one up by one.
+    const struct {
+        int32_t iHeight;
+        std::vector<float> vfMatrix;
+    } astPoints[] = {{3000, {3349.47f, 2001.0f, 3349.47f, 1499.0f}}, {3002, {3349.47f, 1999.0f, 3349.47f, 1501.0f}}};
+    for (const auto &c : astPoints) {
+        const ParseOutcome stOut = Parse(TestConfigPath("principal_point.xml"), 4000, c.iHeight);
+        ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
+        const float *pf = stOut.stPara.afCameraMatrix;
+        EXPECT_EQ(c.vfMatrix, (std::vector<float>{pf[0], pf[2], pf[4], pf[5]}));
+    }
+    // The first matching profile wins (profile 2 holds the same size and must not be reached);
+    // missing vector elements stay 0, then v0 0 moves to 1.
     std::string strSecond = kProfile640;
     for (size_t uPos; (uPos = strSecond.find("DistortionCorrection1")) != std::string::npos;) {
         strSecond.replace(uPos, strlen("DistortionCorrection1"), "DistortionCorrection2");
@@ -151,153 +156,92 @@ TEST(ConfigSchema, FirstMatchingProfileWinsAndShortVectorsKeepZeros)
     const std::string strPath = WriteConfig(
         "first_match",
         "<DistortionCorrection1><ImageWidth>480</ImageWidth><ImageHeight>640</ImageHeight>"
-        "<CameraMatrix>500 0 241 0 500</CameraMatrix>"
-        "<DistortionCoefficients>0.5</DistortionCoefficients>"
+        "<CameraMatrix>500 0 241 0 500</CameraMatrix><DistortionCoefficients>0.5</DistortionCoefficients>"
         "<GlobalFDCCoefficients>1 2 3 4</GlobalFDCCoefficients>"
         "<BendValue>7</BendValue><SvmFactor>99</SvmFactor></DistortionCorrection1>" + strSecond,
         false);
     const ParseOutcome stOut = Parse(strPath, 640, 480);
     ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
     const tagST_LDC_PARA &p = stOut.stPara;
-    EXPECT_EQ(480, p.iImgWidth);
-    EXPECT_EQ(640, p.iImgHeight);
-    // Missing elements stay 0 (v0 0 then moves to 1).
-    EXPECT_EQ((std::vector<float>{500, 0, 241, 0, 500, 1, 0, 0, 0}),
-              std::vector<float>(p.afCameraMatrix, p.afCameraMatrix + 9));
-    EXPECT_EQ((std::vector<float>{0.5f, 0, 0, 0, 0}),
-              std::vector<float>(p.afDistortionCoefficients, p.afDistortionCoefficients + 5));
-    EXPECT_EQ(7, p.iBendValue);
-    EXPECT_EQ(99, p.iSvmFactor);
-}
-
-TEST(ConfigSchema, PrincipalPointMovesToOddPixels)
-{
-    const ParseOutcome stTruncated = Parse(TestConfigPath("principal_point.xml"), 4000, 3000);
-    ASSERT_EQ(0, stTruncated.iRet) << stTruncated.strLog;
-    EXPECT_EQ(2001.0f, stTruncated.stPara.afCameraMatrix[2]);
-    EXPECT_EQ(1499.0f, stTruncated.stPara.afCameraMatrix[5]);
-    EXPECT_EQ(3349.47f, stTruncated.stPara.afCameraMatrix[0]);
-    EXPECT_EQ(3349.47f, stTruncated.stPara.afCameraMatrix[4]);
-
-    const ParseOutcome stWhole = Parse(TestConfigPath("principal_point.xml"), 4000, 3002);
-    ASSERT_EQ(0, stWhole.iRet) << stWhole.strLog;
-    EXPECT_EQ(1999.0f, stWhole.stPara.afCameraMatrix[2]);
-    EXPECT_EQ(1501.0f, stWhole.stPara.afCameraMatrix[5]);
+    EXPECT_EQ((std::vector<int32_t>{480, 640, 7, 99}),
+              (std::vector<int32_t>{p.iImgWidth, p.iImgHeight, p.iBendValue, p.iSvmFactor}));
+    std::vector<float> vfRead(p.afCameraMatrix, p.afCameraMatrix + 9);
+    vfRead.insert(vfRead.end(), p.afDistortionCoefficients, p.afDistortionCoefficients + 5);
+    EXPECT_EQ((std::vector<float>{500, 0, 241, 0, 500, 1, 0, 0, 0, 0.5f, 0, 0, 0, 0}), vfRead);
 }
 
 TEST(ConfigSchema, ClassifierKeysFillTheModel)
 {
+    // The fourth global coefficient is 0, which the classifier mode accepts. The configured Gamma
+    // and Rho are read; the element after the last value read stays 0.
     const ParseOutcome stOut = Parse(TestConfigPath("svm_model.xml"), 640, 480);
-    // The fourth global coefficient is 0, which the classifier mode accepts.
     ASSERT_EQ(0, stOut.iRet) << stOut.strLog;
     const tagST_SVM_MODEL &m = stOut.stPara.stSvmModel;
-    EXPECT_EQ(1, stOut.stPara.iBendDecideMode);
-    EXPECT_EQ(2.0f, m.fGamma);
-    EXPECT_EQ(5.0f, m.fRho);
-    EXPECT_EQ(2, m.aiNSv[0]);
-    EXPECT_EQ(1, m.aiNSv[1]);
-    // The element after the last value read stays 0.
+    EXPECT_EQ((std::vector<float>{1, 2.0f, 5.0f, 2, 1}),
+              (std::vector<float>{(float)stOut.stPara.iBendDecideMode, m.fGamma, m.fRho, (float)m.aiNSv[0],
+                                  (float)m.aiNSv[1]}));
     EXPECT_EQ((std::vector<float>{6.0f, -3.5f, 0.25f, 0}), std::vector<float>(m.afSvCoef, m.afSvCoef + 4));
     EXPECT_EQ((std::vector<float>{0.1f, 0.2f, 0.3f, 0.4f, -0.5f, -0.6f, -0.7f, -0.8f, 0.9f, -1.0f, 0.5f, -0.25f, 0}),
               std::vector<float>(m.afSv, m.afSv + 13));
-}
 
-TEST(ConfigSchema, ClassifierRefusals)
-{
-    const ParseOutcome stTooMany = Parse(TestConfigPath("svm_count_201.xml"), 640, 480);
-    EXPECT_EQ(LDC_ERR_PARAM, stTooMany.iRet);
-    EXPECT_EQ(ErrorLine("The number of Sv is 201, can't be more than 200!"), stTooMany.strLog);
-
+    // 200 vectors fit; short vectors leave the rest of the model at 0. Only the 32-bit sum of the
+    // counts is checked: a sum that wraps negative reads no values.
     const struct {
-        const char *pcName;
-        const char *pcSvm;
-        const char *pcMessage;
-    } astCases[] = {
-        {"svm_no_number", "<SvCoeff>1</SvCoeff><SvValue>1 2 3 4</SvValue>",
-         "Can't get the svm param: SvNumber!"},
-        {"svm_empty_number", "<SvNumber></SvNumber><SvCoeff>1</SvCoeff>",
-         "Can't get the svm param: SvNumber!"},
-        {"svm_no_coeff", "<SvNumber>1 0</SvNumber><SvValue>1 2 3 4</SvValue>",
-         "Can't get the svm param: SvCoeff!"},
-        {"svm_no_value", "<SvNumber>1 0</SvNumber><SvCoeff>1</SvCoeff>",
-         "Can't get the svm param: SvValue!"},
-    };
-    for (const auto &stCase : astCases) {
-        const std::string strPath = WriteConfig(
-            stCase.pcName, std::string("<LineDetection><BendDecideMode>1</BendDecideMode><SVM>") +
-                               stCase.pcSvm + "</SVM></LineDetection>");
-        const ParseOutcome stOut = Parse(strPath, 640, 480);
-        EXPECT_EQ(LDC_ERR_PARAM, stOut.iRet) << stCase.pcName;
-        EXPECT_EQ(ErrorLine(stCase.pcMessage), stOut.strLog) << stCase.pcName;
+        const char *pcName, *pcCounts;
+        std::vector<float> vfExpected;
+    } astCounts[] = {{"svm_200", "150 50", {1.5f, 0, 1, 2, 0}}, {"svm_wrapped", "2147483647 1", {0, 0, 0, 0, 0}}};
+    for (const auto &c : astCounts) {
+        const ParseOutcome stCounts = Parse(
+            WriteConfig(c.pcName, std::string("<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>") +
+                                      c.pcCounts + "</SvNumber><SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM>"
+                                      "</LineDetection>"),
+            640, 480);
+        ASSERT_EQ(0, stCounts.iRet) << stCounts.strLog;
+        const tagST_SVM_MODEL &n = stCounts.stPara.stSvmModel;
+        EXPECT_EQ(c.vfExpected, (std::vector<float>{n.afSvCoef[0], n.afSvCoef[199], n.afSv[0], n.afSv[1], n.afSv[2]}))
+            << c.pcName;
     }
-
-    // 200 vectors fit; short vectors leave the rest of the model at 0.
-    const std::string strFull = WriteConfig(
-        "svm_200", "<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>150 50</SvNumber>"
-                   "<SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM></LineDetection>");
-    const ParseOutcome stFull = Parse(strFull, 640, 480);
-    ASSERT_EQ(0, stFull.iRet) << stFull.strLog;
-    EXPECT_EQ(1.5f, stFull.stPara.stSvmModel.afSvCoef[0]);
-    EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSvCoef[199]);
-    EXPECT_EQ(2.0f, stFull.stPara.stSvmModel.afSv[1]);
-    EXPECT_EQ(0.0f, stFull.stPara.stSvmModel.afSv[2]);
-
-    // Only the 32-bit sum of the counts is checked; a sum that wraps negative reads no values.
-    const std::string strWrapped = WriteConfig(
-        "svm_wrapped", "<LineDetection><BendDecideMode>1</BendDecideMode><SVM><SvNumber>2147483647 1"
-                       "</SvNumber><SvCoeff>1.5</SvCoeff><SvValue>1 2</SvValue></SVM></LineDetection>");
-    const ParseOutcome stWrapped = Parse(strWrapped, 640, 480);
-    ASSERT_EQ(0, stWrapped.iRet) << stWrapped.strLog;
-    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSvCoef[0]);
-    EXPECT_EQ(0.0f, stWrapped.stPara.stSvmModel.afSv[0]);
 }
 
-TEST(ConfigSchema, EighthProfileIsNeverServed)
+TEST(ConfigSchema, Refusals)
 {
-    const ParseOutcome stSeventh = Parse(TestConfigPath("profile8_only.xml"), 720, 1280);
-    ASSERT_EQ(0, stSeventh.iRet) << stSeventh.strLog;
-    EXPECT_EQ(1280, stSeventh.stPara.iImgWidth);
-    EXPECT_EQ(639.0f, stSeventh.stPara.afCameraMatrix[2]);
-
-    const ParseOutcome stEighth = Parse(TestConfigPath("profile8_only.xml"), 640, 480);
-    EXPECT_EQ(LDC_ERR_PARAM, stEighth.iRet);
-    EXPECT_EQ(ErrorLine("Image size is not supportted!"), stEighth.strLog);
-    // Profile 8 was matched and read before the refusal.
-    EXPECT_EQ(343.0f, stEighth.stPara.afCameraMatrix[2]);
-}
-
-TEST(ConfigSchema, ProfileRefusals)
-{
+    EXPECT_EQ(Refused("The number of Sv is 201, can't be more than 200!"),
+              Result(Parse(TestConfigPath("svm_count_201.xml"), 640, 480)));
     const struct {
-        int32_t iWidth;
-        int32_t iHeight;
+        const char *pcName, *pcSvm, *pcMessage;
+    } astSvm[] = {
+        {"svm_no_number", "<SvCoeff>1</SvCoeff><SvValue>1 2 3 4</SvValue>", "Can't get the svm param: SvNumber!"},
+        {"svm_empty_number", "<SvNumber></SvNumber><SvCoeff>1</SvCoeff>", "Can't get the svm param: SvNumber!"},
+        {"svm_no_coeff", "<SvNumber>1 0</SvNumber><SvValue>1 2 3 4</SvValue>", "Can't get the svm param: SvCoeff!"},
+        {"svm_no_value", "<SvNumber>1 0</SvNumber><SvCoeff>1</SvCoeff>", "Can't get the svm param: SvValue!"},
+    };
+    for (const auto &c : astSvm) {
+        const std::string strPath = WriteConfig(
+            c.pcName, std::string("<LineDetection><BendDecideMode>1</BendDecideMode><SVM>") + c.pcSvm +
+                          "</SVM></LineDetection>");
+        EXPECT_EQ(Refused(c.pcMessage), Result(Parse(strPath, 640, 480))) << c.pcName;
+    }
+    const struct {
+        int32_t iWidth, iHeight;
         const char *pcMessage;
-    } astCases[] = {
+    } astProfiles[] = {
         {640, 480, "Can't get the camera matrix!"},
         {1280, 720, "Can't get the distortion coefficients!"},
         {320, 240, "Can't get the global FDC coefficients!"},
         {352, 288, "Error GolbalFDCCoeff!"},
         {800, 600, "Image size is not supportted!"},
     };
-    for (const auto &stCase : astCases) {
-        const ParseOutcome stOut = Parse(TestConfigPath("missing_vectors.xml"), stCase.iWidth, stCase.iHeight);
-        EXPECT_EQ(LDC_ERR_PARAM, stOut.iRet) << stCase.iWidth << "x" << stCase.iHeight;
-        EXPECT_EQ(ErrorLine(stCase.pcMessage), stOut.strLog) << stCase.iWidth << "x" << stCase.iHeight;
+    for (const auto &c : astProfiles) {
+        EXPECT_EQ(Refused(c.pcMessage), Result(Parse(TestConfigPath("missing_vectors.xml"), c.iWidth, c.iHeight)))
+            << c.iWidth << "x" << c.iHeight;
     }
-}
-
-TEST(ConfigSchema, UnreadableFiles)
-{
-    // A cut-off file becomes the empty default document: no profile matches.
-    const ParseOutcome stCut = Parse(TestConfigPath("truncated.xml"), 640, 480);
-    EXPECT_EQ(LDC_ERR_PARAM, stCut.iRet);
-    EXPECT_EQ(ErrorLine("Image size is not supportted!"), stCut.strLog);
-    EXPECT_EQ(1, stCut.stPara.iLDCFlag);
-    // A path the store refuses outright cannot be loaded at all (missing, empty and hostile files:
-    // the lifecycle tests).
-    const ParseOutcome stLong = Parse("/" + std::string(255, 'a'), 640, 480);
-    EXPECT_EQ(LDC_ERR_XML_LOAD, stLong.iRet);
-    EXPECT_EQ(ErrorLine("Can't load xml file!"), stLong.strLog);
+    // The seventh profile is served, the eighth never, though it is matched and read first.
+    const ParseOutcome stSeventh = Parse(TestConfigPath("profile8_only.xml"), 720, 1280);
+    ASSERT_EQ(0, stSeventh.iRet) << stSeventh.strLog;
+    EXPECT_EQ(639.0f, stSeventh.stPara.afCameraMatrix[2]);
+    const ParseOutcome stEighth = Parse(TestConfigPath("profile8_only.xml"), 640, 480);
+    EXPECT_EQ(Refused("Image size is not supportted!"), Result(stEighth));
+    EXPECT_EQ(343.0f, stEighth.stPara.afCameraMatrix[2]);
 }
 
 }  // namespace

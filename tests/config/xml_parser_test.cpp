@@ -2,96 +2,76 @@
 // lifetime and hostile input.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "config/xml_parser.h"
+#include "support/temp_file.h"
 
 namespace {
 
+// Each test starts and ends with the default encoding, whatever it sets.
 class XmlParserTest : public ::testing::Test {
 protected:
     void SetUp() override { XMLNode::setGlobalOptions(char_encoding_UTF8); }
-    void TearDown() override
-    {
-        XMLNode::setGlobalOptions(char_encoding_UTF8);
-        for (const std::string &path : files) {
-            unlink(path.c_str());
-        }
-    }
+    void TearDown() override { XMLNode::setGlobalOptions(char_encoding_UTF8); }
 
-    std::string WriteFile(const std::string &name, const std::string &bytes)
+    static std::string WriteFile(const std::string &name, const std::string &bytes)
     {
-        std::string path = ::testing::TempDir() + "xml_parser_test_" + name;
-        FILE *f = fopen(path.c_str(), "wb");
-        EXPECT_NE(f, nullptr);
-        if (f != nullptr) {
-            fwrite(bytes.data(), 1, bytes.size(), f);
-            fclose(f);
-        }
-        files.push_back(path);
-        return path;
+        return WriteTempFile("xml_parser_test_" + name, bytes);
     }
-
-    static XMLNode Parse(const char *text, XMLResults *res)
-    {
-        return XMLNode::parseString(text, nullptr, res);
-    }
-
-    std::vector<std::string> files;
+    static XMLNode Parse(const char *text, XMLResults *res) { return XMLNode::parseString(text, nullptr, res); }
 };
 
-TEST_F(XmlParserTest, TreeShapeNamesAttributesAndCaseInsensitiveLookup)
+// The texts and the clear-section values of a node, in order.
+std::vector<std::string> Texts(const XMLNode &n)
+{
+    std::vector<std::string> v;
+    for (int i = 0; i < n.nText(); i++) {
+        v.push_back(n.getText(i));
+    }
+    return v;
+}
+
+std::vector<std::string> Clears(const XMLNode &n)
+{
+    std::vector<std::string> v;
+    for (int i = 0; i < n.nClear(); i++) {
+        v.push_back(n.getClear(i).pcValue);
+    }
+    return v;
+}
+
+using Strings = std::vector<std::string>;
+
+// What the configuration store relies on: the top node, case-insensitive lookup by name and
+// index, the first text, and the empty node for everything that is not there.
+TEST_F(XmlParserTest, TreeShapeAndCaseInsensitiveLookup)
 {
     XMLResults res;
-    XMLNode top = Parse("<?xml version=\"1.0\" encoding='UTF-8'?>\n"
-                        "<Config>\n"
-                        "  <Item id=\"1\" kind='a'>first</Item>\n"
-                        "  <Other/>\n"
-                        "  <ITEM id=\"2\">second</ITEM>\n"
-                        "</Config>\n",
+    XMLNode top = Parse("<?xml version=\"1.0\" encoding='UTF-8'?>\n<Config>\n  <Item id=\"1\">first</Item>\n"
+                        "  <Other/>\n  <ITEM>second</ITEM>\n</Config>\n",
                         &res);
     EXPECT_EQ(res.error, eXMLErrorNone);
-    ASSERT_FALSE(top.isEmpty());
-    EXPECT_EQ(top.getName(), nullptr);   // the unnamed top node holds declaration and root
+    // The unnamed top node holds declaration and root; names are stored as written.
+    EXPECT_EQ(top.getName(), nullptr);
     ASSERT_EQ(top.nChildNode(), 2);
     EXPECT_TRUE(top.getChildNode(0).isDeclaration());
-    EXPECT_STREQ(top.getChildNode(0).getAttribute("encoding"), "UTF-8");
-
     XMLNode config = top.getChildNode("config", 0);
-    ASSERT_FALSE(config.isEmpty());
-    EXPECT_STREQ(config.getName(), "Config");   // stored as written
-    EXPECT_FALSE(config.isDeclaration());
-    EXPECT_EQ(config.nChildNode(), 3);
-    EXPECT_EQ(config.nText(), 0);
+    EXPECT_STREQ(config.getName(), "Config");
+    EXPECT_EQ((std::vector<int>{3, 0}), (std::vector<int>{config.nChildNode(), config.nText()}));
     // Index counts only the children of the matching name, in document order.
-    EXPECT_STREQ(config.getChildNode("item", 0).getText(), "first");
-    EXPECT_STREQ(config.getChildNode("Item", 1).getText(), "second");
-    EXPECT_TRUE(config.getChildNode("Item", 2).isEmpty());
-    EXPECT_TRUE(config.getChildNode("Item", -1).isEmpty());
-    EXPECT_TRUE(config.getChildNode(nullptr, 0).isEmpty());
-    EXPECT_TRUE(config.getChildNode(7).isEmpty());
-
-    XMLNode item = config.getChildNode("Item", 0);
-    EXPECT_EQ(item.nAttribute(), 2);
-    EXPECT_STREQ(item.getAttribute("ID"), "1");
-    EXPECT_STREQ(item.getAttribute(1).pcName, "kind");
-    EXPECT_STREQ(item.getAttribute(1).pcValue, "a");
-    EXPECT_EQ(item.getAttribute("nope"), nullptr);
-    EXPECT_EQ(item.getText(1), nullptr);
-    EXPECT_STREQ(item.getParentNode().getName(), "Config");
-    EXPECT_EQ(config.getChildNode("Other", 0).nText(), 0);
-
-    // The empty node answers every query with "nothing".
-    XMLNode empty = XMLNode::emptyXMLNode;
-    EXPECT_TRUE(empty.isEmpty());
-    EXPECT_EQ(empty.getName(), nullptr);
-    EXPECT_EQ(empty.getText(0), nullptr);
-    EXPECT_TRUE(empty.getChildNode("a", 0).isEmpty());
-    EXPECT_EQ(empty.getClear(0).pcValue, nullptr);
+    EXPECT_EQ((Strings{"first", "second"}),
+              (Strings{config.getChildNode("item", 0).getText(), config.getChildNode("Item", 1).getText()}));
+    for (const XMLNode &n : {config.getChildNode("Item", 2), config.getChildNode("Item", -1),
+                             config.getChildNode(nullptr, 0), config.getChildNode(7), XMLNode::emptyXMLNode,
+                             XMLNode::emptyXMLNode.getChildNode("a", 0)}) {
+        EXPECT_TRUE(n.isEmpty());
+        EXPECT_EQ(nullptr, n.getText(0));
+    }
+    EXPECT_EQ(nullptr, config.getChildNode("Item", 0).getText(1));
 }
 
 TEST_F(XmlParserTest, SingleRootElementIsReturnedItself)
@@ -101,62 +81,44 @@ TEST_F(XmlParserTest, SingleRootElementIsReturnedItself)
     EXPECT_STREQ(root.getName(), "Config");
     EXPECT_TRUE(root.getChildNode("Config", 0).isEmpty());
     EXPECT_TRUE(root.getParentNode().isEmpty());
-
     // A declaration or a comment beside the root keeps the top node.
     EXPECT_EQ(Parse("<?xml version=\"1.0\"?><Config/>", nullptr).getName(), nullptr);
     XMLNode withComment = Parse("<!-- c --><Config/>", nullptr);
     EXPECT_EQ(withComment.getName(), nullptr);
-    EXPECT_EQ(withComment.nClear(), 1);
-
+    EXPECT_EQ(Strings{" c "}, Clears(withComment));
     // With a tag, the named child of the top node is returned.
     XMLResults res;
-    XMLNode tagged = XMLNode::parseString("<?xml?><A/><B>x</B>", "b", &res);
-    EXPECT_STREQ(tagged.getText(), "x");
+    EXPECT_STREQ(XMLNode::parseString("<?xml?><A/><B>x</B>", "b", &res).getText(), "x");
     EXPECT_TRUE(XMLNode::parseString("<A/>", "C", &res).isEmpty());
     EXPECT_EQ(res.error, eXMLErrorFirstTagNotFound);
 }
 
 TEST_F(XmlParserTest, TextsTrimEntitiesAndCommentRules)
 {
-    XMLNode n = Parse("<a>  \r\n\t3 \n</a>", nullptr);
-    EXPECT_STREQ(n.getText(), "3");
-
-    n = Parse("<a>&lt;&amp;&gt;&quot;&apos; &unknown; &amp</a>", nullptr);
-    EXPECT_STREQ(n.getText(), "<&>\"' &unknown; &amp");
-
-    // A comment first, then a text: the comment stays and the text is the only one.
-    n = Parse("<a><!-- five -->5</a>", nullptr);
-    EXPECT_EQ(n.nText(), 1);
-    EXPECT_STREQ(n.getText(), "5");
-    EXPECT_EQ(n.nClear(), 1);
-    EXPECT_STREQ(n.getClear().pcValue, " five ");
-
-    // A comment between two texts disappears and the texts join without a separator.
-    n = Parse("<a>1 <!-- x --> 2<!--y-->3</a>", nullptr);
-    EXPECT_EQ(n.nText(), 1);
-    EXPECT_STREQ(n.getText(), "123");
-    EXPECT_EQ(n.nClear(), 0);
-
-    // A child element between texts keeps them apart, and white-space-only texts vanish.
-    n = Parse("<a> x <b/> \n <c/>y</a>", nullptr);
-    EXPECT_EQ(n.nText(), 2);
-    EXPECT_STREQ(n.getText(0), "x");
-    EXPECT_STREQ(n.getText(1), "y");
-
-    // Clear sections are kept verbatim with their marks and no entity decoding.
-    n = Parse("<?xml?><!DOCTYPE cfg><a><![CDATA[<b>&amp;]]><PRE> <i>&lt; </PRE></a>", nullptr);
-    EXPECT_EQ(n.nClear(), 1);
-    EXPECT_STREQ(n.getClear().pcOpenTag, "<!DOCTYPE");
-    EXPECT_STREQ(n.getClear().pcValue, " cfg");
-    XMLNode a = n.getChildNode("a", 0);
-    ASSERT_EQ(a.nClear(), 2);
-    EXPECT_STREQ(a.getClear(0).pcValue, "<b>&amp;");
-    EXPECT_STREQ(a.getClear(0).pcCloseTag, "]]>");
-    EXPECT_STREQ(a.getClear(1).pcValue, " <i>&lt; ");
-    EXPECT_EQ(a.nChildNode(), 0);
-
-    // Attribute values are decoded too.
-    EXPECT_STREQ(Parse("<a v=\"x&amp;y\"/>", nullptr).getAttribute("v"), "x&y");
+    const struct {
+        const char *pcXml;
+        Strings vstrTexts, vstrClears;
+    } astCases[] = {
+        {"<a>  \r\n\t3 \n</a>", {"3"}, {}},
+        {"<a>&lt;&amp;&gt;&quot;&apos; &unknown; &amp</a>", {"<&>\"' &unknown; &amp"}, {}},
+        // A comment first, then a text: the comment stays and the text is the only one.
+        {"<a><!-- five -->5</a>", {"5"}, {" five "}},
+        // A comment between two texts disappears and the texts join without a separator.
+        {"<a>1 <!-- x --> 2<!--y-->3</a>", {"123"}, {}},
+        // A child element between texts keeps them apart, and white-space-only texts vanish.
+        {"<a> x <b/> \n <c/>y</a>", {"x", "y"}, {}},
+        // Clear sections are kept verbatim, without entity decoding.
+        {"<a><![CDATA[<b>&amp;]]><PRE> <i>&lt; </PRE></a>", {}, {"<b>&amp;", " <i>&lt; "}},
+    };
+    for (const auto &c : astCases) {
+        const XMLNode n = Parse(c.pcXml, nullptr);
+        EXPECT_EQ(c.vstrTexts, Texts(n)) << c.pcXml;
+        EXPECT_EQ(c.vstrClears, Clears(n)) << c.pcXml;
+    }
+    XMLNode top = Parse("<?xml?><!DOCTYPE cfg><a><![CDATA[x]]></a>", nullptr);
+    EXPECT_EQ((Strings{"<!DOCTYPE", " cfg", ">"}),
+              (Strings{top.getClear().pcOpenTag, top.getClear().pcValue, top.getClear().pcCloseTag}));
+    EXPECT_STREQ(top.getChildNode("a", 0).getClear().pcCloseTag, "]]>");
 }
 
 TEST_F(XmlParserTest, ErrorsBelowThreeKeepTheTreeOthersDiscardIt)
@@ -164,23 +126,16 @@ TEST_F(XmlParserTest, ErrorsBelowThreeKeepTheTreeOthersDiscardIt)
     XMLResults res;
     XMLNode n = Parse("<Config><A>7</A>", &res);   // truncated file
     EXPECT_EQ(res.error, eXMLErrorMissingEndTag);
-    EXPECT_STREQ(n.getName(), "Config");
     EXPECT_STREQ(n.getChildNode("A", 0).getText(), "7");
-
     n = Parse("  just text  ", &res);
     EXPECT_EQ(res.error, eXMLErrorNoXMLTagFound);
-    ASSERT_FALSE(n.isEmpty());
-    EXPECT_STREQ(n.getText(), "just text");
-
+    EXPECT_EQ(Strings{"just text"}, Texts(n));
     // An end tag may close elements left open inside it.
     n = Parse("<a><b><c></a>", &res);
     EXPECT_EQ(res.error, eXMLErrorNone);
     EXPECT_FALSE(n.getChildNode("b", 0).getChildNode("c", 0).isEmpty());
 
-    struct Bad {
-        const char *text;
-        XMLError error;
-    } const bad[] = {
+    const std::pair<const char *, XMLError> astBad[] = {
         {"", eXMLErrorEmpty},
         {"   \n ", eXMLErrorEmpty},
         {"<a>< b></a>", eXMLErrorMissingTagName},
@@ -195,19 +150,15 @@ TEST_F(XmlParserTest, ErrorsBelowThreeKeepTheTreeOthersDiscardIt)
         {"<a", eXMLErrorUnexpectedToken},
         {"<a></a x>", eXMLErrorUnexpectedToken},
     };
-    for (const Bad &b : bad) {
-        n = Parse(b.text, &res);
-        EXPECT_TRUE(n.isEmpty()) << b.text;
-        EXPECT_EQ(res.error, b.error) << b.text;
-        EXPECT_GE(res.error, eXMLErrorEmpty) << b.text;
+    for (const auto &b : astBad) {
+        EXPECT_TRUE(Parse(b.first, &res).isEmpty()) << b.first;
+        EXPECT_EQ(res.error, b.second) << b.first;
+        EXPECT_GE(res.error, eXMLErrorEmpty) << b.first;
     }
     EXPECT_TRUE(XMLNode::parseString(nullptr).isEmpty());
-
     // The position of the first error is 1-based.
     Parse("<a>\n  <b>\n  </c>", &res);
-    EXPECT_EQ(res.error, eXMLErrorUnmatchedEndTag);
-    EXPECT_EQ(res.nLine, 3);
-    EXPECT_EQ(res.nColumn, 3);
+    EXPECT_EQ((std::vector<int>{eXMLErrorUnmatchedEndTag, 3, 3}), (std::vector<int>{res.error, res.nLine, res.nColumn}));
 }
 
 TEST_F(XmlParserTest, GuessCharEncoding)
@@ -260,9 +211,8 @@ TEST_F(XmlParserTest, LeadBytesKeepMultiByteCharactersWhole)
     XMLResults res;
     EXPECT_TRUE(Parse(text, &res).isEmpty());   // as UTF-8 the "<" opens a tag
     XMLNode::setGlobalOptions(char_encoding_GB2312);
-    XMLNode n = Parse(text, &res);
+    EXPECT_EQ(Strings{"x\xB0<y"}, Texts(Parse(text, &res)));
     EXPECT_EQ(res.error, eXMLErrorNone);
-    EXPECT_STREQ(n.getText(), "x\xB0<y");
 
     XMLNode::setGlobalOptions(char_encoding_ShiftJIS);
     EXPECT_STREQ(Parse("<a>\xE0<</a>", nullptr).getText(), "\xE0<");
@@ -299,17 +249,16 @@ TEST_F(XmlParserTest, FilesEncodingAndByteOrderMark)
     // The UTF-8 byte-order mark is skipped and sets UTF-8.
     const std::string plain = "<?xml version=\"1.0\"?><Config><V>5</V></Config>";
     top = XMLNode::parseFile(WriteFile("bom.xml", "\xEF\xBB\xBF" + plain).c_str(), nullptr, &res);
-    EXPECT_EQ(res.error, eXMLErrorNone);
-    EXPECT_EQ(XMLNode::characterEncoding, char_encoding_UTF8);
-    EXPECT_EQ(top.nChildNode(), 2);
+    EXPECT_EQ((std::vector<int>{eXMLErrorNone, char_encoding_UTF8, 2}),
+              (std::vector<int>{res.error, XMLNode::characterEncoding, top.nChildNode()}));
     EXPECT_STREQ(top.getChildNode("Config", 0).getChildNode("V", 0).getText(), "5");
 
     // Missing and empty files give the empty node and "file not found"; what is not a regular
     // file is not read at all.
     const std::pair<std::string, XMLError> paths[] = {
-        {::testing::TempDir() + "xml_parser_test_missing.xml", eXMLErrorFileNotFound},
+        {TestScratchDir() + "xml_parser_test_missing.xml", eXMLErrorFileNotFound},
         {WriteFile("empty.xml", ""), eXMLErrorFileNotFound},
-        {::testing::TempDir(), eXMLErrorFileNotRegular}};
+        {TestScratchDir(), eXMLErrorFileNotRegular}};
     for (const auto &p : paths) {
         EXPECT_TRUE(XMLNode::parseFile(p.first.c_str(), nullptr, &res).isEmpty()) << p.first;
         EXPECT_EQ(res.error, p.second) << p.first;
@@ -380,18 +329,6 @@ TEST_F(XmlParserTest, HostileShapesNeitherRecurseNorGoQuadratic)
     EXPECT_EQ(res.error, eXMLErrorNone);
     EXPECT_EQ(strlen(n.getText()), 2u * depth);
     EXPECT_EQ(n.nClear(), 1);   // the last comment has no text after it
-}
-
-TEST(XmlToValue, DefaultsOnlyForMissingText)
-{
-    EXPECT_EQ(xmltoi(nullptr, 4), 4);
-    EXPECT_EQ(xmltoi("-12x", 4), -12);
-    EXPECT_EQ(xmltol("123456", 5L), 123456L);
-    EXPECT_DOUBLE_EQ(xmltof("2.25", 1.5), 2.25);
-    EXPECT_EQ(xmltob("yes"), 1);
-    EXPECT_EQ(xmltob("0", 1), 0);
-    EXPECT_STREQ(xmltoa(nullptr, "d"), "d");
-    EXPECT_EQ(xmltoc("abc", 'q'), 'a');
 }
 
 }  // namespace

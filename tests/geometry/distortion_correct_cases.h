@@ -1,6 +1,5 @@
-// The remap sweep shared by the equivalence harness and the benchmark: case list, frame set-up
-// (source, destinations, working buffer, instance) and the byte comparison that names the first
-// differing pixel.
+// The remap sweep shared by the harness and the benchmark: case list and frame set-up (source,
+// working buffer, instance).
 #ifndef LDC_TESTS_GEOMETRY_DISTORTION_CORRECT_CASES_H
 #define LDC_TESTS_GEOMETRY_DISTORTION_CORRECT_CASES_H
 
@@ -16,6 +15,7 @@
 
 #include "geometry/distortion_correct.h"
 #include "geometry/lens_model.h"
+#include "support/harness.h"
 
 // DC_PHONE_LENS is a real 640 x 480 phone lens calibration scaled to the frame's width.
 // DC_FOLDED_FACE has random face coefficients strong enough to fold the mapping: some groups then
@@ -203,6 +203,11 @@ static inline std::vector<tagST_DC_CASE> DcSweepCases()
     return vstCases;
 }
 
+// Prepares a case; a face case whose random coefficients leave no usable rectangle takes the next
+// seeds until one does.
+struct tagST_DC_FRAMES;
+static inline bool DcPrepare(tagST_DC_FRAMES *pstFrames, tagST_DC_CASE stCase);
+
 static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LDC_PARA &stPara)
 {
     static const char *const apcModel[] = {"identity", "barrel", "pincushion", "phone lens", "face", "folded face", "edge"};
@@ -219,13 +224,13 @@ static inline std::string DcDescribe(const tagST_DC_CASE &stCase, const tagST_LD
 }
 
 // Frames of one case. Each frame is one block, luma then chroma, as the library's callers hold
-// them (luma reads two rows below a position land in the chroma), allocated to its exact size:
-// the kernels clamp every read into the block, and AddressSanitizer sees any that they miss.
+// them (luma reads two rows below a position land in the chroma), the source allocated to its
+// exact size: the kernels clamp every read into the block, and AddressSanitizer sees any that
+// they miss.
 struct tagST_DC_FRAMES {
     tagST_DC_CASE stCase;
     std::unique_ptr<tagST_LDC_PARA> pstPara{new tagST_LDC_PARA()};
     size_t uFrameBytes = 0;
-    size_t uBlockBytes = 0;
     std::vector<uint8_t> vucSrc;
     std::vector<uint8_t> vucWork;
     tagST_PIC stSrc{};
@@ -241,14 +246,8 @@ struct tagST_DC_FRAMES {
         if (!DcSetModel(stCase, pstPara.get())) {
             return false;
         }
-        const size_t uLuma = (size_t)stCase.iWidth * (size_t)stCase.iHeight;
-        uFrameBytes = uLuma * 3 / 2;
-        uBlockBytes = uFrameBytes;
-        vucSrc = std::vector<uint8_t>(uBlockBytes);   // exact capacity: AddressSanitizer sees overreads
-        std::mt19937 rng(stCase.uSeed * 2654435761u);
-        for (uint8_t &uc : vucSrc) {
-            uc = (uint8_t)(rng() >> 24);
-        }
+        uFrameBytes = (size_t)stCase.iWidth * (size_t)stCase.iHeight * 3 / 2;
+        vucSrc = ldc_test::RandomBytes(uFrameBytes, stCase.uSeed * 2654435761u);
         stSrc = Picture(vucSrc.data());
         // Working buffer: a frame's worth of bytes, then the column table, 16-byte aligned.
         const int32_t *piArea = Area();
@@ -277,49 +276,13 @@ struct tagST_DC_FRAMES {
     // The remap's plane arguments: three consecutive pointers, luma, first chroma, second chroma.
     static std::array<uint8_t *, 3> Planes(const tagST_PIC &stPic) { return {stPic.pY, stPic.pU, stPic.pV}; }
 
-    // A destination block filled with a position-dependent pattern (never a plausible output).
-    void FillPattern(std::vector<uint8_t> *pvucDst) const
+    // Runs the vector or the plain driver into the frame block at pucDst.
+    void Run(bool bNeon, uint8_t *pucDst)
     {
-        if (pvucDst->size() != uBlockBytes) {
-            *pvucDst = std::vector<uint8_t>(uBlockBytes);
-        }
-        for (size_t i = 0; i < uBlockBytes; i++) {
-            (*pvucDst)[i] = (uint8_t)(i * 7 + 3);
-        }
-    }
-
-    // Runs one driver into *pvucDst (patterned first).
-    void Run(bool bNeon, std::vector<uint8_t> *pvucDst)
-    {
-        FillPattern(pvucDst);
-        const tagST_PIC stDst = Picture(pvucDst->data());
         const int32_t iPlanar = (stCase.ePicType == 2) ? 1 : 0;
-        if (bNeon) {
-            DistortionCorrect_neon(iPlanar, pstPara.get(), Planes(stSrc).data(), Planes(stDst).data());
-        } else {
-            DistortionCorrect(iPlanar, pstPara.get(), Planes(stSrc).data(), Planes(stDst).data());
-        }
-    }
-
-    // Plane and coordinates of a byte of a frame block.
-    std::string Where(size_t uIndex) const
-    {
-        const size_t uW = (size_t)stCase.iWidth;
-        const size_t uLuma = uW * (size_t)stCase.iHeight;
-        char acText[96];
-        if (uIndex < uLuma) {
-            snprintf(acText, sizeof(acText), "Y (%zu, %zu)", uIndex % uW, uIndex / uW);
-        } else if (stCase.ePicType != 2) {
-            const size_t u = uIndex - uLuma;
-            snprintf(acText, sizeof(acText), "UV byte (%zu, %zu)", u % uW, u / uW);
-        } else {
-            const size_t uHalf = uW / 2;
-            const size_t u = uIndex - uLuma;
-            const bool bV = u >= uLuma / 4;
-            const size_t uIn = bV ? u - uLuma / 4 : u;
-            snprintf(acText, sizeof(acText), "%c (%zu, %zu)", bV ? 'V' : 'U', uIn % uHalf, uIn / uHalf);
-        }
-        return acText;
+        const auto apucSrc = Planes(stSrc);
+        const auto apucDst = Planes(Picture(pucDst));
+        (bNeon ? DistortionCorrect_neon : DistortionCorrect)(iPlanar, pstPara.get(), apucSrc.data(), apucDst.data());
     }
 
     // True for the bytes the rectangle may write: its luma, and its chroma rows top / 2 ..
@@ -349,15 +312,17 @@ struct tagST_DC_FRAMES {
     }
 };
 
-// Index of the first byte where two blocks differ, or -1.
-static inline long DcFirstDifference(const std::vector<uint8_t> &vucA, const std::vector<uint8_t> &vucB)
+static inline bool DcPrepare(tagST_DC_FRAMES *pstFrames, tagST_DC_CASE stCase)
 {
-    for (size_t i = 0; i < vucA.size() && i < vucB.size(); i++) {
-        if (vucA[i] != vucB[i]) {
-            return (long)i;
+    for (int32_t iTry = 0; iTry < 64; iTry++, stCase.uSeed += 1000) {
+        if (pstFrames->Prepare(stCase)) {
+            return true;
+        }
+        if (stCase.eModel < DC_FACE) {
+            return false;
         }
     }
-    return vucA.size() == vucB.size() ? -1 : (long)(vucA.size() < vucB.size() ? vucA.size() : vucB.size());
+    return false;
 }
 
 #endif

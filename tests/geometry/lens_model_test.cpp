@@ -1,156 +1,141 @@
+// The valid undistorted area: its shape on any model, and the rectangles of the fallbacks.
 #include <gtest/gtest.h>
 
 #include <string.h>
+
+#include <random>
+#include <vector>
 
 #include "geometry/lens_model.h"
 
 namespace {
 
-tagST_LDC_PARA MakeLensPara(int32_t iW, int32_t iH, float fFx, float fU0, float fV0, float fK1,
-                            float fK2, float fK3)
+// A lens model (fx, u0, v0, k1, k2, k3) or a face model (g0, g1, g2) on a W x H frame.
+struct AreaCase {
+    int32_t iW, iH;
+    bool bLens;
+    float afModel[6];
+};
+
+tagST_LDC_PARA MakePara(const AreaCase &c)
 {
     tagST_LDC_PARA stPara;
     memset(&stPara, 0, sizeof(stPara));
-    stPara.iImgWidth = iW;
-    stPara.iImgHeight = iH;
+    stPara.iImgWidth = c.iW;
+    stPara.iImgHeight = c.iH;
     stPara.iLDCFlag = 1;
     stPara.iGolbalFDCFlag = 1;
-    const float afMatrix[9] = {fFx, 0, fU0, 0, fFx, fV0, 0, 0, 1};
-    memcpy(stPara.afCameraMatrix, afMatrix, sizeof(afMatrix));
-    stPara.afDistortionCoefficients[0] = fK1;
-    stPara.afDistortionCoefficients[1] = fK2;
-    stPara.afDistortionCoefficients[2] = fK3;
+    if (c.bLens) {
+        const float afMatrix[9] = {c.afModel[0], 0, c.afModel[1], 0, c.afModel[0], c.afModel[2], 0, 0, 1};
+        memcpy(stPara.afCameraMatrix, afMatrix, sizeof(afMatrix));
+        memcpy(stPara.afDistortionCoefficients, &c.afModel[3], 3 * sizeof(float));
+    } else {
+        memcpy(stPara.afGlobalFDCCoefficients, c.afModel, 3 * sizeof(float));
+    }
+    GetUndistortedArea(&stPara, c.bLens ? LDC_AREA_LENS : LDC_AREA_FACE);
     return stPara;
 }
 
-tagST_LDC_PARA MakeFacePara(int32_t iW, int32_t iH, float fG0, float fG1, float fG2)
+// {switch, left, top, right, bottom}
+std::vector<int32_t> Outcome(const tagST_LDC_PARA &p, bool bLens)
 {
-    tagST_LDC_PARA stPara = MakeLensPara(iW, iH, 1.0f, 1.0f, 1.0f, 0, 0, 0);
-    stPara.afGlobalFDCCoefficients[0] = fG0;
-    stPara.afGlobalFDCCoefficients[1] = fG1;
-    stPara.afGlobalFDCCoefficients[2] = fG2;
-    return stPara;
+    const int32_t *pi = bLens ? p.aiLDCArea : p.aiGlobalFDCArea;
+    return {bLens ? p.iLDCFlag : p.iGolbalFDCFlag, pi[0], pi[1], pi[2], pi[3]};
 }
 
-void ExpectArea(const int32_t *piArea, int32_t iL, int32_t iT, int32_t iR, int32_t iB)
+// Whatever the model, an accepted rectangle has even left and top, odd right and bottom, equal
+// margins up to that rounding, and every pixel of it maps inside the frame (the remap relies on
+// it). fy plays no part.
+TEST(GetUndistortedArea, AcceptedRectangleIsCentredEvenAndMapsInside)
 {
-    EXPECT_EQ(piArea[0], iL);
-    EXPECT_EQ(piArea[1], iT);
-    EXPECT_EQ(piArea[2], iR);
-    EXPECT_EQ(piArea[3], iB);
-}
-
-// Every pixel of the rectangle must map inside the frame: the remap kernels rely on it.
-void ExpectAreaMapsInside(const tagST_LDC_PARA &stPara, int32_t bLens)
-{
-    const int32_t *piArea = bLens ? stPara.aiLDCArea : stPara.aiGlobalFDCArea;
-    tagST_RADIAL_MODEL stModel;
-    GetRadialModel(&stPara, bLens, &stModel);
-    for (int32_t y = piArea[1]; y <= piArea[3]; y++) {
-        for (int32_t x = piArea[0]; x <= piArea[2]; x++) {
-            const float fDx = (float)x - stModel.fCx;
-            const float fDy = (float)y - stModel.fCy;
-            const float fF = RadialFactorSerial(&stModel, fDx * fDx + fDy * fDy);
-            const float fSx = stModel.fCx + fF * fDx;
-            const float fSy = stModel.fCy + fF * fDy;
-            ASSERT_TRUE(fSx >= 0 && fSx <= stPara.iImgWidth - 1 && fSy >= 0 &&
-                        fSy <= stPara.iImgHeight - 1)
-                << "(" << x << ", " << y << ") maps to (" << fSx << ", " << fSy << ")";
+    std::vector<AreaCase> vstCases = {
+        {640, 480, true, {535.91573f, 343, 235, -0.26637261f, -0.038588899f, 0.23839153f}},   // a real phone lens
+        {641, 479, true, {500, 321, 239, 0.2f, 0.05f, 0}},                                     // pincushion
+        {400, 300, true, {300, 239, 149, 0.15f, 0, 0}},   // principal point 40 px right of the middle
+    };
+    std::mt19937 rng(5);
+    for (int32_t i = 0; i < 12; i++) {
+        const int32_t iW = 40 + (int32_t)(rng() % 300), iH = 30 + (int32_t)(rng() % 200);
+        const float fR2 = 0.25f * (float)(iW * iW + iH * iH);
+        auto fnUniform = [&](float fRange) { return fRange * ((float)(rng() % 2001) / 1000.0f - 1.0f); };
+        vstCases.push_back({iW, iH, false, {fnUniform(0.3f) / fR2, fnUniform(0.05f) / (fR2 * fR2), 0}});
+    }
+    for (const AreaCase &c : vstCases) {
+        const tagST_LDC_PARA stPara = MakePara(c);
+        const std::vector<int32_t> viArea = Outcome(stPara, c.bLens);
+        SCOPED_TRACE(testing::PrintToString(c.afModel) + " on " + std::to_string(c.iW) + "x" + std::to_string(c.iH) +
+                     ": " + testing::PrintToString(viArea));
+        ASSERT_EQ(1, viArea[0]);
+        EXPECT_EQ((std::vector<int32_t>{0, 0, 1, 1}),
+                  (std::vector<int32_t>{viArea[1] & 1, viArea[2] & 1, viArea[3] & 1, viArea[4] & 1}));
+        EXPECT_GE(viArea[1], 0);
+        EXPECT_LE(viArea[3], c.iW - 1);
+        EXPECT_LE(abs((c.iW - 1 - viArea[3]) - viArea[1]), 1);
+        EXPECT_LE(abs((c.iH - 1 - viArea[4]) - viArea[2]), 1);
+        tagST_RADIAL_MODEL stM;
+        GetRadialModel(&stPara, c.bLens, &stM);
+        for (int32_t y = viArea[2]; y <= viArea[4]; y++) {
+            for (int32_t x = viArea[1]; x <= viArea[3]; x++) {
+                const float fDx = (float)x - stM.fCx, fDy = (float)y - stM.fCy;
+                const float fF = RadialFactorSerial(&stM, fDx * fDx + fDy * fDy);
+                const float fSx = stM.fCx + fF * fDx, fSy = stM.fCy + fF * fDy;
+                ASSERT_TRUE(fSx >= 0 && fSx <= c.iW - 1 && fSy >= 0 && fSy <= c.iH - 1)
+                    << "(" << x << ", " << y << ") maps to (" << fSx << ", " << fSy << ")";
+            }
+        }
+        if (c.bLens) {
+            tagST_LDC_PARA stOtherFy = stPara;
+            stOtherFy.afCameraMatrix[4] *= 3.0f;
+            GetUndistortedArea(&stOtherFy, LDC_AREA_LENS);
+            EXPECT_EQ(viArea, Outcome(stOtherFy, true));
         }
     }
+    // The barrel lens maps the border inward and keeps the whole frame; the pincushion does not.
+    EXPECT_EQ((std::vector<int32_t>{1, 0, 0, 639, 479}), Outcome(MakePara(vstCases[0]), true));
+    EXPECT_GT(MakePara(vstCases[1]).aiLDCArea[0], 0);
 }
 
-TEST(GetUndistortedArea, IdentityAcceptsTheWholeFrameRoundedToEvenSize)
+// One focal length from the principal point r2 / fx^2 = 1, so f = 1 + k1 + k2 + k3 whatever fy
+// says; the face model turns about the frame centre halved as integers.
+TEST(GetRadialModel, AtOneFocalLengthTheFactorIsOnePlusTheCoefficients)
 {
-    tagST_LDC_PARA stPara = MakeFacePara(1001, 751, 0, 0, 0);
-    GetUndistortedArea(&stPara, LDC_AREA_FACE);
-    ExpectArea(stPara.aiGlobalFDCArea, 0, 0, 999, 749);
-    EXPECT_EQ(stPara.iGolbalFDCFlag, 1);
+    tagST_LDC_PARA stPara = MakePara({1001, 751, true, {500, 321, 239, 0.5f, 0.25f, 0.125f}});
+    stPara.afCameraMatrix[4] = 900;
+    tagST_RADIAL_MODEL stM;
+    GetRadialModel(&stPara, 1, &stM);
+    EXPECT_NEAR(1.875f, RadialFactorSerial(&stM, 500.0f * 500.0f), 1e-6f);
+    EXPECT_EQ((std::vector<float>{321, 239}), (std::vector<float>{stM.fCx, stM.fCy}));
+    GetRadialModel(&stPara, 0, &stM);
+    EXPECT_EQ((std::vector<float>{500, 375}), (std::vector<float>{stM.fCx, stM.fCy}));
 }
 
-TEST(GetUndistortedArea, SwitchedOffModelGetsTheRoundedFrameAndStaysOff)
+TEST(GetUndistortedArea, FallbackRectangles)
 {
-    tagST_LDC_PARA stPara = MakeLensPara(1001, 751, 500, 501, 375, -0.3f, 0, 0);
-    stPara.iLDCFlag = 0;
-    GetUndistortedArea(&stPara, LDC_AREA_LENS);
-    ExpectArea(stPara.aiLDCArea, 0, 0, 999, 749);
-    EXPECT_EQ(stPara.iLDCFlag, 0);
-}
-
-TEST(GetUndistortedArea, RealBarrelLensKeepsTheFrame)
-{
-    // A real 640 x 480 calibration: barrel distortion maps the border inward.
-    tagST_LDC_PARA stPara =
-        MakeLensPara(640, 480, 535.91573f, 343, 235, -0.26637261f, -0.038588899f, 0.23839153f);
-    GetUndistortedArea(&stPara, LDC_AREA_LENS);
-    ExpectArea(stPara.aiLDCArea, 0, 0, 639, 479);
-    EXPECT_EQ(stPara.iLDCFlag, 1);
-    ExpectAreaMapsInside(stPara, 1);
-}
-
-TEST(GetUndistortedArea, PincushionMovesTheEdgesInwardSymmetrically)
-{
-    tagST_LDC_PARA stPara = MakeLensPara(641, 479, 500, 321, 239, 0.2f, 0.05f, 0);
-    GetUndistortedArea(&stPara, LDC_AREA_LENS);
-    const int32_t *piArea = stPara.aiLDCArea;
-    EXPECT_EQ(stPara.iLDCFlag, 1);
-    EXPECT_GT(piArea[0], 0);
-    EXPECT_GT(piArea[1], 0);
-    EXPECT_EQ(piArea[0] % 2, 0);
-    EXPECT_EQ(piArea[1] % 2, 0);
-    EXPECT_EQ(piArea[2] % 2, 1);
-    EXPECT_EQ(piArea[3] % 2, 1);
-    EXPECT_LE(abs((640 - piArea[2]) - piArea[0]), 1);
-    EXPECT_LE(abs((478 - piArea[3]) - piArea[1]), 1);
-    ExpectAreaMapsInside(stPara, 1);
-}
-
-TEST(GetUndistortedArea, OffCentrePrincipalPointTakesTheWiderMargin)
-{
-    // The principal point sits 40 pixels right of the middle: the right margin is the narrower
-    // one and is widened to match the left.
-    tagST_LDC_PARA stPara = MakeLensPara(400, 300, 300, 239, 149, 0.15f, 0, 0);
-    GetUndistortedArea(&stPara, LDC_AREA_LENS);
-    const int32_t *piArea = stPara.aiLDCArea;
-    EXPECT_EQ(stPara.iLDCFlag, 1);
-    EXPECT_LE(abs((399 - piArea[2]) - piArea[0]), 1);
-    ExpectAreaMapsInside(stPara, 1);
-}
-
-TEST(GetUndistortedArea, PixelBeyondTheFarSideFailsWithTheUnroundedFrame)
-{
-    // f turns strongly negative towards the corners: column 0 is not rejected (it maps far to the
-    // right), so the search fails.
-    tagST_LDC_PARA stPara = MakeFacePara(101, 75, -0.01f, 0, 0);
-    GetUndistortedArea(&stPara, LDC_AREA_FACE);
-    ExpectArea(stPara.aiGlobalFDCArea, 0, 0, 100, 74);
-    EXPECT_EQ(stPara.iGolbalFDCFlag, 0);
-}
-
-TEST(GetUndistortedArea, CollapsedRectangleClearsTheSwitchButIsStored)
-{
-    // Only the centre column and row survive: left = right = 32, then the symmetrisation moves
-    // right to 31.
-    tagST_LDC_PARA stPara = MakeFacePara(64, 64, 1.0f, 0, 0);
-    GetUndistortedArea(&stPara, LDC_AREA_FACE);
-    ExpectArea(stPara.aiGlobalFDCArea, 32, 32, 31, 31);
-    EXPECT_EQ(stPara.iGolbalFDCFlag, 0);
-}
-
-TEST(GetRadialModel, LensCoefficientsAreScaledByPowersOfFxOnly)
-{
-    tagST_LDC_PARA stPara = MakeLensPara(640, 480, 500, 321, 239, 0.5f, 0.25f, 0.125f);
-    stPara.afCameraMatrix[4] = 900;   // fy plays no part
-    tagST_RADIAL_MODEL stModel;
-    GetRadialModel(&stPara, 1, &stModel);
-    EXPECT_FLOAT_EQ(stModel.fCx, 321);
-    EXPECT_FLOAT_EQ(stModel.fCy, 239);
-    EXPECT_FLOAT_EQ(stModel.fC1, 0.5f / (500.0f * 500.0f));
-    EXPECT_FLOAT_EQ(stModel.fC2, 0.25f / (500.0f * 500.0f * 500.0f * 500.0f));
-    EXPECT_NEAR(stModel.fC3 / (0.125 / 1.5625e16), 1.0, 1e-6);
-    GetRadialModel(&stPara, 0, &stModel);
-    EXPECT_FLOAT_EQ(stModel.fCx, 320);
-    EXPECT_FLOAT_EQ(stModel.fCy, 240);
+    struct {
+        AreaCase stCase;
+        bool bSwitchedOff;
+        std::vector<int32_t> viExpected;
+    } const astCases[] = {
+        // Identity: every line accepted at once, the frame rounded to an even size.
+        {{1001, 751, false, {0, 0, 0}}, false, {1, 0, 0, 999, 749}},
+        // A model switched off gets the rounded frame and stays off.
+        {{1001, 751, true, {500, 501, 375, -0.3f, 0, 0}}, true, {0, 0, 0, 999, 749}},
+        // f turns strongly negative towards the corners: column 0 is not rejected (it maps far to
+        // the right), so the search fails with the unrounded frame.
+        {{101, 75, false, {-0.01f, 0, 0}}, false, {0, 0, 0, 100, 74}},
+        // Only the centre column and row survive: left = right = 32, then the symmetrisation
+        // moves right to 31; the switch is cleared but the rectangle stored.
+        {{64, 64, false, {1.0f, 0, 0}}, false, {0, 32, 32, 31, 31}},
+    };
+    for (const auto &c : astCases) {
+        AreaCase stCase = c.stCase;
+        tagST_LDC_PARA stPara = MakePara(stCase);
+        if (c.bSwitchedOff) {
+            stPara.iLDCFlag = 0;
+            GetUndistortedArea(&stPara, LDC_AREA_LENS);
+        }
+        EXPECT_EQ(c.viExpected, Outcome(stPara, stCase.bLens)) << stCase.iW << "x" << stCase.iH;
+    }
 }
 
 }  // namespace

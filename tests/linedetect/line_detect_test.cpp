@@ -4,27 +4,16 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <random>
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "interface/ldc_lifecycle.h"
 #include "linedetect/line_detect.h"
 #include "linedetect/svm.h"
+#include "support/harness.h"
 
 namespace {
-
-const uint8_t kGuard = 0xA5;
-
-// Working-buffer size the instance lifecycle allocates for a W x H profile.
-uint32_t LifecycleBufferSize(int iW, int iH)
-{
-    const int iShift = (iW > 640 && iH > 640) ? 3 : 2;
-    const int w = iW >> iShift, h = iH >> iShift;
-    const int d = (int)sqrt((double)(w * w + h * h) + 0.5);
-    const int iA = 6 * w * h + 1456 * d + 27624;
-    const int iB = ((iW * iH * 3) >> 1) + 1760224;
-    return (uint32_t)(iA > iB ? iA : iB);
-}
 
 struct Detected {
     int iResult;
@@ -35,7 +24,7 @@ struct Detected {
 
 class Frame {
 public:
-    Frame(int iW, int iH, uint8_t ucFill = 90) : w(iW), h(iH), luma((size_t)iW * iH, ucFill)
+    Frame(int iW, int iH) : w(iW), h(iH), luma((size_t)iW * iH, 90)
     {
         memset(&para, 0, sizeof(para));
         para.iImgWidth = iW;
@@ -64,16 +53,13 @@ public:
         }
     }
 
-    // Runs the check in a buffer of the lifecycle's size; the bytes past LineDetectWorkSize must
-    // stay untouched.
+    // Runs the check in a guarded buffer of the lifecycle's size; the bytes past
+    // LineDetectWorkSize must stay untouched.
     Detected Run()
     {
-        const uint32_t uSize = LifecycleBufferSize(w, h);
         const uint32_t uUsed = LineDetectWorkSize(w, h);
-        EXPECT_LE(uUsed, uSize);
-        std::vector<uint8_t> raw(uSize + 16, kGuard);
-        uint8_t *pucBuf = raw.data() + (16 - ((uintptr_t)raw.data() & 15));
-        para.pucWorkBuf = pucBuf;
+        ldc_test::GuardedBytes stBuf((size_t)GetWorkBufSize(w, h), 0xA5);
+        para.pucWorkBuf = stBuf.Data();
         testing::internal::CaptureStderr();
         Detected r;
         r.iResult = LineDetect(luma.data(), &para);
@@ -81,11 +67,9 @@ public:
         r.iLines = sscanf(r.log.c_str(), "I/ZB5QU_QVLDC: Rho=%d, Theta=%d, Pnt0=(%d, %d), Pnt1=(%d, %d)",
                           &r.stFirst.rho, &r.stFirst.theta, &r.stFirst.Pnt0.x, &r.stFirst.Pnt0.y,
                           &r.stFirst.Pnt1.x, &r.stFirst.Pnt1.y) == 6;
-        size_t uBad = 0;
-        for (uint32_t i = uUsed; i < uSize; i++) {
-            uBad += pucBuf[i] != kGuard;
-        }
-        EXPECT_EQ(0u, uBad) << "bytes written past LineDetectWorkSize(" << w << ", " << h << ")";
+        EXPECT_EQ(stBuf.Size() - uUsed, (size_t)std::count(stBuf.Data() + uUsed, stBuf.Data() + stBuf.Size(), 0xA5))
+            << "bytes written past LineDetectWorkSize(" << w << ", " << h << ")";
+        EXPECT_EQ("", stBuf.GuardReport());
         para.pucWorkBuf = NULL;
         return r;
     }
@@ -109,17 +93,12 @@ double Off(stPoint p, double dThetaDeg, double dRho)
 
 TEST(LineDetect, FactorAndWorkSizeFitTheLifecycleBuffer)
 {
-    EXPECT_EQ(4, LineDetectFactor(640, 480));
-    EXPECT_EQ(8, LineDetectFactor(1280, 720));
-    EXPECT_EQ(4, LineDetectFactor(1280, 640));
-    EXPECT_EQ(4, LineDetectFactor(640, 5000));
-    EXPECT_EQ(8, LineDetectFactor(641, 641));
-    // 25440 + 6wh + 728 (2R + 3): 4000 x 3000 -> 500 x 375, R = 625.
-    EXPECT_EQ(25440u + 6u * 500 * 375 + 728u * (2 * 625 + 3), LineDetectWorkSize(4000, 3000));
-    EXPECT_EQ(25440u + 6u * 160 * 120 + 728u * (2 * 200 + 3), LineDetectWorkSize(640, 480));
+    EXPECT_EQ((std::vector<int>{4, 8, 4, 4, 8}),
+              (std::vector<int>{LineDetectFactor(640, 480), LineDetectFactor(1280, 720), LineDetectFactor(1280, 640),
+                                LineDetectFactor(640, 5000), LineDetectFactor(641, 641)}));
     for (int iW = 1; iW <= 5000; iW += 97) {
         for (int iH = 1; iH <= 5000; iH += 89) {
-            ASSERT_LE(LineDetectWorkSize(iW, iH), LifecycleBufferSize(iW, iH)) << iW << "x" << iH;
+            ASSERT_LE(LineDetectWorkSize(iW, iH), (uint32_t)GetWorkBufSize(iW, iH)) << iW << "x" << iH;
         }
     }
 }
@@ -135,71 +114,44 @@ TEST(LineDetect, WithoutWorkingBufferTheCorrectionIsLeftOut)
     EXPECT_EQ(0.53f, f.para.stSvmModel.fGamma);
 }
 
-TEST(LineDetect, FrameWithoutEdgesPasses)
-{
-    Frame f(640, 480);
-    const Detected r = f.Run();
-    EXPECT_EQ(1, r.iResult);
-    EXPECT_EQ("", r.log);
-}
-
 TEST(LineDetect, StraightEdgesAreFoundAtTheirAngle)
 {
-    // Thin bright bars (one downscaled pixel wide; the axis-parallel ones on the 4-pixel grid so
-    // that the two edge rows beside them are distinct Hough peaks). Hough angle 0 is vertical,
-    // 90 horizontal.
+    // Thin bright bars, one downscaled pixel wide (the axis-parallel ones on the factor's grid, so
+    // that the two edge rows beside them are distinct Hough peaks). Hough angle 0 is vertical, 90
+    // horizontal. 1280 x 720 is reduced by 8, 1280 x 640 (a side of at most 640) by 4.
     struct Case {
-        int iTheta;
+        int w, h, f, iTheta;
         double x0, y0, x1, y1;
     };
-    for (const Case &c : {Case{0, 202, 40, 202, 440}, Case{20, 280, 40, 140, 425},
-                          Case{90, 40, 130, 600, 130}, Case{160, 140, 40, 280, 425}}) {
-        Frame f(640, 480);
-        f.Bar(c.x0, c.y0, c.x1, c.y1);
+    for (const Case &c : {Case{640, 480, 4, 0, 202, 40, 202, 440}, Case{640, 480, 4, 20, 280, 40, 140, 425},
+                          Case{640, 480, 4, 90, 40, 130, 600, 130}, Case{640, 480, 4, 160, 140, 40, 280, 425},
+                          Case{1280, 720, 8, 90, 80, 180, 1200, 180}, Case{1280, 640, 4, 90, 80, 178, 1200, 178}}) {
+        Frame f(c.w, c.h);
+        f.Bar(c.x0, c.y0, c.x1, c.y1, c.f / 2.0);
         const double t = c.iTheta * M_PI / 180.0;
         const double dRho = c.x0 * cos(t) + c.y0 * sin(t);
         const Detected r = f.Run();
-        ASSERT_EQ(0, r.iResult) << c.iTheta;
-        ASSERT_TRUE(r.iLines) << c.iTheta;
-        EXPECT_LE(AngleDiff(r.stFirst.theta, c.iTheta), 5) << c.iTheta << "\n" << r.log;
-        EXPECT_LE(Off(r.stFirst.Pnt0, c.iTheta, dRho), 12.0) << c.iTheta << "\n" << r.log;
-        EXPECT_LE(Off(r.stFirst.Pnt1, c.iTheta, dRho), 12.0) << c.iTheta << "\n" << r.log;
-        // Scaled back by the factor 4, and at least half the short side (in frame pixels) long.
-        for (int v : {r.stFirst.Pnt0.x, r.stFirst.Pnt0.y, r.stFirst.Pnt1.x, r.stFirst.Pnt1.y}) {
-            EXPECT_EQ(0, v % 4) << c.iTheta;
-        }
-        EXPECT_GE(hypot(r.stFirst.Pnt1.x - r.stFirst.Pnt0.x, r.stFirst.Pnt1.y - r.stFirst.Pnt0.y),
-                  240.0)
-            << c.iTheta;
-        EXPECT_NE(std::string::npos, r.log.find("The bend value is")) << c.iTheta;
-    }
-    // A diagonal bar gets no votes at all.
-    Frame f(640, 480);
-    f.Bar(100, 40, 500, 440);
-    const Detected r = f.Run();
-    EXPECT_EQ(1, r.iResult);
-    EXPECT_EQ("", r.log);
-}
-
-TEST(LineDetect, DownscaleFactorFollowsBothSides)
-{
-    struct Case {
-        int w, h, f;
-    };
-    for (const Case &c : {Case{1280, 720, 8}, Case{1280, 640, 4}}) {
-        Frame f(c.w, c.h);
-        // One downscaled row thick, at frame row 176 .. 176 + F - 1.
-        f.Bar(80, 176 + c.f / 2.0, c.w - 80, 176 + c.f / 2.0, c.f / 2.0);
-        const Detected r = f.Run();
-        ASSERT_TRUE(r.iLines) << c.w << "x" << c.h;
-        EXPECT_EQ(0, r.iResult);
-        EXPECT_LE(AngleDiff(r.stFirst.theta, 90), 5) << r.log;
-        EXPECT_LE(Off(r.stFirst.Pnt0, 90, 176), 4.0 * c.f) << r.log;
-        EXPECT_LE(Off(r.stFirst.Pnt1, 90, 176), 4.0 * c.f) << r.log;
+        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " theta " << c.iTheta << "\n" << r.log);
+        ASSERT_EQ(0, r.iResult);
+        ASSERT_TRUE(r.iLines);
+        EXPECT_LE(AngleDiff(r.stFirst.theta, c.iTheta), 5);
+        EXPECT_LE(Off(r.stFirst.Pnt0, c.iTheta, dRho), 3.0 * c.f);
+        EXPECT_LE(Off(r.stFirst.Pnt1, c.iTheta, dRho), 3.0 * c.f);
+        // Scaled back by the factor, and at least half the short side (in frame pixels) long.
         for (int v : {r.stFirst.rho, r.stFirst.Pnt0.x, r.stFirst.Pnt0.y, r.stFirst.Pnt1.x, r.stFirst.Pnt1.y}) {
-            EXPECT_EQ(0, v % c.f) << c.w << "x" << c.h;
+            EXPECT_EQ(0, v % c.f);
         }
-        EXPECT_GE(r.stFirst.Pnt1.x - r.stFirst.Pnt0.x, c.h / 2) << r.log;
+        EXPECT_GE(hypot(r.stFirst.Pnt1.x - r.stFirst.Pnt0.x, r.stFirst.Pnt1.y - r.stFirst.Pnt0.y), c.h / 2);
+        EXPECT_NE(std::string::npos, r.log.find("The bend value is"));
+    }
+    // An empty frame and a diagonal bar (whose angle gets no votes) pass without a word.
+    Frame f(640, 480);
+    const Detected stEmpty = f.Run();
+    f.Bar(100, 40, 500, 440);
+    const Detected stDiagonal = f.Run();
+    for (const Detected &r : {stEmpty, stDiagonal}) {
+        EXPECT_EQ(1, r.iResult);
+        EXPECT_EQ("", r.log);
     }
 }
 
@@ -240,41 +192,34 @@ TEST(LineDetect, BrokenPiecesJoinAndShortLinesAreIgnored)
     EXPECT_EQ(0, g.Run().iResult);
 }
 
-// The joining step on hand-made pieces (downscaled coordinates).
+// The joining step on hand-made pieces (downscaled coordinates): the number of lines left and
+// the first one's {rho, theta, x0, x1}.
 stLine Ln(int theta, int x0, int y0, int x1, int y1)
 {
-    stLine l = {0, theta, {x0, y0}, {x1, y1}};
-    return l;
+    return stLine{0, theta, {x0, y0}, {x1, y1}};
 }
 
-int Join(std::vector<stLine> &lines, float fRatio, int iMinLength, std::vector<uint8_t> *pAlive = NULL)
+std::vector<int> Join(std::vector<stLine> lines, float fRatio, int iMinLength)
 {
     std::vector<uint8_t> alive(lines.size());
     const int n = JoinDetectedLines(lines.data(), (int)lines.size(), alive.data(), fRatio, iMinLength);
-    if (pAlive) {
-        *pAlive = alive;
-    }
-    return n;
+    return {n, lines[0].rho, lines[0].theta, lines[0].Pnt0.x, lines[0].Pnt1.x};
 }
 
 TEST(JoinDetectedLines, InnerEndIsTestedOnOneSideOnly)
 {
     // Current segment on y = 50 + x / 10; the piece inside it has its first end moved off the line
-    // by `off` rows (positive: above the line, where c + m x - y > 0).
+    // by `off` rows (positive: above the line, where c + m x - y > 0). The inner piece does not
+    // change the segment.
     for (int off : {2, 3, -10, -40}) {
-        std::vector<stLine> lines = {Ln(84, 0, 50, 120, 62), Ln(85, 30, 53 - off, 90, 59)};
-        std::vector<uint8_t> alive;
-        const int n = Join(lines, 0.5f, 0, &alive);
-        const bool bJoined = off != 3;
-        EXPECT_EQ(bJoined ? 1 : 2, n) << off;
-        EXPECT_EQ(bJoined ? 0 : 1, alive[1]) << off;
-        EXPECT_EQ(0, lines[0].Pnt0.x);
-        EXPECT_EQ(120, lines[0].Pnt1.x);   // the inner piece does not change the segment
+        const int iLeft = off == 3 ? 2 : 1;
+        EXPECT_EQ((std::vector<int>{iLeft, 0, 84, 0, 120}), Join({Ln(84, 0, 50, 120, 62), Ln(85, 30, 53 - off, 90, 59)},
+                                                                  0.5f, 0)) << off;
     }
     // A horizontal reference uses absolute row distances, on both sides.
     for (int off : {-3, 3, -2}) {
-        std::vector<stLine> h = {Ln(90, 0, 50, 120, 50), Ln(90, 30, 50 + off, 90, 50 + off)};
-        EXPECT_EQ(off == -2 ? 1 : 2, Join(h, 0.5f, 0)) << off;
+        EXPECT_EQ(off == -2 ? 1 : 2, Join({Ln(90, 0, 50, 120, 50), Ln(90, 30, 50 + off, 90, 50 + off)}, 0.5f, 0)[0])
+            << off;
     }
 }
 
@@ -282,40 +227,26 @@ TEST(JoinDetectedLines, CoverageOfInsideCoveringAndOverlappingPieces)
 {
     // Covering piece: the segment becomes the piece, but the coverage falls back to the old
     // segment's length (40 of 121), so it needs a ratio below 40 / 121.
-    std::vector<stLine> cover = {Ln(84, 40, 54, 80, 58), Ln(85, 0, 50, 120, 62)};
-    EXPECT_EQ(0, Join(cover, 0.5f, 0));
-    cover = {Ln(84, 40, 54, 80, 58), Ln(85, 0, 50, 120, 62)};
-    ASSERT_EQ(1, Join(cover, 0.3f, 0));
-    EXPECT_EQ(85, cover[0].theta);
-    EXPECT_EQ(0, cover[0].Pnt0.x);
-    EXPECT_EQ(120, cover[0].Pnt1.x);
-
+    const std::vector<stLine> cover = {Ln(84, 40, 54, 80, 58), Ln(85, 0, 50, 120, 62)};
+    EXPECT_EQ(0, Join(cover, 0.5f, 0)[0]);
+    EXPECT_EQ((std::vector<int>{1, 0, 85, 0, 120}), Join(cover, 0.3f, 0));
     // Overlapping pieces: coverage grows by the piece's length and the segment is extended on the
-    // side that gives the longer line; rho and theta stay the first piece's.
+    // side that gives the longer line (50 + 40 + 40 = 130 of 150); rho and theta stay the first
+    // piece's.
     std::vector<stLine> chain = {Ln(90, 0, 50, 50, 50), Ln(91, 60, 50, 100, 50), Ln(92, 110, 50, 150, 50)};
     chain[0].rho = 7;
-    ASSERT_EQ(1, Join(chain, 0.8f, 150));
-    EXPECT_EQ(7, chain[0].rho);
-    EXPECT_EQ(90, chain[0].theta);
-    EXPECT_EQ(0, chain[0].Pnt0.x);
-    EXPECT_EQ(150, chain[0].Pnt1.x);   // covered 50 + 40 + 40 = 130 of 150
-    chain = {Ln(90, 0, 50, 50, 50), Ln(91, 60, 50, 100, 50), Ln(92, 110, 50, 150, 50)};
-    EXPECT_EQ(0, Join(chain, 0.9f, 0));
-    EXPECT_EQ(0, Join(chain, 0.8f, 151));
-
+    EXPECT_EQ((std::vector<int>{1, 7, 90, 0, 150}), Join(chain, 0.8f, 150));
+    EXPECT_EQ(0, Join(chain, 0.9f, 0)[0]);
+    EXPECT_EQ(0, Join(chain, 0.8f, 151)[0]);
     // Only pieces within two degrees of the current segment are examined.
-    std::vector<stLine> far = {Ln(90, 0, 50, 50, 50), Ln(93, 60, 50, 100, 50)};
-    EXPECT_EQ(2, Join(far, 0.5f, 0));
+    EXPECT_EQ(2, Join({Ln(90, 0, 50, 50, 50), Ln(93, 60, 50, 100, 50)}, 0.5f, 0)[0]);
 }
 
 TEST(LineDetect, DenseNoiseStaysInsideTheBuffer)
 {
-    std::mt19937 rng(1234);
     for (int iMode : {0, 1}) {
         Frame f(640, 480);
-        for (uint8_t &v : f.luma) {
-            v = (uint8_t)(rng() & 0xFF);
-        }
+        f.luma = ldc_test::RandomBytes(f.luma.size(), 1234 + iMode);
         f.para.iBendDecideMode = iMode;
         f.para.iBinarizationThresh = 20;
         f.para.fLineLengthRatio = 0.0f;
@@ -335,15 +266,13 @@ TEST(LineDetect, ClassifierModeUsesTheDefaultModel)
     f.Bar(40, 250, 600, 250);   // long line just below the middle: stays straight
     Detected r = f.Run();
     EXPECT_EQ(1, r.iResult) << r.log;
-    EXPECT_EQ(0.53f, f.para.stSvmModel.fGamma);
-    EXPECT_EQ(0.92535f, f.para.stSvmModel.fRho);
-    EXPECT_EQ(aiSvDefaultNSv[0], f.para.stSvmModel.aiNSv[0]);
-    EXPECT_EQ(aiSvDefaultNSv[1], f.para.stSvmModel.aiNSv[1]);
-    EXPECT_EQ(afSvCoeff[0], f.para.stSvmModel.afSvCoef[0]);
+    const tagST_SVM_MODEL &m = f.para.stSvmModel;
+    EXPECT_EQ((std::vector<float>{0.53f, 0.92535f, (float)aiSvDefaultNSv[0], (float)aiSvDefaultNSv[1], afSvCoeff[0]}),
+              (std::vector<float>{m.fGamma, m.fRho, (float)m.aiNSv[0], (float)m.aiNSv[1], m.afSvCoef[0]}));
 
     Frame g(640, 480);
     g.para.iBendDecideMode = 1;
-    g.Bar(40, 26, 600, 26);     // long line along the top border: bends
+    g.Bar(40, 26, 600, 26);   // long line along the top border: bends
     r = g.Run();
     EXPECT_EQ(0, r.iResult);
     EXPECT_TRUE(r.iLines);

@@ -1,13 +1,9 @@
-// Inputs shared by the line-kernel equivalence harness and its benchmark: the size sweeps,
-// fixed-seed random planes and a first-difference report.
+// The size sweeps of the line-kernel harness and the frame of its benchmark.
 #ifndef LDC_TESTS_LINEDETECT_LINE_KERNELS_CASES_H
 #define LDC_TESTS_LINEDETECT_LINE_KERNELS_CASES_H
 
 #include <stdint.h>
-#include <stdio.h>
 
-#include <random>
-#include <string>
 #include <vector>
 
 namespace line_kernels {
@@ -17,7 +13,7 @@ struct Size {
     int32_t iHeight;
 };
 
-// Downscale sources: tiny, odd, widths off the 16- and 32-column vector steps, one block short
+// Downscale sources: tiny, odd, widths off the 32- and 64-column vector steps, one block short
 // of a vector step, and a few full vector rows with tails.
 inline const std::vector<Size> &DownScaleSizes()
 {
@@ -29,7 +25,7 @@ inline const std::vector<Size> &DownScaleSizes()
     return s_sizes;
 }
 
-// Sobel inputs: heights 1 and 2 (all zero), widths on and off the 8-column step.
+// Sobel inputs: heights 1 and 2 (all zero), widths on and off the 16-column step.
 inline const std::vector<Size> &SobelSizes()
 {
     static const std::vector<Size> s_sizes = {
@@ -44,34 +40,6 @@ constexpr int32_t kBenchWidth = 4000;
 constexpr int32_t kBenchHeight = 3000;
 constexpr int32_t kBenchFactor = 8;
 constexpr int32_t kBenchThresh = 100;   // the configuration's default binarization threshold
-
-// Uniform samples in 0 .. uMask; a small mask keeps Sobel magnitudes around the thresholds.
-inline std::vector<uint8_t> RandomPlane(size_t uSize, uint32_t uSeed, uint32_t uMask = 0xFF)
-{
-    std::mt19937 rng(uSeed);
-    std::vector<uint8_t> v(uSize);
-    for (uint8_t &b : v) {
-        b = (uint8_t)(rng() & uMask);
-    }
-    return v;
-}
-
-// "" when equal, else the first differing pixel with its coordinates and both values.
-inline std::string FirstDifference(const uint8_t *pucRef, const uint8_t *pucNew, int32_t iWidth, int32_t iHeight)
-{
-    for (int32_t y = 0; y < iHeight; y++) {
-        for (int32_t x = 0; x < iWidth; x++) {
-            const size_t i = (size_t)y * iWidth + x;
-            if (pucRef[i] != pucNew[i]) {
-                char acMsg[96];
-                snprintf(acMsg, sizeof(acMsg), "first difference at (x=%d, y=%d): plain %d, neon %d", x, y,
-                         pucRef[i], pucNew[i]);
-                return acMsg;
-            }
-        }
-    }
-    return "";
-}
 
 }  // namespace line_kernels
 

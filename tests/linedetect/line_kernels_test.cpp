@@ -1,195 +1,167 @@
-// Equivalence of the vector line kernels with their plain twins (which define the bytes), plus
-// the exact values the plain arithmetic must give.
+// The line kernels: each plain routine against a direct formula written another way, and each
+// NEON twin against its plain routine, byte for byte, over the sweeps of line_kernels_cases.h.
 #include <gtest/gtest.h>
 
 #include <math.h>
-#include <string.h>
-
-#include <random>
-#include <vector>
+#include <stdlib.h>
 
 #include "linedetect/downscale.h"
 #include "linedetect/hough.h"
 #include "linedetect/line_kernels_cases.h"
 #include "linedetect/sobel.h"
+#include "support/harness.h"
 
 namespace {
 
-using line_kernels::FirstDifference;
-using line_kernels::RandomPlane;
+using ldc_test::CompareTwins;
+using ldc_test::FirstDifference;
+using ldc_test::RandomBytes;
 
-constexpr uint8_t kGuard = 0xA5;   // bytes past the output must stay untouched
+// The mean of each whole block, rounded half up in double.
+std::vector<uint8_t> BlockMeans(const std::vector<uint8_t> &vucSrc, int32_t iW, int32_t iH, int32_t iF)
+{
+    std::vector<uint8_t> vucOut((size_t)(iW / iF) * (iH / iF));
+    for (size_t i = 0; i < vucOut.size(); i++) {
+        const size_t uX0 = i % (iW / iF) * iF, uY0 = i / (iW / iF) * iF;
+        double dSum = 0.0;
+        for (int32_t k = 0; k < iF * iF; k++) {
+            dSum += vucSrc[(uY0 + k / iF) * iW + uX0 + k % iF];
+        }
+        vucOut[i] = (uint8_t)floor(dSum / (iF * iF) + 0.5);
+    }
+    return vucOut;
+}
 
-TEST(LineKernels, DownScaleNeonMatchesPlainEveryByte)
+TEST(LineKernels, DownScaleIsTheRoundedBlockMeanOnBothTwins)
 {
     uint32_t uSeed = 1;
     for (const line_kernels::Size &s : line_kernels::DownScaleSizes()) {
         const size_t n = (size_t)s.iWidth * s.iHeight;
-        for (const std::vector<uint8_t> &src : {RandomPlane(n, uSeed++), std::vector<uint8_t>(n, 255)}) {
-            for (int32_t iFactor : {4, 8}) {
-                const int32_t iOutW = s.iWidth / iFactor, iOutH = s.iHeight / iFactor;
-                const size_t uOut = (size_t)iOutW * iOutH;
-                std::vector<uint8_t> ref(uOut + 16, kGuard), neon(uOut + 16, kGuard), direct(uOut + 16, kGuard);
-                DownScaleData(src.data(), iFactor, s.iWidth, s.iHeight, ref.data());
-                DownScaleData_NEON(src.data(), iFactor, s.iWidth, s.iHeight, neon.data());
-                (iFactor == 4 ? DownScaleData16_NEON : DownScaleData64_NEON)(src.data(), s.iWidth, s.iHeight,
-                                                                             direct.data());
-                SCOPED_TRACE(testing::Message() << s.iWidth << "x" << s.iHeight << " factor " << iFactor
-                                                << (src[0] == 255 && src[n - 1] == 255 ? " (255s)" : " (random)"));
-                ASSERT_EQ(FirstDifference(ref.data(), neon.data(), iOutW, iOutH), "");
-                ASSERT_EQ(FirstDifference(ref.data(), direct.data(), iOutW, iOutH), "");
-                ASSERT_EQ(std::vector<uint8_t>(ref.begin() + uOut, ref.end()), std::vector<uint8_t>(16, kGuard));
-                ASSERT_EQ(std::vector<uint8_t>(neon.begin() + uOut, neon.end()), std::vector<uint8_t>(16, kGuard));
+        for (const std::vector<uint8_t> &vucSrc : {RandomBytes(n, uSeed++), std::vector<uint8_t>(n, 255)}) {
+            for (int32_t iF : {4, 8}) {
+                const ldc_test::tagST_TEST_LAYOUT stOut = ldc_test::ImageLayout(s.iWidth / iF, s.iHeight / iF);
+                const auto fnRun = [&](bool bNeon, uint8_t *pucOut) {
+                    (bNeon ? DownScaleData_NEON : DownScaleData)(vucSrc.data(), iF, s.iWidth, s.iHeight, pucOut);
+                };
+                ldc_test::GuardedBytes stPlain(stOut.uBytes, 0);
+                fnRun(false, stPlain.Data());
+                SCOPED_TRACE(testing::Message() << s.iWidth << "x" << s.iHeight << " factor " << iF);
+                ASSERT_EQ("", FirstDifference(stOut, BlockMeans(vucSrc, s.iWidth, s.iHeight, iF).data(),
+                                              stPlain.Data()) + stPlain.GuardReport());
+                ASSERT_EQ("", CompareTwins(stOut, fnRun));
             }
         }
     }
+    // Other factors write nothing.
+    const std::vector<uint8_t> vucWhite(64 * 16, 255);
+    ldc_test::GuardedBytes stNone(16, 7);
+    DownScaleData(vucWhite.data(), 2, 64, 16, stNone.Data());
+    DownScaleData_NEON(vucWhite.data(), 16, 64, 16, stNone.Data());
+    EXPECT_EQ(std::vector<uint8_t>(16, 7), std::vector<uint8_t>(stNone.Data(), stNone.Data() + 16));
 }
 
-TEST(LineKernels, DownScaleRoundsHalfUpAndSkipsPartialBlocks)
+// |gx| + |gy| from the two 3 x 3 kernels as tables; -1 on the border, which is never an edge.
+std::vector<int32_t> SobelMagnitudes(const std::vector<uint8_t> &vucSrc, int32_t iW, int32_t iH)
 {
-    // 7 x 6 source, factor 4: one output, from the top-left block (sum 24) only.
-    std::vector<uint8_t> src(7 * 6, 255);
-    const uint8_t aucBlock[16] = {3, 1, 2, 0, 1, 2, 3, 0, 2, 1, 0, 3, 2, 1, 2, 1};
-    for (int32_t i = 0; i < 16; i++) {
-        src[(i / 4) * 7 + i % 4] = aucBlock[i];
+    static const int32_t aiKx[9] = {-1, 0, 1, -2, 0, 2, -1, 0, 1};
+    static const int32_t aiKy[9] = {1, 2, 1, 0, 0, 0, -1, -2, -1};
+    std::vector<int32_t> viMag((size_t)iW * iH, -1);
+    for (int32_t y = 1; y + 1 < iH; y++) {
+        for (int32_t x = 1; x + 1 < iW; x++) {
+            int32_t iGx = 0, iGy = 0;
+            for (int32_t k = 0; k < 9; k++) {
+                const int32_t p = vucSrc[(size_t)(y - 1 + k / 3) * iW + x - 1 + k % 3];
+                iGx += aiKx[k] * p;
+                iGy += aiKy[k] * p;
+            }
+            viMag[(size_t)y * iW + x] = abs(iGx) + abs(iGy);
+        }
     }
-    for (auto pfn : {DownScaleData16, DownScaleData16_NEON}) {
-        uint8_t aucOut[2] = {kGuard, kGuard};
-        pfn(src.data(), 7, 6, aucOut);
-        EXPECT_EQ(aucOut[0], 2);   // 24 / 16 = 1.5 rounds up
-        EXPECT_EQ(aucOut[1], kGuard);
-    }
-    // All 255 stays 255: (4080 + 8) >> 4 and (16320 + 32) >> 6.
-    std::vector<uint8_t> white(64 * 8, 255);
-    uint8_t aucOut[16];
-    DownScaleData_NEON(white.data(), 4, 64, 4, aucOut);
-    DownScaleData_NEON(white.data(), 8, 64, 8, aucOut + 8);
-    EXPECT_EQ(std::vector<uint8_t>(aucOut, aucOut + 16), std::vector<uint8_t>(16, 255));
-    // Factors other than 4 and 8 write nothing.
-    uint8_t aucNone[4] = {kGuard, kGuard, kGuard, kGuard};
-    DownScaleData(white.data(), 2, 64, 8, aucNone);
-    DownScaleData_NEON(white.data(), 16, 64, 8, aucNone);
-    EXPECT_EQ(std::vector<uint8_t>(aucNone, aucNone + 4), std::vector<uint8_t>(4, kGuard));
+    return viMag;
 }
 
-TEST(LineKernels, SobelNeonMatchesPlainEveryByte)
+TEST(LineKernels, SobelThresholdsTheL1MagnitudeOnBothTwins)
 {
     uint32_t uSeed = 100;
     for (const line_kernels::Size &s : line_kernels::SobelSizes()) {
         const size_t n = (size_t)s.iWidth * s.iHeight;
+        const ldc_test::tagST_TEST_LAYOUT stOut = ldc_test::ImageLayout(s.iWidth, s.iHeight);
         // Full-range noise saturates the 8-bit magnitude; low-contrast noise sits on the thresholds.
-        for (const std::vector<uint8_t> &src : {RandomPlane(n, uSeed++), RandomPlane(n, uSeed++, 0x1F)}) {
+        for (const std::vector<uint8_t> &vucSrc : {RandomBytes(n, uSeed++), RandomBytes(n, uSeed++, 0x1F)}) {
+            const std::vector<int32_t> viMag = SobelMagnitudes(vucSrc, s.iWidth, s.iHeight);
             // Every threshold on the small images, a spread with both extremes elsewhere.
             for (int32_t iThresh = 0; iThresh <= 255; iThresh += (n <= 400) ? 1 : 17) {
-                std::vector<uint8_t> ref(n + 16, kGuard), neon(n + 16, kGuard);
-                CalcSobel(src.data(), ref.data(), s.iWidth, s.iHeight, iThresh);
-                CalcSobel_NEON(src.data(), neon.data(), s.iWidth, s.iHeight, iThresh);
-                ASSERT_EQ(FirstDifference(ref.data(), neon.data(), s.iWidth, s.iHeight), "")
-                    << s.iWidth << "x" << s.iHeight << " threshold " << iThresh << " seed " << uSeed;
-                ASSERT_EQ(neon[n], kGuard);
-            }
-        }
-    }
-}
-
-TEST(LineKernels, SobelThresholdIsInclusiveAndBordersStayZero)
-{
-    // A step of 10 between columns 5 and 6: |gx| = 40 on both columns, on every row but the
-    // outer ones; heights 1 and 2 have no interior at all.
-    const int32_t iW = 12, iH = 5;
-    std::vector<uint8_t> step((size_t)iW * iH, 50);
-    for (size_t i = 0; i < step.size(); i++) {
-        step[i] += (i % iW >= 6) ? 10 : 0;
-    }
-    for (auto pfn : {CalcSobel, CalcSobel_NEON}) {
-        for (int32_t h : {iH, 2, 1}) {
-            for (int32_t iThresh : {40, 41}) {
-                std::vector<uint8_t> out((size_t)iW * h, kGuard);
-                pfn(step.data(), out.data(), iW, h, iThresh);
-                for (int32_t i = 0; i < iW * h; i++) {
-                    const int32_t x = i % iW, y = i / iW;
-                    const bool bEdge = iThresh == 40 && y > 0 && y < h - 1 && (x == 5 || x == 6);
-                    ASSERT_EQ(out[i], bEdge ? 255 : 0) << "x=" << x << " y=" << y << " h=" << h << " T=" << iThresh;
+                std::vector<uint8_t> vucExpected(n);
+                for (size_t i = 0; i < n; i++) {
+                    vucExpected[i] = viMag[i] >= iThresh ? 255 : 0;   // equal to the threshold is an edge
                 }
+                const auto fnRun = [&](bool bNeon, uint8_t *pucOut) {
+                    (bNeon ? CalcSobel_NEON : CalcSobel)(vucSrc.data(), pucOut, s.iWidth, s.iHeight, iThresh);
+                };
+                ldc_test::GuardedBytes stPlain(n, 0x5A);
+                fnRun(false, stPlain.Data());
+                SCOPED_TRACE(testing::Message() << s.iWidth << "x" << s.iHeight << " threshold " << iThresh);
+                ASSERT_EQ("", FirstDifference(stOut, vucExpected.data(), stPlain.Data()) + stPlain.GuardReport());
+                ASSERT_EQ("", CompareTwins(stOut, fnRun));
             }
         }
     }
 }
 
-// A voting record over its own storage; uByteOffset shifts every array off 4-byte alignment.
-struct VoteSetup {
-    std::vector<uint8_t> storage;
-    tagST_LINE_DETECT st;
-
-    VoteSetup(const std::vector<uint32_t> &points, int32_t iRhoMax, size_t uByteOffset = 0)
-        : storage(uByteOffset + 1440 + points.size() * 4 + (size_t)182 * (2 * iRhoMax + 3) * 4, 0)
-    {
-        uint8_t *p = storage.data() + uByteOffset;
-        for (int32_t t = 0; t < 180; t++) {
-            const float fAngle = (float)t * 0.017453292f;
-            const int32_t aiCosSin[2] = {(int32_t)(cos((double)fAngle) * 32768.0),
-                                         (int32_t)(sin((double)fAngle) * 32768.0)};
-            memcpy(p + 8 * t, aiCosSin, 8);
-        }
-        if (!points.empty()) {
-            memcpy(p + 1440, points.data(), points.size() * 4);
-        }
-        st = tagST_LINE_DETECT{(int32_t)points.size(), 180, iRhoMax, (int32_t *)p, (uint32_t *)(p + 1440),
-                               (int32_t *)(p + 1440 + points.size() * 4)};
-    }
-
-    std::vector<int32_t> Accum() const
-    {
-        std::vector<int32_t> v((size_t)182 * (2 * st.iRhoMax + 3));
-        memcpy(v.data(), st.piAccum, v.size() * 4);
-        return v;
-    }
-};
-
-TEST(LineKernels, CountLineProbNeonMatchesPlain)
+// Voting on random points, the record's arrays misaligned as the working buffer may leave them:
+// the plain counts against rho = floor((x cos + y sin) / 2^15) taken in double, for the angles
+// within 22 degrees of the axes and the points four at a time; the NEON counts against the plain.
+TEST(LineKernels, VotingCountsFlooredRhoOnBothTwins)
 {
+    int32_t aiTrig[360];
+    for (int32_t t = 0; t < 180; t++) {
+        const double dAngle = (double)((float)t * 0.017453292f);
+        aiTrig[2 * t] = (int32_t)(cos(dAngle) * 32768.0);
+        aiTrig[2 * t + 1] = (int32_t)(sin(dAngle) * 32768.0);
+    }
     std::mt19937 rng(7);
     for (int32_t iCount : {0, 3, 4, 5, 7, 61, 1001}) {
-        for (size_t uOffset : {0, 1, 3}) {
+        for (size_t uMisalign : {0, 1, 3}) {
             const int32_t iW = 40 + (int32_t)(rng() % 200), iH = 30 + (int32_t)(rng() % 150);
-            std::vector<uint32_t> points(iCount);
-            for (uint32_t &p : points) {
-                p = (rng() % iH) + ((rng() % iW) << 16);
-            }
             const int32_t iRhoMax = HoughRhoMax(iW, iH), iCols = 2 * iRhoMax + 3;
-            VoteSetup ref(points, iRhoMax, uOffset), neon(points, iRhoMax, uOffset);
-            CountLineProb(&ref.st);
-            CountLineProb_NEON(&neon.st);
-            const std::vector<int32_t> a = ref.Accum(), b = neon.Accum();
-            for (size_t i = 0; i < a.size(); i++) {
-                ASSERT_EQ(a[i], b[i]) << iCount << " points in " << iW << "x" << iH << ", offset " << uOffset
-                                      << ": first difference at theta " << (int32_t)(i / iCols) - 1 << " rho "
-                                      << (int32_t)(i % iCols) - iRhoMax - 1;
+            std::vector<uint32_t> vuPoints(iCount);
+            for (uint32_t &u : vuPoints) {
+                u = (rng() % iH) + ((rng() % iW) << 16);
             }
-            // Each voting angle gets one vote per voting point (a multiple of four), the diagonal
-            // bands and the guard band nothing.
-            for (int32_t iRow = 0; iRow < 182; iRow++) {
-                const int32_t t = iRow - 1;
-                const bool bVotes = (t >= 0 && t <= 22) || (t >= 67 && t <= 112) || (t >= 157 && t <= 179);
-                int64_t iSum = 0;
-                for (int32_t c = 1; c < iCols - 1; c++) {
-                    iSum += a[(size_t)iRow * iCols + c];
+            const size_t uAccum = sizeof(aiTrig) + 4 * vuPoints.size();
+            const ldc_test::tagST_TEST_PLANE stPlane = {"accumulator (x = R + 1 + rho, y = theta + 1)", 0, iCols,
+                                                        182, iCols * 4, 4};
+            const ldc_test::tagST_TEST_LAYOUT stAccum = {(size_t)182 * iCols * 4, {stPlane}};
+            const auto fnRun = [&](bool bNeon, uint8_t *puc) {
+                memcpy(puc, aiTrig, sizeof(aiTrig));
+                if (iCount > 0) {
+                    memcpy(puc + sizeof(aiTrig), vuPoints.data(), 4 * vuPoints.size());
                 }
-                ASSERT_EQ(iSum, bVotes ? (iCount & ~3) : 0) << "theta " << t << ", " << iCount << " points";
+                memset(puc + uAccum, 0, stAccum.uBytes);
+                tagST_LINE_DETECT st = {iCount, 180, iRhoMax, (int32_t *)puc, (uint32_t *)(puc + sizeof(aiTrig)),
+                                        (int32_t *)(puc + uAccum)};
+                (bNeon ? CountLineProb_NEON : CountLineProb)(&st);
+            };
+            std::vector<int32_t> viExpected(stAccum.uBytes / 4, 0);
+            for (int32_t t = 0; t < 180; t++) {
+                const bool bVotes = t <= 22 || t >= 157 || (t >= 67 && t <= 112);
+                for (int32_t i = 0; bVotes && i < (iCount & ~3); i++) {
+                    const double dX = vuPoints[i] >> 16, dY = vuPoints[i] & 0xFFFF;
+                    const int32_t iRho = (int32_t)floor((dX * aiTrig[2 * t] + dY * aiTrig[2 * t + 1]) / 32768.0);
+                    viExpected[(size_t)(t + 1) * iCols + iRhoMax + 1 + iRho]++;
+                }
             }
+            ldc_test::GuardedBytes stPlain(uAccum + stAccum.uBytes, 0, uMisalign);
+            fnRun(false, stPlain.Data());
+            SCOPED_TRACE(testing::Message() << iCount << " points in " << iW << "x" << iH << ", misaligned by "
+                                            << uMisalign);
+            ASSERT_EQ("", FirstDifference(stAccum, (const uint8_t *)viExpected.data(), stPlain.Data() + uAccum) +
+                              stPlain.GuardReport());
+            ldc_test::tagST_TEST_LAYOUT stWhole = {uAccum + stAccum.uBytes, {stPlane}};
+            stWhole.vstPlanes[0].uOffset = uAccum;
+            ASSERT_EQ("", CompareTwins(stWhole, fnRun, 0, uMisalign));
         }
     }
-    // Five points: the fifth leaves no trace. And the shift floors: (40, 30) at theta 179 is
-    // floor(-39.47) = -40, not -39.
-    const std::vector<uint32_t> five = {3u + (5u << 16), 4u + (5u << 16), 5u + (5u << 16), 6u + (5u << 16),
-                                        30u + (40u << 16)};
-    VoteSetup first4(std::vector<uint32_t>(five.begin(), five.begin() + 4), 60), all5(five, 60);
-    CountLineProb_NEON(&first4.st);
-    CountLineProb_NEON(&all5.st);
-    EXPECT_EQ(first4.Accum(), all5.Accum());
-    VoteSetup far(std::vector<uint32_t>(4, 30u + (40u << 16)), 60);
-    CountLineProb(&far.st);
-    EXPECT_EQ(far.Accum()[(size_t)(179 + 1) * 123 + 60 + 1 - 40], 4);
 }
 
 }  // namespace

@@ -26,28 +26,20 @@ TEST(MemoMalloc, UsableAreaIsAlignedWithOneToAlignmentBytesOfSlack)
     // where they land depends on the heap, so the count is only capped.
     for (uint32_t uAlign : {1u, 2u, 8u, 16u, 64u, 256u}) {
         std::vector<uintptr_t> auBlocks;
-        bool bSawAligned = false;
-        bool bSawUnaligned = false;
-        for (uint32_t i = 0; i < 20000 && !(bSawAligned && (uAlign < 64 || bSawUnaligned)); i++) {
-            const uint32_t uSize = 1 + (i * 37) % 4000;
+        bool abSeen[2] = {false, false};   // unaligned, aligned
+        for (uint32_t i = 0; i < 20000 && !(abSeen[1] && (uAlign < 64 || abSeen[0])); i++) {
             int32_t iOff = -1;
-            const uintptr_t uBlock = MemoMalloc(uSize, uAlign, &iOff);
+            const uintptr_t uBlock = MemoMalloc(1 + (i * 37) % 4000, uAlign, &iOff);
             ASSERT_NE(0u, uBlock);
             auBlocks.push_back(uBlock);
-            ASSERT_GE(iOff, 1);
-            ASSERT_LE(iOff, (int32_t)uAlign);
+            ASSERT_TRUE(iOff >= 1 && iOff <= (int32_t)uAlign) << iOff;
             ASSERT_EQ(0u, (uBlock + (uint32_t)iOff) % uAlign);
             // An aligned block gives the whole alignment, never 0.
             ASSERT_EQ(uBlock % uAlign == 0, iOff == (int32_t)uAlign) << uBlock;
-            (uBlock % uAlign == 0 ? bSawAligned : bSawUnaligned) = true;
+            abSeen[uBlock % uAlign == 0] = true;
         }
-        EXPECT_TRUE(bSawAligned) << uAlign;
-        if (uAlign >= 64) {
-            EXPECT_TRUE(bSawUnaligned) << uAlign;
-        }
-        for (uintptr_t uBlock : auBlocks) {
-            MemoFree(uBlock);
-        }
+        EXPECT_TRUE(abSeen[1] && (uAlign < 64 || abSeen[0])) << uAlign;
+        std::for_each(auBlocks.begin(), auBlocks.end(), MemoFree);
     }
 }
 
@@ -63,7 +55,6 @@ TEST(MemoMalloc, ReusedMemoryIsZeroFilledAndSaturationIsRefused)
     const uint8_t *puc = reinterpret_cast<const uint8_t *>(uBlock);
     EXPECT_EQ(1000 + 16, std::count(puc, puc + 1000 + 16, 0));
     MemoFree(uBlock);
-
     iOff = 123;
     EXPECT_EQ(0u, MemoMalloc(0xFFFFFFF8u, 16, &iOff));
     EXPECT_EQ(0, iOff);
@@ -72,16 +63,9 @@ TEST(MemoMalloc, ReusedMemoryIsZeroFilledAndSaturationIsRefused)
 
 // Workers record what they saw; a short sleep makes "joined before return" observable.
 struct WorkerLog {
-    std::atomic<int> aiRuns[8];
-    std::atomic<int> iWrongArg{0};
+    std::atomic<int> aiRuns[8] = {};
     std::atomic<int> iCount{0};
     pthread_t aThreads[8];
-    WorkerLog()
-    {
-        for (auto &i : aiRuns) {
-            i = 0;
-        }
-    }
 };
 
 void *SlowWorker(void *pParam)
@@ -95,70 +79,58 @@ void *SlowWorker(void *pParam)
     return NULL;
 }
 
-std::string Lines(std::initializer_list<std::string> lines)
+std::vector<int> Runs(const WorkerLog &log)
+{
+    std::vector<int> v;
+    for (const std::atomic<int> &i : log.aiRuns) {
+        v.push_back(i.load());
+    }
+    return v;
+}
+
+std::string Lines(const char *pcPrefix, const char *pcFormat, int iFrom, int iTo)
 {
     std::string s;
-    for (const std::string &l : lines) {
-        s += l + "\n";
+    for (int i = iFrom; i < iTo; i++) {
+        char ac[96];
+        snprintf(ac, sizeof(ac), pcFormat, i);
+        s += std::string(pcPrefix) + ac + "\n";
     }
     return s;
 }
 
-TEST(CreateThreadLock, NoWorkersForCountBelowOne)
-{
-    WorkerLog log;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(0, create_thread_lock(SlowWorker, &log, 0));
-    EXPECT_EQ(0, create_thread_lock(SlowWorker, &log, -3));
-    EXPECT_EQ("", testing::internal::GetCapturedStderr());
-    EXPECT_EQ(0, log.iCount.load());
-}
+const char kInfo[] = "I/ZB5QU_QVLDC: ";
+const char kError[] = "E/ZB5QU_QVLDC: ";
 
-TEST(CreateThreadLock, EveryWorkerRunsOnceAndIsJoined)
+// Every worker runs once and is joined before the call returns; a failed creation joins the
+// workers already started. Counts below one start nothing.
+TEST(CreateThreadLock, WorkersRunOnceAndAreJoined)
 {
-    WorkerLog log;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(0, create_thread_lock(SlowWorker, &log, 4));
-    const std::string err = testing::internal::GetCapturedStderr();
-    for (int i = 0; i < 4; i++) {
-        EXPECT_EQ(1, log.aiRuns[i].load()) << i;
+    const struct {
+        int iCount, iFailAt;
+        std::vector<int> viRuns;
+        std::string strLog;
+    } astCases[] = {
+        {0, -1, {0, 0, 0, 0, 0, 0, 0, 0}, ""},
+        {-3, -1, {0, 0, 0, 0, 0, 0, 0, 0}, ""},
+        {4, -1, {1, 1, 1, 1, 0, 0, 0, 0},
+         Lines(kInfo, "LDC Thread Create i = %d!", 0, 4) + Lines(kInfo, "LDC Thread Exit i = %d!", 0, 4)},
+        {4, 2, {1, 1, 0, 0, 0, 0, 0, 0},
+         Lines(kInfo, "LDC Thread Create i = %d!", 0, 3) + Lines(kError, "Thread Create Failed i = %d!!!", 2, 3)},
+        {4, 0, {0, 0, 0, 0, 0, 0, 0, 0},
+         Lines(kInfo, "LDC Thread Create i = %d!", 0, 1) + Lines(kError, "Thread Create Failed i = %d!!!", 0, 1)},
+    };
+    for (const auto &c : astCases) {
+        WorkerLog log;
+        testing::internal::CaptureStderr();
+        {
+            ScopedThreadCreateFailure fail(c.iFailAt);
+            EXPECT_EQ(c.iFailAt < 0 ? 0 : -1, create_thread_lock(SlowWorker, &log, c.iCount));
+            // Read before anything else could end the workers: they must have ended already.
+            EXPECT_EQ(c.viRuns, Runs(log)) << c.iCount << " workers, failing at " << c.iFailAt;
+        }
+        EXPECT_EQ(c.strLog, testing::internal::GetCapturedStderr());
     }
-    EXPECT_EQ(0, log.aiRuns[4].load());
-    EXPECT_EQ(4, log.iCount.load());
-    EXPECT_EQ(Lines({"I/ZB5QU_QVLDC: LDC Thread Create i = 0!", "I/ZB5QU_QVLDC: LDC Thread Create i = 1!",
-                     "I/ZB5QU_QVLDC: LDC Thread Create i = 2!", "I/ZB5QU_QVLDC: LDC Thread Create i = 3!",
-                     "I/ZB5QU_QVLDC: LDC Thread Exit i = 0!", "I/ZB5QU_QVLDC: LDC Thread Exit i = 1!",
-                     "I/ZB5QU_QVLDC: LDC Thread Exit i = 2!", "I/ZB5QU_QVLDC: LDC Thread Exit i = 3!"}),
-              err);
-}
-
-TEST(CreateThreadLock, CreationFailureJoinsTheWorkersAlreadyStarted)
-{
-    WorkerLog log;
-    testing::internal::CaptureStderr();
-    {
-        ScopedThreadCreateFailure fail(2);
-        EXPECT_EQ(-1, create_thread_lock(SlowWorker, &log, 4));
-        // Read before anything else could end the workers: they must have ended already.
-        EXPECT_EQ(2, log.iCount.load());
-    }
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(1, log.aiRuns[0].load());
-    EXPECT_EQ(1, log.aiRuns[1].load());
-    EXPECT_EQ(0, log.aiRuns[2].load() + log.aiRuns[3].load());
-    EXPECT_EQ(Lines({"I/ZB5QU_QVLDC: LDC Thread Create i = 0!", "I/ZB5QU_QVLDC: LDC Thread Create i = 1!",
-                     "I/ZB5QU_QVLDC: LDC Thread Create i = 2!", "E/ZB5QU_QVLDC: Thread Create Failed i = 2!!!"}),
-              err);
-
-    WorkerLog first;
-    testing::internal::CaptureStderr();
-    {
-        ScopedThreadCreateFailure fail(0);
-        EXPECT_EQ(-1, create_thread_lock(SlowWorker, &first, 4));
-    }
-    EXPECT_EQ(Lines({"I/ZB5QU_QVLDC: LDC Thread Create i = 0!", "E/ZB5QU_QVLDC: Thread Create Failed i = 0!!!"}),
-              testing::internal::GetCapturedStderr());
-    EXPECT_EQ(0, first.iCount.load());
 }
 
 TEST(CreateThreadUnlock, StartsWithoutWaitingAndReportsFailure)
@@ -169,12 +141,10 @@ TEST(CreateThreadUnlock, StartsWithoutWaitingAndReportsFailure)
     for (int i = 0; i < 500 && log.iCount.load() < 3; i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_EQ(3, log.iCount.load());
+    ASSERT_EQ((std::vector<int>{1, 1, 1, 0, 0, 0, 0, 0}), Runs(log));
     for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(1, log.aiRuns[i].load());
         EXPECT_EQ(0, thread_wait(log.aThreads[i]));   // each worker knows its own id
     }
-
     WorkerLog failed;
     testing::internal::CaptureStderr();
     {
@@ -184,17 +154,10 @@ TEST(CreateThreadUnlock, StartsWithoutWaitingAndReportsFailure)
     EXPECT_EQ("E/ZB5QU_QVLDC: Thread Create Failed!\n", testing::internal::GetCapturedStderr());
 }
 
-// Runs fn on a thread of its own so that the test's threads keep their processors.
-template <typename Fn>
-void OnOwnThread(Fn fn)
-{
-    std::thread t(fn);
-    t.join();
-}
-
 TEST(SetThreadAffinityMask, FailureWarnsOnStandardOutput)
 {
-    OnOwnThread([] {
+    // On a thread of its own, so that the test's threads keep their processors.
+    std::thread([] {
         const int iTid = (int)syscall(SYS_gettid);
         fflush(stdout);
         testing::internal::CaptureStdout();
@@ -203,7 +166,7 @@ TEST(SetThreadAffinityMask, FailureWarnsOnStandardOutput)
         fflush(stdout);
         EXPECT_EQ("warning: setaffinity is failed.: mask=1073741824 err=22 tid = " + std::to_string(iTid) + " \n",
                   testing::internal::GetCapturedStdout());
-    });
+    }).join();
 }
 
 }  // namespace

@@ -102,6 +102,13 @@ mkfifo fifo.cascade
 ln -s /dev/zero zero.cascade
 CASCADES="garbage.cascade dir.cascade fifo.cascade zero.cascade"
 
+# Configurations that are not files.
+mkdir dir.xml
+mkfifo fifo.xml
+ln -s /dev/zero zero.xml
+ln -s "$W/nowhere" dangling.xml
+CONFIGS="dir.xml fifo.xml zero.xml dangling.xml missing.xml"
+
 # A dump folder: one good frame among bad entries that carry dump names.
 B=$W/batch
 mkdir "$B" "$B/plain_subfolder"
@@ -190,6 +197,9 @@ for f in $FACES; do
 done
 for f in $CASCADES; do
   single "cascade $f" "$f" --in "$PNG" --detect-faces --cascade "$W/in/$f" --config "$CONFIG" --quiet
+done
+for f in $CONFIGS; do
+  single "config $f" "$f" --in "$PNG" --config "$W/in/$f" --quiet
 done
 for f in $DIRS; do
   single "batch $f" "$f" --batch "$W/in/$f" --config "$CONFIG" --quiet

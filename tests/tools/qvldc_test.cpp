@@ -114,6 +114,9 @@ TEST(QvldcParse, DumpNames)
     for (const char *pcBad : apcBad) {
         EXPECT_FALSE(ParseDumpName(pcBad, &stName)) << pcBad;
     }
+    // A name longer than any file system allows is refused before matching (the matcher recurses
+    // per character and overflowed the stack on a 30000-character command-line name).
+    EXPECT_FALSE(ParseDumpName("20261122_203847_coord_" + std::string(40000, 'x') + "_ISO=1_org.yuv", &stName));
 }
 
 TEST(QvldcParse, FrameSizeGuess)
@@ -240,6 +243,7 @@ TEST(QvldcParse, CommandLine)
         {{"--batch", "d", "--config", "c", "--face", "1,2,3,4"}, "go with --in"},
         {{"--in", "f.yuv", "--config", "c", "stray"}, "unexpected argument stray"},
         {{"--in", "f.yuv", "--config", "c", "--colour", "red"}, "unknown option --colour"},
+        {{"--calibrate", "d", "--size", "640x480", "--board", "9x6", "--set", "K=1"}, "--set changes a configuration"},
     };
     for (const auto &stCase : astBad) {
         strError.clear();

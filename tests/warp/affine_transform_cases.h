@@ -15,24 +15,26 @@
 
 #include "warp/affine_transform.h"
 
-// A YUV 4:2:0 frame of one picture type with its descriptor, allocated to its exact size so that
-// AddressSanitizer sees any read past its end. Both semi-planar types hand the kernels the start
-// of the interleaved plane in pU, as the frame driver does.
+// The descriptor of a YUV 4:2:0 frame held as one block at pucBase. Both semi-planar types hand
+// the kernels the start of the interleaved plane in pU, as the frame driver does.
+inline tagST_PIC AffinePicture(int32_t iWidth, int32_t iHeight, int32_t iPicType, uint8_t *pucBase)
+{
+    const size_t uLuma = (size_t)iWidth * iHeight;
+    tagST_PIC stPic = {iWidth, iHeight, 0, pucBase, pucBase + uLuma, NULL};
+    stPic.pV = (iPicType == LDC_PIC_YUV420) ? pucBase + uLuma + uLuma / 4
+                                            : pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 0 : 1);
+    return stPic;
+}
+
+// A frame with its descriptor, allocated to its exact size so that AddressSanitizer sees any read
+// past its end.
 struct AffineFrame {
     std::vector<uint8_t> bytes;
     tagST_PIC pic{};
 
     AffineFrame(int32_t iWidth, int32_t iHeight, int32_t iPicType)
-        : bytes((size_t)iWidth * iHeight * 3 / 2, 0)
+        : bytes((size_t)iWidth * iHeight * 3 / 2, 0), pic(AffinePicture(iWidth, iHeight, iPicType, bytes.data()))
     {
-        const size_t uLuma = (size_t)iWidth * iHeight;
-        uint8_t *pucBase = bytes.data();
-        pic.iWidth = iWidth;
-        pic.iHeight = iHeight;
-        pic.pY = pucBase;
-        pic.pU = pucBase + uLuma;
-        pic.pV = (iPicType == LDC_PIC_YUV420) ? pucBase + uLuma + uLuma / 4
-                                              : pucBase + uLuma + (iPicType == LDC_PIC_NV21 ? 0 : 1);
     }
     // A copy addresses its own bytes.
     AffineFrame(const AffineFrame &o) : bytes(o.bytes), pic(o.pic)

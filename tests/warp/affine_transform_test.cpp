@@ -1,58 +1,37 @@
-// Equivalence harness of the affine warp: the vector bodies against their plain twins, byte for
-// byte over the whole frame, on the shared sweep of areas, matrices and picture types; then the
-// behaviour the frame driver relies on (identity, half-pixel translation, untouched border,
-// four-worker split, single-thread fallback) and the rules of the scalar companions.
+// The warp's behaviour that the frame driver relies on (identity, half-pixel translation, edge
+// samples out of the frame, the same bytes on every target, a face near the edge end to end) and
+// the rules of the scalar companions. Vector against plain over the sweep: the resampling core's
+// harness (tests/resample).
 #include <gtest/gtest.h>
-#include <sched.h>
 
-#include "support/thread_fault.h"
 #include "vkt_zb_ldc.h"
 #include "warp/affine_transform.h"
 #include "warp/affine_transform_cases.h"
 
 namespace {
 
-// Everything one warp call needs; the affinity slots start taken, so that calling a band body
-// directly never pins the test thread.
+// Everything one warp call needs.
 struct AffineRun {
     const AffineCase &c;
     AffineFrame src;
     AffineFrame dst;
     std::vector<uint8_t> scratch;
     tagST_LDC_PARA para{};
-    tagST_AFFINE_TASK task{};
 
     explicit AffineRun(const AffineCase &stCase)
         : c(stCase), src(c.iWidth, c.iHeight, c.iPicType), dst(c.iWidth, c.iHeight, c.iPicType),
-          scratch(AFFINE_QUAD_BYTES * ((c.iWidth + 7) / 8) + 3)
+          scratch(RESAMPLE_QUAD_BYTES * ((c.iWidth + 7) / 8) + 3)
     {
         src.Fill(0xA5u + (uint32_t)c.iWidth);
         dst.Fill(0x3Cu);
         para.ePicType = c.iPicType;
-        for (int i = 0; i < 4; i++) {
-            para.aiThreadState[i] = 1;
-            para.aiThreadMask[i] = 1 << i;
-        }
-        // An odd table address, as the working buffer may give.
-        uint8_t *pucTable = scratch.data() + 3;
-        AffineFillColumnTable(pucTable, c.stArea.iStartX, c.iWidth);
-        task = {&src.pic, &dst.pic, c.stArea.iStartX, c.stArea.iStartY, c.stArea.iWidth, c.stArea.iHeight,
-                const_cast<float *>(c.afMatrix), pucTable, &para};
     }
     bool Planar() const { return c.iPicType == LDC_PIC_YUV420; }
-    void Band(bool bNeon, int32_t iIndex, int32_t iCount)
-    {
-        if (Planar()) {
-            (bNeon ? AffineTransformBand_neon_YUV420 : AffineTransformBand_YUV420)(&task, iIndex, iCount);
-        } else {
-            (bNeon ? AffineTransformBand_neon_NV12 : AffineTransformBand_NV12)(&task, iIndex, iCount);
-        }
-    }
     void Driver()
     {
         tagST_REGISTRATION_AREA stArea = c.stArea;
         AffineTransform_neon(&para, &src.pic, &src.pic, &dst.pic, const_cast<float *>(c.afMatrix), &stArea,
-                             task.pucScratch);
+                             scratch.data() + 3);   // the table at an odd address, as the working buffer may give
     }
 };
 
@@ -64,19 +43,6 @@ std::string Locate(const AffineCase &c, size_t i)
            std::to_string(y) + ")";
 }
 
-::testing::AssertionResult SameFrame(const AffineCase &c, const AffineFrame &expected, const AffineFrame &actual,
-                                     const char *pcWhat)
-{
-    for (size_t i = 0; i < expected.FrameBytes(); i++) {
-        if (expected.bytes[i] != actual.bytes[i]) {
-            return ::testing::AssertionFailure()
-                   << pcWhat << ": first difference at " << Locate(c, i) << ": expected " << +expected.bytes[i]
-                   << ", got " << +actual.bytes[i] << "\n  " << AffineDescribe(c);
-        }
-    }
-    return ::testing::AssertionSuccess();
-}
-
 bool InsideArea(const AffineCase &c, size_t i)
 {
     const tagST_REGISTRATION_AREA &a = c.stArea;
@@ -84,46 +50,6 @@ bool InsideArea(const AffineCase &c, size_t i)
     AffineBytePosition(c.iWidth, c.iHeight, c.iPicType, i, &x, &y);
     return x >= a.iStartX && x < a.iStartX + a.iWidth && y >= a.iStartY && y < a.iStartY + a.iHeight;
 }
-
-class AffineSweep : public ::testing::TestWithParam<AffineCase> {};
-
-// Vector body against plain twin over the whole area in one band, the vector body in four bands
-// and the four-worker driver against the same reference; the border keeps its earlier bytes.
-TEST_P(AffineSweep, VectorMatchesPlainAndBorderIsUntouched)
-{
-    const AffineCase &c = GetParam();
-    AffineRun plain(c), vec(c), banded(c), threaded(c);
-    plain.Band(false, 0, 1);
-    vec.Band(true, 0, 1);
-    for (int32_t i = 0; i < 4; i++) {
-        banded.Band(true, i, 4);
-    }
-    threaded.Driver();
-    ASSERT_TRUE(SameFrame(c, plain.dst, vec.dst, "vector body vs plain twin"));
-    ASSERT_TRUE(SameFrame(c, plain.dst, banded.dst, "four vector bands vs plain twin"));
-    ASSERT_TRUE(SameFrame(c, plain.dst, threaded.dst, "four workers vs plain twin"));
-
-    AffineFrame untouched(c.iWidth, c.iHeight, c.iPicType);
-    untouched.Fill(0x3Cu);
-    size_t uChanged = 0;
-    for (size_t i = 0; i < plain.dst.FrameBytes(); i++) {
-        if (!InsideArea(c, i)) {
-            ASSERT_EQ(untouched.bytes[i], plain.dst.bytes[i]) << "written outside the area at " << Locate(c, i)
-                                                              << "\n  " << AffineDescribe(c);
-        }
-        uChanged += untouched.bytes[i] != plain.dst.bytes[i];
-    }
-    EXPECT_GT(uChanged, 0u) << AffineDescribe(c);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, AffineSweep, ::testing::ValuesIn(AffineCaseList()),
-                         [](const ::testing::TestParamInfo<AffineCase> &info) {
-                             std::string s = info.param.name + "_type" + std::to_string(info.param.iPicType);
-                             for (char &ch : s) {
-                                 ch = isalnum((unsigned char)ch) ? ch : '_';
-                             }
-                             return s + "_" + std::to_string(info.index);
-                         });
 
 const AffineCase &FindCase(const char *pcName, int32_t iType)
 {
@@ -214,35 +140,6 @@ TEST(AffineTransform, OutOfFramePositionsRepeatTheEdgeSamples)
                 }
             }
         }
-    }
-}
-
-// Restores the test thread's processors after the fallback has pinned it to core 0.
-struct ScopedAffinity {
-    cpu_set_t stSaved;
-    ScopedAffinity() { sched_getaffinity(0, sizeof(stSaved), &stSaved); }
-    ~ScopedAffinity() { sched_setaffinity(0, sizeof(stSaved), &stSaved); }
-};
-
-// Workers that cannot be started: the caller warps the whole area itself, with the same bytes,
-// and takes the first affinity slot.
-TEST(AffineTransform, ThreadCreationFailureGivesTheSameOutput)
-{
-    for (int32_t iType = 0; iType <= 2; iType++) {
-        const AffineCase &c = FindCase("odd-rows-band/wide-jitter", iType);
-        AffineRun normal(c), fallback(c);
-        normal.Driver();
-        {
-            ScopedAffinity stRestore;
-            ScopedThreadCreateFailure stFail(0);
-            testing::internal::CaptureStderr();
-            fallback.Driver();
-            const std::string log = testing::internal::GetCapturedStderr();
-            EXPECT_NE(std::string::npos, log.find("E/ZB5QU_QVLDC: Thread Create Failed i = 0!!!")) << log;
-        }
-        EXPECT_EQ(1, fallback.para.aiThreadState[0]);
-        EXPECT_EQ(0, fallback.para.aiThreadState[1]);
-        ASSERT_TRUE(SameFrame(c, normal.dst, fallback.dst, "single-thread fallback vs four workers"));
     }
 }
 

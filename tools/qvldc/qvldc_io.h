@@ -10,12 +10,17 @@
 #include <string>
 #include <vector>
 
+// The library reads no configuration larger than this.
+#define QV_MAX_CONFIG_FILE_BYTES (1u << 20)
 // A face file is a few lines; anything near this is not one.
 #define QV_MAX_FACES_FILE_BYTES (1u << 20)
 // OpenCV's own face cascades are under 1 MB.
 #define QV_MAX_CASCADE_FILE_BYTES (64u << 20)
 // Above any 5000 x 5000 PNG, even one stored without compression at 16 bits per channel with alpha.
 #define QV_MAX_PHOTO_FILE_BYTES (256u << 20)
+
+// A .png, .jpg or .jpeg name (any case): read as a photo, not a raw frame.
+bool IsPhotoPath(const std::string &strPath);
 
 // Reads the whole of a regular file of at most ulMaxBytes bytes. The path is opened once and a
 // FIFO does not wait for a writer; directories, FIFOs, devices, missing paths and dangling links

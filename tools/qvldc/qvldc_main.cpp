@@ -593,14 +593,9 @@ int RunRender(const tagST_QV_OPTIONS &stOpt)
 
 // The configuration with the --set values, in a temporary file that the library reads instead
 // (it re-reads it whenever the frame size changes, so it lives until the end of the run).
-bool ApplySets(tagST_QV_OPTIONS *pstOpt, std::string *pstrTemp)
+bool ApplySets(const std::vector<uint8_t> &vucXml, tagST_QV_OPTIONS *pstOpt, std::string *pstrTemp)
 {
-    std::vector<uint8_t> vucXml;
     std::string strError;
-    if (!ReadInputFile(pstOpt->strConfig, XML_FILE_MAX_BYTES, &vucXml, &strError)) {
-        Refuse(pstOpt->strConfig, strError);
-        return false;
-    }
     std::string strXml(vucXml.begin(), vucXml.end());
     for (const auto &stSet : pstOpt->vstSets) {
         std::string strOut;
@@ -642,8 +637,15 @@ int main(int iArgc, char **ppcArgv)
         fprintf(stderr, "qvldc: %s\n", strError.c_str());
         return 2;
     }
+    // The library refuses such a configuration too, but a tool that guesses frame sizes from it
+    // would then blame the frame.
+    std::vector<uint8_t> vucConfig;
+    if (!stOpt.strConfig.empty() && !ReadInputFile(stOpt.strConfig, QV_MAX_CONFIG_FILE_BYTES, &vucConfig, &strError)) {
+        Refuse(stOpt.strConfig, strError);
+        return 2;
+    }
     std::string strTempConfig;
-    if (!stOpt.vstSets.empty() && stOpt.eMode != QV_MODE_HELP && !ApplySets(&stOpt, &strTempConfig)) {
+    if (!stOpt.vstSets.empty() && stOpt.eMode != QV_MODE_HELP && !ApplySets(vucConfig, &stOpt, &strTempConfig)) {
         if (!strTempConfig.empty()) {
             unlink(strTempConfig.c_str());
         }

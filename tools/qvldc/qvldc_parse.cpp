@@ -123,6 +123,11 @@ bool ParseDumpName(const std::string &strPath, tagST_QV_DUMP_NAME *pstName)
 {
     const size_t uSlash = strPath.find_last_of('/');
     const std::string strName = uSlash == std::string::npos ? strPath : strPath.substr(uSlash + 1);
+    // No file system names a file longer than this, and std::regex recurses once per character:
+    // a long enough name given on the command line would overflow the stack.
+    if (strName.size() > QV_MAX_NAME_BYTES) {
+        return false;
+    }
     // The faces are joined by blanks; a frame without faces leaves "coord_" followed directly by
     // "_ISO=", hence the optional face group.
     static const std::regex s_name("^(\\d{8}_\\d{6})_coord_(.*)_ISO=(-?\\d+)_(org|output)\\.yuv$");
@@ -709,6 +714,10 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     }
     if (stOpt.strConfig.empty() && stOpt.eMode != QV_MODE_CALIBRATE) {
         *pstrError = "--config FILE is required";
+        return false;
+    }
+    if (stOpt.strConfig.empty() && !stOpt.vstSets.empty()) {
+        *pstrError = "--set changes a configuration: give it with --config FILE";
         return false;
     }
     const bool bFaceSources = !stOpt.vstFaces.empty() || !stOpt.strFacesFile.empty();

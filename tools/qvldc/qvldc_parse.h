@@ -74,7 +74,9 @@ bool ParseFrameSize(const std::string &strText, tagST_QV_SIZE *pstSize);
 bool ParsePicType(const std::string &strText, int32_t *pePicType);
 const char *PicTypeName(int32_t ePicType);
 
-// Accepts a bare name or a path; false when the name is not a dump name.
+#define QV_MAX_NAME_BYTES 255   // longest file name the file systems allow
+
+// Accepts a bare name or a path; false when the name is not a dump name (or longer than any).
 bool ParseDumpName(const std::string &strPath, tagST_QV_DUMP_NAME *pstName);
 // The name the library's dump gives a frame (without directory).
 std::string FormatDumpName(const std::string &strStamp, const std::vector<ST_FACE_RECT> &vstFaces,

@@ -345,9 +345,35 @@ std::string BendText(const std::string &strLog)
                                                                     strLog.find('\n', uAt) - uAt - strMark.size());
 }
 
+// Where the batch stands: a bar on a terminal; otherwise each frame's line ends with it.
+struct Progress {
+    bool bTerminal;
+    int32_t iColumns;
+    std::chrono::steady_clock::time_point tStart;
+
+    double Seconds() const
+    {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+    }
+    // Read once the frame is done: the rate counts the time of the frame it reports.
+    std::string Line(int32_t iDone, int32_t iTotal) const
+    {
+        return bTerminal ? std::string() : ProgressText(iDone, iTotal, Seconds());
+    }
+    void Show(int32_t iDone, int32_t iTotal, const std::string &strName)
+    {
+        if (bTerminal) {
+            ClearProgress();
+            fprintf(stderr, "%s", ProgressBar(iDone, iTotal, Seconds(), strName, iColumns).c_str());
+            fflush(stderr);
+            s_bProgressShown = true;
+        }
+    }
+};
+
 // One dumped frame of a batch: false when it was skipped or did not come out whole.
 bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, BatchRun *pstRun,
-                   const std::string &strProgress)
+                   const Progress &stProgress, int32_t iDone, int32_t iTotal)
 {
     const std::string strPath = stOpt.strIn + "/" + strName;
     tagST_QV_DUMP_NAME stDump;
@@ -390,6 +416,7 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, Ba
              CutFaceCount(stView), stPlan.bLineCheck ? stPlan.stLineCheck.iKept : -1,
              stPlan.bLineCheck ? stPlan.stLineCheck.iJudged : -1);
     pstRun->strCsv += acRow;
+    const std::string strProgress = stProgress.Line(iDone, iTotal);
     ClearProgress();
     fprintf(stderr, "%s: %s, FOV lost %d%%, zoom %.3fx, border %.1f%%, %d face(s) cut%s%s\n", strName.c_str(),
             PathKey(stPlan.ePath), stPlan.iFovLost, (double)stView.fZoom, (double)WidestBorder(stView),
@@ -423,27 +450,6 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, Ba
     }
     return bOk;
 }
-
-// Where the batch stands: a bar on a terminal; otherwise each frame's line ends with it.
-struct Progress {
-    bool bTerminal;
-    int32_t iColumns;
-    std::chrono::steady_clock::time_point tStart;
-
-    double Seconds() const
-    {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
-    }
-    void Show(int32_t iDone, int32_t iTotal, const std::string &strName)
-    {
-        if (bTerminal) {
-            ClearProgress();
-            fprintf(stderr, "%s", ProgressBar(iDone, iTotal, Seconds(), strName, iColumns).c_str());
-            fflush(stderr);
-            s_bProgressShown = true;
-        }
-    }
-};
 
 int32_t TerminalColumns()
 {
@@ -498,8 +504,7 @@ int RunBatch(const tagST_QV_OPTIONS &stOpt)
         stProgress.Show(i, iTotal, vstrNames[i]);
         // A frame that trips OpenCV or runs out of memory costs that frame, not the batch.
         try {
-            iFailed += !RunBatchFrame(stOpt, vstrNames[i], &stRun,
-                                      stProgress.bTerminal ? "" : ProgressText(i + 1, iTotal, stProgress.Seconds()));
+            iFailed += !RunBatchFrame(stOpt, vstrNames[i], &stRun, stProgress, i + 1, iTotal);
         } catch (const std::exception &e) {
             Refuse(stOpt.strIn + "/" + vstrNames[i], ExceptionText(e) + "; skipped");
             stRun.vstrSkipped.push_back(vstrNames[i] + ": " + ExceptionText(e));

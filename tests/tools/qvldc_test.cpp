@@ -243,6 +243,7 @@ TEST(QvldcParse, CommandLine)
         {{"--batch", "d", "--config", "c", "--face", "1,2,3,4"}, "go with --in"},
         {{"--in", "f.yuv", "--config", "c", "stray"}, "unexpected argument stray"},
         {{"--in", "f.yuv", "--config", "c", "--colour", "red"}, "unknown option --colour"},
+        {{"--calibrate", "d", "--size", "640x480", "--board", "9x6", "--set", "K=1"}, "--set changes a configuration"},
     };
     for (const auto &stCase : astBad) {
         strError.clear();

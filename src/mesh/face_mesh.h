@@ -55,21 +55,24 @@ typedef struct tagST_MESH_INPUT {
     int32_t iLineNum;
     const stLine *pstLines;           // straight segments in recorded pixels, or NULL
     const float *pfWarmStart;         // a mesh of the same grid to start from (may be the output), or NULL
+    int32_t iCells;                   // cells along the longer side, or 0 for the default
 } tagST_MESH_INPUT;
 
 typedef struct tagST_MESH_STATS {
     int32_t iIterations;         // conjugate-gradient iterations on the mesh's grid, all rounds
     int32_t iCoarseIterations;   // on the grid of half the cells that gives a cold start its start
     int32_t iRounds;             // solves; more than one when the map folded at a higher strength
+    int32_t iFoldRounds;         // extra solves of the fold guard in the last round
     float fStrength;             // the strength of the mesh returned
     float fResidual;             // final residual relative to the right-hand side
 } tagST_MESH_STATS;
 
-void FaceMeshGrid(int32_t iWidth, int32_t iHeight, tagST_MESH_GRID *pstGrid);
+// The grid of a frame size with iCells cells along the longer side (0: the default).
+void FaceMeshGrid(int32_t iWidth, int32_t iHeight, int32_t iCells, tagST_MESH_GRID *pstGrid);
 
 // Bytes of the mesh (two floats per vertex) and of the solver's work area for a frame size.
-uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight);
-uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight);
+uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight, int32_t iCells);
+uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells);
 
 // Solves the mesh into pfMesh (FaceMeshBytes) using pucWork (FaceMeshWorkBytes, 8-byte aligned).
 // Without faces of any weight (none, all degenerate or outside, or strength 0) the mesh is
@@ -78,6 +81,14 @@ uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight);
 // renders it anyway gets lens correction alone.
 int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *pucWork, uint32_t uWorkBytes,
                       tagST_MESH_STATS *pstStats);
+
+// The mesh shown moves toward the mesh solved by at most fMaxStep pixels at any vertex: by the
+// whole difference when it is that small, else by the share of it that moves the farthest vertex
+// fMaxStep (a scene cut converges over a few frames without a jump). Returns the largest step.
+float FaceMeshFollow(const tagST_MESH_GRID *pstGrid, const float *pfSolved, float *pfShown, float fMaxStep);
+
+// The largest step FaceMeshFollow should take for a frame: a share of its longer side.
+float FaceMeshStepBound(int32_t iWidth, int32_t iHeight);
 
 // Displacement at the output position (fX, fY), bilinear over its cell; positions beyond the
 // frame take the nearest cell's extension.

@@ -1,8 +1,6 @@
 #include "mesh/face_mesh.h"
 
 #include <math.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include "vkt_zb_ldc.h"   // LDC_MAX_FACES, LDC_MAX_IMAGE_SIZE
@@ -23,33 +21,26 @@
 #define LDC_MESH_FOLD_SHRINK 0.75f
 #define LDC_MESH_STENCIL 7           // coefficient planes of the symmetric 13-point stencil
 
-// TEMP tunables for exploration.
-typedef struct {
-    float fFaceWeight, fFaceInner, fFaceBand, fBgStart, fBgBand, fBgWeight, fPlate, fLineWeight, fScaleMix;
-    float fStiffInside, fEdgeRelease;
-    int32_t iCells;
-    float fFoldWeight, fFoldFloor, fFoldMargin, fFoldSettle;
-    int32_t iFoldRounds, iSweeps;
-    float fOmega, fLineNear, fLineFar;
-    int32_t bLineSkip;
-} tagST_TUNE;
-static tagST_TUNE s_stT = {512.0f, 0.8f, 0.2f, 1.0f, 1.5f, 1.0f, 5.0f, 20.0f, 0.5f, 0.0f, 0.25f, LDC_MESH_CELLS,
-                           16.0f, 0.3f, 0.05f, 0.05f, 4, 4, 1.5f, 0.0f, 1e30f, 1};
-static int32_t s_iMaxIt = LDC_MESH_MAX_ITERATIONS;
-static void LoadTune()
-{
-    static int s_bDone = 0;
-    if (s_bDone) return;
-    s_bDone = 1;
-    const char *pc;
-#define TUNEF(name, field) if ((pc = getenv("MT_" name)) != NULL) s_stT.field = (float)atof(pc);
-#define TUNEI(name, field) if ((pc = getenv("MT_" name)) != NULL) s_stT.field = atoi(pc);
-    TUNEF("FW", fFaceWeight) TUNEF("FIN", fFaceInner) TUNEF("FB", fFaceBand) TUNEF("BS", fBgStart) TUNEF("BB", fBgBand)
-    TUNEF("BW", fBgWeight) TUNEF("TP", fPlate) TUNEF("LW", fLineWeight) TUNEF("MIX", fScaleMix) TUNEF("SI", fStiffInside)
-    TUNEF("ER", fEdgeRelease) TUNEI("CELLS", iCells) TUNEF("FOW", fFoldWeight) TUNEF("FOF", fFoldFloor)
-    TUNEF("FOM", fFoldMargin) TUNEF("FOS", fFoldSettle) TUNEI("FR", iFoldRounds) TUNEI("SW", iSweeps) TUNEF("OM", fOmega) TUNEF("LXN", fLineNear) TUNEF("LXF", fLineFar) TUNEI("LSKIP", bLineSkip)
-    if ((pc = getenv("MT_MAXIT")) != NULL) s_iMaxIt = atoi(pc);
-}
+// The energy's weights, all relative to the background's pull (1) and measured in the length of
+// the smallest face's radius, so that the balance is the same at every frame and grid size.
+static const float kFaceWeight = 512.0f;       // a face's pull toward its map: it wins inside the face
+static const float kFaceInner = 0.8f;          // the pull is full up to this elliptic distance ...
+static const float kFaceBand = 0.2f;           // ... and gone this much farther out
+static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
+static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
+static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
+static const float kLineWeight = 20.0f;        // a straight segment's pull toward staying straight
+static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
+                                               // or grows much, and both gaps stretch alike)
+static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
+                                               // where its map leaves the frame
+static const float kFoldWeight = 16.0f;        // the fold guard's pull toward the floor
+static const float kFoldFloor = 0.3f;          // area ratio the guard holds a corner at ...
+static const float kFoldMargin = 0.05f;        // ... once it comes within this of it (hysteresis)
+static const float kFoldSettle = 0.05f;        // a round of the guard ends within this below the floor
+static const int32_t kFoldGuardRounds = 4;     // solves of the fold guard at most
+static const int32_t kSweeps = 4;              // Jacobi sweeps before and after each coarse correction
+static const float kOmega = 1.5f;              // their damping (below 2: the l1 diagonal keeps them stable)
 
 static const float kFitTolerance = 0.15f;      // how far (share of the radius) a corrected face may
                                                // reach beyond the frame past its widened box
@@ -162,9 +153,8 @@ static void GridOfCells(int32_t iWidth, int32_t iHeight, int32_t iCellsLong, tag
 
 static int32_t CellsOf(int32_t iCells)
 {
-    LoadTune();
     if (iCells <= 0) {
-        iCells = s_stT.iCells;
+        iCells = LDC_MESH_CELLS;
     }
     return iCells < LDC_MESH_MIN_CELLS ? LDC_MESH_MIN_CELLS : (iCells > LDC_MESH_MAX_CELLS ? LDC_MESH_MAX_CELLS : iCells);
 }
@@ -414,7 +404,7 @@ static int32_t PrepareFace(const tagST_MESH_INPUT *pstIn, const int32_t *piRect,
     const float fFh = fHsq > fMinHalf * fMinHalf ? sqrtf(fHsq) : fMinHalf;
     pstFace->fRadius = fFw < fFh ? fFw : fFh;
     // The size kept lies between the tangential size (1) and the radial one (sec).
-    const float fKeepSize = 1.0f + s_stT.fScaleMix * (fSec - 1.0f);
+    const float fKeepSize = 1.0f + kSizeMix * (fSec - 1.0f);
     // Keeping the tangential size: s = (perspective tangential scale) / (stereographic scale)
     // = cos^2(theta / 2) / cos(theta) = (1 + sqrt(1 + tau^2)) / 2, tau = r_p / f.
     pstFace->fScale = 0.5f * (1.0f + fSec) * fKeepSize;
@@ -491,7 +481,7 @@ static float FacePull(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstF
     for (int32_t k = 0; k < iFaces; k++) {
         const float fE = FaceDistance(&pstFaces[k], fX, fY);
         fNearest = fE < fNearest ? fE : fNearest;
-        float fW = 1.0f - SmoothStep((fE - s_stT.fFaceInner) / s_stT.fFaceBand);
+        float fW = 1.0f - SmoothStep((fE - kFaceInner) / kFaceBand);
         if (fW > 0.0f) {
             float fQx, fQy;
             FaceTarget(&pstFaces[k], pstIn, fX, fY, &fQx, &fQy);
@@ -499,7 +489,7 @@ static float FacePull(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstF
             // edge, which is held: there the face lets go (a target outside would fold
             // the map, one cut to the edge would flatten it).
             const float fInside = Min4(fQx, fMaxX - fQx, fQy, fMaxY - fQy);
-            fW *= SmoothStep(fInside / (s_stT.fEdgeRelease * pstFaces[k].fRadius));
+            fW *= SmoothStep(fInside / (kEdgeRelease * pstFaces[k].fRadius));
             fFaceSum += fW;
             fTx += fW * pstFaces[k].fStrength * (fQx - fX);
             fTy += fW * pstFaces[k].fStrength * (fQy - fY);
@@ -558,7 +548,7 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     float *pfBend = pstLevel->pfRhs + pstLevel->iMargin;
     const float fLength = LengthScale(pstFaces, iFaces);
     const float fL2 = fLength * fLength * pstGrid->fInvStepX * pstGrid->fInvStepY;
-    const float fBend = s_stT.fPlate * fL2 * fL2;
+    const float fBend = kBendWeight * fL2 * fL2;
     int32_t iReached = 0;
     for (int32_t j = 0; j < iRows; j++) {
         for (int32_t i = 0; i < iCols; i++) {
@@ -568,12 +558,12 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
                 FacePull(pstIn, pstFaces, iFaces, (float)i * pstGrid->fStepX, (float)j * pstGrid->fStepY, &fTx, &fTy,
                          &fNearest);
             iReached += fShare > 0.0f ? 1 : 0;
-            const float fFace = s_stT.fFaceWeight * fShare;
+            const float fFace = kFaceWeight * fShare;
             pstLevel->apfStencil[0][v] =
-                fFace + s_stT.fBgWeight * SmoothStep((fNearest - s_stT.fBgStart) / s_stT.fBgBand);
+                fFace + SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 0)] = fFace * fTx;
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 1)] = fFace * fTy;
-            pfBend[v] = fBend * (1.0f - (1.0f - s_stT.fStiffInside) * fShare);
+            pfBend[v] = fBend * (1.0f - fShare);
         }
     }
     for (int32_t j = 0; j < iRows; j++) {
@@ -621,23 +611,24 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
 }
 
 // Line terms: each segment goes to corrected pixels (where it is straight) and is sampled every
-// half cell, leaving out the samples a face covers (the segment runs behind it). The energy is
-// weight * length * the integral along the segment of (d . n - its best affine fit)^2, over the
-// cell's area: the squared distance of the corrected segment from its own best line, which
-// keeps the parts on both sides of a face on one line. Returns the samples used.
+// half cell. A segment that runs into a face's pull is left out whole: held straight, it would
+// pin the face's surroundings and the face's correction would bend the rest of the frame instead.
+// The energy is weight * length * the integral along the segment of (d . n - its best affine
+// fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
+// line. Returns the samples used.
 static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
                               tagST_MESH_LEVEL *pstLevel, tagST_MESH_SAMPLE *pstSamples, int32_t iRoom)
 {
     const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
     pstLevel->iLines = 0;
-    const int32_t iSegments = pstIn->pstLines == NULL || pstIn->iLineNum < 0 || !(s_stT.fLineWeight > 0.0f)
+    const int32_t iSegments = pstIn->pstLines == NULL || pstIn->iLineNum < 0 || !(kLineWeight > 0.0f)
                                   ? 0
                                   : (pstIn->iLineNum < LDC_MESH_MAX_SEGMENTS ? pstIn->iLineNum : LDC_MESH_MAX_SEGMENTS);
     const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
     const float fSpacing = (pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY) /
                            (float)LDC_MESH_SAMPLES_PER_CELL;
     pstLevel->fLineWeight =
-        s_stT.fLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
+        kLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
     int32_t iUsed = 0;
     for (int32_t l = 0; l < iSegments; l++) {
         const stLine *pstSegment = &pstIn->pstLines[l];
@@ -660,15 +651,13 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             const float fT = (float)s / (float)iSteps;
             const float fX = fX0 + fT * (fX1 - fX0), fY = fY0 + fT * (fY1 - fY0);
             float fTx, fTy, fNearest;
-            const int32_t bInside = fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY;
-            const float fShare = bInside ? FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) : 0.0f;
-            if (bInside && fShare > 0.0f && s_stT.bLineSkip) {
-                iUsed -= pstLine->iCount;
+            if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
+                continue;
+            }
+            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+                iUsed -= pstLine->iCount;   // the segment runs into a face: left to bend
                 pstLine->iCount = 0;
                 break;
-            }
-            if (!bInside || fShare > 0.0f || fNearest < s_stT.fLineNear || fNearest > s_stT.fLineFar) {
-                continue;
             }
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
             pstSample->iVertex = CellOf(pstGrid, fX, fY, &pstSample->fA, &pstSample->fB);
@@ -731,7 +720,7 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     const float fSx = pstGrid->fStepX, fSy = pstGrid->fStepY, fInvArea = 1.0f / (fSx * fSy);
     const float *pfX = pstLevel->pfX + pstLevel->iMargin, *pfY = pfX + pstLevel->iPlane;
     // Weight W over the squared ratio, scaled by length^2 like the displacements' terms.
-    const float fRoot = sqrtf(s_stT.fFoldWeight) * fLength;
+    const float fRoot = sqrtf(kFoldWeight) * fLength;
     float fMin = 1e30f;
     pstLevel->iFolds = 0;
     for (int32_t j = 0; j + 1 < pstGrid->iRows; j++) {
@@ -747,7 +736,7 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 const float fRatio = (fAx * fBy - fAy * fBx) * fInvArea;
                 fMin = fRatio < fMin ? fRatio : fMin;
                 uint8_t *pucCorner = &pucActive[4 * v00 + k];
-                *pucCorner = *pucCorner || fRatio < s_stT.fFoldFloor + s_stT.fFoldMargin;
+                *pucCorner = *pucCorner || fRatio < kFoldFloor + kFoldMargin;
                 if (!*pucCorner || pstLevel->iFolds >= LDC_MESH_MAX_FOLD_TERMS) {
                     continue;
                 }
@@ -767,7 +756,7 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 for (int32_t n = 0; n < iCount; n++) {
                     fGx0 += pstTerm->afCoef[n] * pstLevel->pfX[pstTerm->aiIndex[n]];
                 }
-                pstTerm->fRhs = fGx0 + fRoot * (s_stT.fFoldFloor - fRatio);
+                pstTerm->fRhs = fGx0 + fRoot * (kFoldFloor - fRatio);
                 for (int32_t n = 0; n < iCount; n += 2) {
                     if (OnBorder(pstGrid, pstTerm->aiIndex[n] - pstLevel->iMargin)) {
                         pstTerm->afCoef[n] = pstTerm->afCoef[n + 1] = 0.0f;
@@ -823,8 +812,6 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
         const tagST_MESH_LINE *pstLine = &pstLevel->pstLines[l];
         const tagST_MESH_SAMPLE *pstFirst = &pstSamples[pstLine->iFirst];
         float fSum = 0.0f, fSumT = 0.0f;
-        float afAcross[1];
-        (void)afAcross;
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
             const int32_t v = pstS->iVertex;
@@ -941,7 +928,7 @@ static void JacobiSweep(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
                         float *pfZ, float *pfTmp, int32_t bZero)
 {
     const int32_t iN = 2 * pstLevel->iPlane;
-    const float fOmega = s_stT.fOmega;
+    const float fOmega = kOmega;
     if (bZero) {
         for (int32_t i = 0; i < iN; i++) {
             pfZ[i] = fOmega * pstLevel->pfDiagInv[i] * pfR[i];
@@ -1038,7 +1025,7 @@ static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamp
         return;
     }
     tagST_MESH_LEVEL *pstCoarse = &astLevels[l + 1];
-    for (int32_t s = 0; s < s_stT.iSweeps; s++) {
+    for (int32_t s = 0; s < kSweeps; s++) {
         JacobiSweep(pstLevel, pstSamples, pfR, pfZ, pfTmp, s == 0);
     }
     ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
@@ -1048,7 +1035,7 @@ static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamp
     RestrictVector(pstLevel, pfTmp, pstCoarse, pstCoarse->pfR);
     VCycle(astLevels, pstSamples, l + 1, iLevels, pstCoarse->pfR, pstCoarse->pfZ, pstCoarse->pfQ);
     ProlongVector(pstCoarse, pstCoarse->pfZ, pstLevel, pfZ, 1);
-    for (int32_t s = 0; s < s_stT.iSweeps; s++) {
+    for (int32_t s = 0; s < kSweeps; s++) {
         JacobiSweep(pstLevel, pstSamples, pfR, pfZ, pfTmp, 0);
     }
 }
@@ -1139,12 +1126,12 @@ static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const t
     int32_t iIter = 0;
     for (int32_t iRound = 0;; iRound++) {
         const float fMin = BuildFoldTerms(pstFine, fLength, pucActive);
-        if (iRound > 0 && fMin >= s_stT.fFoldFloor - s_stT.fFoldSettle) {
+        if (iRound > 0 && fMin >= kFoldFloor - kFoldSettle) {
             break;
         }
         BuildPreconditioner(pstFine, pstSamples);
-        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE, s_iMaxIt, pfResidual);
-        if (iRound + 1 >= s_stT.iFoldRounds) {
+        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, pfResidual);
+        if (iRound + 1 >= kFoldGuardRounds) {
             break;
         }
         *piFoldRounds = iRound + 1;
@@ -1268,7 +1255,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
             for (int32_t l = iLevels - 1; l > 0; l--) {
                 float fResidual;
                 pstStats->iCoarseIterations +=
-                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_TOLERANCE, s_iMaxIt, &fResidual);
+                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
                 ProlongVector(&astLevels[l], astLevels[l].pfX, &astLevels[l - 1], astLevels[l - 1].pfX, 0);
             }
         }

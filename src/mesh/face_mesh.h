@@ -3,21 +3,25 @@
 // 2 x 2 block's source position as the lens model applied to the block's position plus the mesh
 // displacement there (FaceMeshDisplacement); a zero mesh is lens correction alone.
 //
-// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (32
-// cells along the longer side at every frame size), row-major and interleaved. It is the
-// least-squares solution of
+// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (64
+// cells along the longer side by default, at every frame size), row-major and interleaved. It is
+// the least-squares solution of
 //   faces:       each widened face's region follows a similarity of its stereographic image that
-//                keeps the face's tangential size and takes its radial stretch out, scaled by the
-//                strength; the face is placed so that the room it frees is shared by the gaps to
-//                the frame's edge on both sides;
-//   background:  elsewhere the displacement is pulled to zero (perspective, straight lines);
-//   smoothness:  neighbouring vertices move alike, except inside faces;
-//   lines:       along each given straight segment the displacement across the segment stays
-//                affine, so the segment stays straight;
-// with the frame's edge held in place, so that the output keeps the lens-only field of view. The
-// normal equations are solved by preconditioned conjugate gradients from a warm start or from
-// the solution on half the cells, single-threaded in a fixed order: equal inputs give equal
-// floats on every target. A solution that folds is solved again at a lower strength.
+//                keeps a size between the face's tangential and radial ones and takes its radial
+//                stretch out, scaled by the strength; the face is placed so that the room it
+//                frees is shared by the gaps to the frame's edge on both sides;
+//   background:  from a face radius beyond each face the displacement is pulled to zero
+//                (perspective, straight lines);
+//   smoothness:  neighbouring vertices bend alike, except inside faces;
+//   lines:       along each given straight segment that keeps clear of the faces the
+//                displacement across the segment stays affine, so the segment stays straight;
+//   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
+// with the frame's edge held in place, so that the output keeps the lens-only field of view. All
+// weights are measured in the smallest face's radius, so the balance is the same at every frame
+// and grid size. The normal equations are solved by conjugate gradients preconditioned with a
+// multigrid V-cycle, from a warm start or from the cascade of coarser grids, single-threaded in a
+// fixed order: equal inputs give equal floats on every target. A solution that still folds is
+// solved again at a lower strength.
 #ifndef LDC_MESH_FACE_MESH_H
 #define LDC_MESH_FACE_MESH_H
 

@@ -36,7 +36,7 @@
 #define LDC_MESH_ERR_NUMERIC (-2)   // the solve left non-finite values; the mesh is zeroed
 #define LDC_MESH_ERR_FOLD (-3)      // even the weakest correction tried folds the map; the mesh is zeroed
 
-#define LDC_MESH_MAX_SEGMENTS 64    // straight segments used by the line term
+#define LDC_MESH_MAX_SEGMENTS 64    // straight segments used by the line term at most (the longest)
 
 typedef struct tagST_MESH_GRID {
     int32_t iCols;     // vertices per row; the first column lies on x = 0, the last on x = width - 1

@@ -10,7 +10,10 @@
 #define LDC_MESH_MIN_CELLS 8         // the coarsest level of the cascade has at least this many
 #define LDC_MESH_MAX_CELLS 256
 #define LDC_MESH_MAX_LEVELS 6
-#define LDC_MESH_MAX_ITERATIONS 100  // per solve: bounds the time whatever the input
+#define LDC_MESH_MAX_ITERATIONS 100  // per conjugate-gradient solve on the finest grid
+#define LDC_MESH_ITERATION_BUDGET 80   // on the finest grid over all rounds: bounds the time whatever
+                                       // the input (a still scene takes 10 to 30)
+#define LDC_MESH_START_ITERATIONS 20   // per coarser grid of a cold start's cascade
 #define LDC_MESH_TOLERANCE 1e-4      // relative residual at which a solve stops
 #define LDC_MESH_START_TOLERANCE 1e-2     // the coarser grids only give the finest its start
 #define LDC_MESH_COARSEST_TOLERANCE 1e-3  // the V-cycle's solve on its coarsest grid
@@ -1132,10 +1135,10 @@ static int32_t BuildLevels(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE 
     return iReached;
 }
 
-// The finest level from the start in its x, then as many rounds of the fold guard as it takes.
-// Returns the iterations.
+// The finest level from the start in its x, then as many rounds of the fold guard as it takes,
+// within iBudget iterations. Returns the iterations.
 static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const tagST_MESH_SAMPLE *pstSamples,
-                           float fLength, uint8_t *pucActive, float *pfResidual, int32_t *piFoldRounds)
+                           float fLength, int32_t iBudget, uint8_t *pucActive, float *pfResidual, int32_t *piFoldRounds)
 {
     tagST_MESH_LEVEL *pstFine = &astLevels[0];
     memset(pucActive, 0, 4u * (uint32_t)pstFine->iVertices);
@@ -1146,8 +1149,10 @@ static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const t
             break;
         }
         BuildPreconditioner(pstFine, pstSamples);
-        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, pfResidual);
-        if (iRound + 1 >= kFoldGuardRounds) {
+        const int32_t iLeft = iBudget - iIter;
+        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE,
+                                    iLeft < LDC_MESH_MAX_ITERATIONS ? iLeft : LDC_MESH_MAX_ITERATIONS, pfResidual);
+        if (iRound + 1 >= kFoldGuardRounds || iIter >= iBudget) {
             break;
         }
         *piFoldRounds = iRound + 1;
@@ -1302,12 +1307,15 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
             for (int32_t l = iLevels - 1; l > 0; l--) {
                 float fResidual;
                 pstStats->iCoarseIterations +=
-                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_START_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
+                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_START_TOLERANCE,
+                                       LDC_MESH_START_ITERATIONS, &fResidual);
                 ProlongVector(&astLevels[l], astLevels[l].pfX, &astLevels[l - 1], astLevels[l - 1].pfX, 0);
             }
         }
-        pstStats->iIterations += SolveFinest(astLevels, iLevels, pstSamples, LengthScale(astFaces, iFaces), pucActive,
-                                             &pstStats->fResidual, &pstStats->iFoldRounds);
+        pstStats->iIterations +=
+            SolveFinest(astLevels, iLevels, pstSamples, LengthScale(astFaces, iFaces),
+                        LDC_MESH_ITERATION_BUDGET - pstStats->iIterations, pucActive, &pstStats->fResidual,
+                        &pstStats->iFoldRounds);
         for (int32_t v = 0; v < iV; v++) {
             pfMesh[2 * v] = pstFine->pfX[Unknown(pstFine, v, 0)];
             pfMesh[2 * v + 1] = pstFine->pfX[Unknown(pstFine, v, 1)];
@@ -1323,7 +1331,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         if (SmallestAreaRatio(&pstFine->stGrid, pfMesh) >= kMinAreaRatio) {
             return LDC_MESH_OK;
         }
-        if (iRound + 1 == LDC_MESH_FOLD_ROUNDS) {
+        if (iRound + 1 == LDC_MESH_FOLD_ROUNDS || pstStats->iIterations >= LDC_MESH_ITERATION_BUDGET) {
             memset(pfMesh, 0, uMeshBytes);
             return LDC_MESH_ERR_FOLD;
         }

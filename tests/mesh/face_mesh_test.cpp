@@ -208,7 +208,7 @@ TEST(FaceMesh, HostileInputsEndInBoundedWorkWithAFiniteMeshOrARefusal)
             const int32_t iRet = stScene.Solve();
             EXPECT_TRUE(iRet == LDC_MESH_OK || iRet == LDC_MESH_ERR_FOLD || iRet == LDC_MESH_ERR_NUMERIC);
             EXPECT_LE(stScene.stStats.iRounds, 6) << "set " << k << " variant " << iVariant;
-            EXPECT_LE(stScene.stStats.iIterations, 6 * 4 * 100);
+            EXPECT_LE(stScene.stStats.iIterations, 80);   // the budget over all rounds
             bool bZero = true;
             for (float f : stScene.vfMesh) {
                 ASSERT_TRUE(isfinite(f)) << "set " << k << " variant " << iVariant;

@@ -876,7 +876,7 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
 // terms couple; and the right-hand side with the fold terms' share. Zero on the frame's edge.
 static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples)
 {
-    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows, iC = iCols;
+    const int32_t iC = pstLevel->stGrid.iCols;
     float *pfDiagX = pstLevel->pfDiagInv + pstLevel->iMargin, *pfDiagY = pfDiagX + pstLevel->iPlane;
     const float *pfC = pstLevel->apfStencil[0], *pfE = pstLevel->apfStencil[1], *pfEE = pstLevel->apfStencil[2];
     const float *pfS = pstLevel->apfStencil[3], *pfSS = pstLevel->apfStencil[4], *pfSE = pstLevel->apfStencil[5];
@@ -921,7 +921,6 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
             pstLevel->pfRhs[n] = bHeld ? 0.0f : pstLevel->pfRhs[n];
         }
     }
-    (void)iRows;
 }
 
 // Dot products in double over four interleaved partial sums, added in a fixed order: the same

@@ -161,7 +161,7 @@ TEST(Lifecycle, CreateArgumentChecksInOrder)
     }
 }
 
-TEST(Lifecycle, CreateLogsAndFillsAReadyInstance)
+TEST(Lifecycle, CreateAndResetLogAndFillAReadyInstance)
 {
     CreateArgs stArgs(SamplePath(), 640, 480, LDC_PIC_YUV420);
     void *pHandle = nullptr;
@@ -174,6 +174,15 @@ TEST(Lifecycle, CreateLogsAndFillsAReadyInstance)
     EXPECT_EQ(LDC_PIC_YUV420, pstPara->ePicType);
     EXPECT_STREQ(SamplePath().c_str(), pstPara->acCfgPath);
     EXPECT_EQ(343.0f, pstPara->afCameraMatrix[2]);
+    // Reset ignores the path argument and takes the type over; no traces, only the area line.
+    ST_LDC_INPUT_PARA stNewSize = {1080, 1920, "/no/such/file.xml", LDC_PIC_NV12};
+    const Call stReset = Reset(pHandle, &stNewSize);
+    ASSERT_EQ(LDC_OK, stReset.iRet);
+    EXPECT_EQ(Area(0, 0, 1919, 1079), stReset.strLog);
+    ExpectReadyInstance(pHandle, 1920, 1080);
+    EXPECT_EQ(LDC_PIC_NV12, pstPara->ePicType);
+    EXPECT_STREQ(SamplePath().c_str(), pstPara->acCfgPath);
+    EXPECT_EQ((std::vector<float>{1027.0f, 527.0f}), (std::vector<float>{pstPara->afCameraMatrix[2], pstPara->afCameraMatrix[5]}));
     const Call stDelete = Delete(pHandle);
     EXPECT_EQ(LDC_OK, stDelete.iRet);
     EXPECT_EQ(kDeleteTrace, stDelete.strLog);
@@ -328,24 +337,6 @@ TEST(Lifecycle, CameraMatrixChecks)
         EXPECT_EQ(kCreateHead + Params(stArgs.acPath, c.iWidth, c.iHeight) + E(c.pcMessage) + kDeleteTrace,
                   stCall.strLog);
     }
-}
-
-TEST(Lifecycle, ResetRebuildsTheInstanceForANewSize)
-{
-    CreateArgs stArgs(SamplePath(), 640, 480);
-    void *pHandle = nullptr;
-    ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
-    // The path argument is ignored; the type is taken over; no traces, only the area line.
-    ST_LDC_INPUT_PARA stNewSize = {1080, 1920, "/no/such/file.xml", LDC_PIC_NV12};
-    const Call stCall = Reset(pHandle, &stNewSize);
-    ASSERT_EQ(LDC_OK, stCall.iRet);
-    EXPECT_EQ(Area(0, 0, 1919, 1079), stCall.strLog);
-    ExpectReadyInstance(pHandle, 1920, 1080);
-    const tagST_LDC_PARA *pstPara = static_cast<tagST_LDC_PARA *>(pHandle);
-    EXPECT_EQ(LDC_PIC_NV12, pstPara->ePicType);
-    EXPECT_STREQ(SamplePath().c_str(), pstPara->acCfgPath);
-    EXPECT_EQ((std::vector<float>{1027.0f, 527.0f}), (std::vector<float>{pstPara->afCameraMatrix[2], pstPara->afCameraMatrix[5]}));
-    EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
 }
 
 // Reset refuses what Create refuses, with its messages, and before anything changes, even when

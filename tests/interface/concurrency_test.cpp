@@ -8,7 +8,6 @@
 #include <math.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <string>
 #include <thread>

@@ -290,25 +290,15 @@ struct tagST_DC_FRAMES {
     bool InRectangle(size_t uIndex) const
     {
         const int32_t *piArea = Area();
-        const size_t uW = (size_t)stCase.iWidth;
-        const size_t uLuma = uW * (size_t)stCase.iHeight;
-        int32_t iX, iY, iL, iR, iT, iB;
-        if (uIndex >= uFrameBytes) {
+        const ldc_test::tagST_TEST_LAYOUT stLayout = ldc_test::FrameLayout(stCase.iWidth, stCase.iHeight, stCase.ePicType);
+        int32_t iX, iY;
+        const ldc_test::tagST_TEST_PLANE *pstPlane = ldc_test::PlaneAt(stLayout, uIndex, &iX, &iY);
+        if (pstPlane == NULL) {
             return false;
         }
-        if (uIndex < uLuma) {
-            iX = (int32_t)(uIndex % uW), iY = (int32_t)(uIndex / uW);
-            iL = piArea[0], iR = piArea[2], iT = piArea[1], iB = piArea[3];
-        } else if (stCase.ePicType != 2) {
-            iX = (int32_t)((uIndex - uLuma) % uW), iY = (int32_t)((uIndex - uLuma) / uW);
-            iL = piArea[0], iR = piArea[2], iT = piArea[1] / 2, iB = piArea[3] / 2;
-        } else {
-            size_t u = uIndex - uLuma;
-            u = (u >= uLuma / 4) ? u - uLuma / 4 : u;
-            iX = (int32_t)(u % (uW / 2)), iY = (int32_t)(u / (uW / 2));
-            iL = piArea[0] / 2, iR = piArea[2] / 2, iT = piArea[1] / 2, iB = piArea[3] / 2;
-        }
-        return iX >= iL && iX <= iR && iY >= iT && iY <= iB;
+        const int32_t iRow = (pstPlane == &stLayout.vstPlanes[0]) ? 1 : 2;
+        const int32_t iCol = (stCase.ePicType == 2) ? iRow : 1;
+        return iX >= piArea[0] / iCol && iX <= piArea[2] / iCol && iY >= piArea[1] / iRow && iY <= piArea[3] / iRow;
     }
 };
 

@@ -5,11 +5,9 @@
 // CorrectionDegree, and so another record and other frames.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <math.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -109,36 +107,14 @@ Outputs Cycles(const std::string &strConfig, const std::vector<uint8_t> &vIn)
     return stRun;
 }
 
-// The library logs every call; thousands of lines from three threads would bury the report.
-struct QuietOutput {
-    int iOut = dup(1);
-    int iErr = dup(2);
-    QuietOutput()
-    {
-        fflush(stdout);
-        fflush(stderr);
-        const int iNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(iNull, 1);
-        dup2(iNull, 2);
-        close(iNull);
-    }
-    ~QuietOutput()
-    {
-        fflush(stdout);
-        fflush(stderr);
-        dup2(iOut, 1);
-        dup2(iErr, 2);
-        close(iOut);
-        close(iErr);
-    }
-};
-
 TEST(Concurrency, ThreeInstancesOnThreeThreadsMatchTheSoloRuns)
 {
     const std::vector<uint8_t> vIn = TexturedFrame();
     Outputs astSolo[3], astConcurrent[3];
     {
-        QuietOutput stQuiet;
+        // The library logs every call; thousands of lines from three threads would bury the report.
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         for (int t = 0; t < 3; t++) {
             astSolo[t] = Cycles(std::string(LDC_TEST_CONFIG_DIR "/") + kConfigs[t], vIn);
         }
@@ -149,6 +125,8 @@ TEST(Concurrency, ThreeInstancesOnThreeThreadsMatchTheSoloRuns)
         for (std::thread &th : vThreads) {
             th.join();
         }
+        (void)testing::internal::GetCapturedStdout();
+        (void)testing::internal::GetCapturedStderr();
     }
     for (int t = 0; t < 3; t++) {
         EXPECT_EQ(0, astSolo[t].iBadCalls) << kConfigs[t];

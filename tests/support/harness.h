@@ -3,6 +3,7 @@
 //
 //   RandomBytes(n, seed[, mask])      bytes from a fixed seed, the same on every target
 //   ImageLayout / FrameLayout / ...   what the bytes of an output are: planes, sizes, pitches
+//   PlaneAt(layout, i, &x, &y)        the plane of byte i and the sample's position in it
 //   FirstDifference(layout, a, b)     "" or "plane UV at (x=3, y=1): expected 17, got 18"
 //   GuardedBytes out(n, fill[, mis])  an output with canary bytes on both sides, GuardReport()
 //   CompareTwins(layout, run)         runs run(false, out) and run(true, out) on guarded outputs
@@ -82,6 +83,22 @@ inline tagST_TEST_LAYOUT FrameLayout(int32_t iWidth, int32_t iHeight, int32_t eP
     return stLayout;
 }
 
+// The plane holding byte i of a buffer and the sample's (x, y) in it; NULL outside the planes.
+inline const tagST_TEST_PLANE *PlaneAt(const tagST_TEST_LAYOUT &stLayout, size_t i, int32_t *piX, int32_t *piY)
+{
+    *piX = *piY = -1;
+    for (const tagST_TEST_PLANE &p : stLayout.vstPlanes) {
+        const size_t uRel = i - p.uOffset;
+        if (i >= p.uOffset && uRel < (size_t)p.iPitch * p.iHeight &&
+            (int32_t)(uRel % p.iPitch) < p.iWidth * p.iSampleBytes) {
+            *piX = (int32_t)(uRel % p.iPitch) / p.iSampleBytes;
+            *piY = (int32_t)(uRel / p.iPitch);
+            return &p;
+        }
+    }
+    return NULL;
+}
+
 inline std::string FirstDifference(const tagST_TEST_LAYOUT &stLayout, const uint8_t *pucExpected,
                                    const uint8_t *pucGot)
 {
@@ -93,26 +110,21 @@ inline std::string FirstDifference(const tagST_TEST_LAYOUT &stLayout, const uint
         return "";
     }
     char acText[160];
-    snprintf(acText, sizeof(acText), "byte %zu outside the planes: expected %d, got %d", i, pucExpected[i],
-             pucGot[i]);
-    for (const tagST_TEST_PLANE &p : stLayout.vstPlanes) {
-        const size_t uRel = i - p.uOffset;
-        if (i < p.uOffset || uRel >= (size_t)p.iPitch * p.iHeight ||
-            (int32_t)(uRel % p.iPitch) >= p.iWidth * p.iSampleBytes) {
-            continue;
-        }
-        const int32_t x = (int32_t)(uRel % p.iPitch) / p.iSampleBytes;
-        const size_t uSample = p.uOffset + uRel / p.iPitch * p.iPitch + (size_t)x * p.iSampleBytes;
-        int32_t iExpected = pucExpected[uSample];
-        int32_t iGot = pucGot[uSample];
-        if (p.iSampleBytes == 4) {
-            memcpy(&iExpected, pucExpected + uSample, 4);
-            memcpy(&iGot, pucGot + uSample, 4);
-        }
-        snprintf(acText, sizeof(acText), "plane %s at (x=%d, y=%d): expected %d, got %d", p.pcName, x,
-                 (int32_t)(uRel / p.iPitch), iExpected, iGot);
-        break;
+    int32_t x, y;
+    const tagST_TEST_PLANE *p = PlaneAt(stLayout, i, &x, &y);
+    if (p == NULL) {
+        snprintf(acText, sizeof(acText), "byte %zu outside the planes: expected %d, got %d", i, pucExpected[i],
+                 pucGot[i]);
+        return acText;
     }
+    const size_t uSample = p->uOffset + (size_t)y * p->iPitch + (size_t)x * p->iSampleBytes;
+    int32_t iExpected = pucExpected[uSample];
+    int32_t iGot = pucGot[uSample];
+    if (p->iSampleBytes == 4) {
+        memcpy(&iExpected, pucExpected + uSample, 4);
+        memcpy(&iGot, pucGot + uSample, 4);
+    }
+    snprintf(acText, sizeof(acText), "plane %s at (x=%d, y=%d): expected %d, got %d", p->pcName, x, y, iExpected, iGot);
     return acText;
 }
 

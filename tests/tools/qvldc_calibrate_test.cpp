@@ -114,59 +114,19 @@ auto Board(double dU, double dV, double dZ, double dAx, double dAy, double dAz)
 }
 
 // Dark lines 3 pixels wide on a light ground, every 96 corrected pixels across and down.
-const int32_t kLineStep = 96;
-double LineX(int32_t i) { return kLens.dU0 + 40 + kLineStep * (i - 7); }
-double LineY(int32_t i) { return kLens.dV0 + 40 + kLineStep * (i - 5); }
 double Lines(cv::Point2d stP)
 {
-    const double dDx = fabs(fmod(stP.x - LineX(0) + 1e4 * kLineStep, (double)kLineStep) - kLineStep / 2.0);
-    const double dDy = fabs(fmod(stP.y - LineY(0) + 1e4 * kLineStep, (double)kLineStep) - kLineStep / 2.0);
-    return (dDx > kLineStep / 2.0 - 1.5 || dDy > kLineStep / 2.0 - 1.5) ? 30.0 : 220.0;
+    const double dDx = fabs(fmod(stP.x - 11 + 960000, 96.0) - 48.0);
+    const double dDy = fabs(fmod(stP.y - 37 + 960000, 96.0) - 48.0);
+    return (dDx > 46.5 || dDy > 46.5) ? 30.0 : 220.0;
 }
 
-// How far the lines of a corrected Lines frame stray from straight: the dark centroid across
-// each line, row by row (column by column), away from the crossings; RMS distance from the
-// line fitted through each, pixels.
-double Straightness(const cv::Mat &stLuma)
+// Mean absolute difference from the pinhole photograph of the same scene, away from the border
+// (where the remap has no source).
+double Error(const cv::Mat &stLuma, const cv::Mat &stPinhole)
 {
-    double dSum2 = 0;
-    size_t uCount = 0;
-    for (int32_t bRows = 0; bRows < 2; bRows++) {
-        const cv::Mat stImg = bRows ? cv::Mat(stLuma.t()) : stLuma;
-        for (int32_t i = 0; i < 16; i++) {
-            const double dLine = bRows ? LineY(i) : LineX(i);
-            if (dLine < 16 || dLine > stImg.cols - 17) {
-                continue;
-            }
-            std::vector<cv::Point2d> vstPts;
-            for (int32_t t = 8; t < stImg.rows - 8; t++) {
-                const double dAcross = fmod(t - (bRows ? LineX(0) : LineY(0)) + 1e4 * kLineStep, (double)kLineStep);
-                if (dAcross < 10 || dAcross > kLineStep - 10) {
-                    continue;
-                }
-                double dW = 0, dWx = 0;
-                for (int32_t s = (int32_t)dLine - 14; s <= (int32_t)dLine + 14; s++) {
-                    const double dDark = std::max(0, 220 - stImg.at<uint8_t>(t, s));
-                    dW += dDark;
-                    dWx += dDark * s;
-                }
-                if (dW > 100) {
-                    vstPts.push_back(cv::Point2d(t, dWx / dW));
-                }
-            }
-            if (vstPts.size() < 100) {
-                continue;
-            }
-            cv::Vec4d stFit;
-            cv::fitLine(vstPts, stFit, cv::DIST_L2, 0, 1e-6, 1e-6);
-            for (const cv::Point2d &stP : vstPts) {
-                const double dD = (stP.x - stFit[2]) * stFit[1] - (stP.y - stFit[3]) * stFit[0];
-                dSum2 += dD * dD;
-                uCount++;
-            }
-        }
-    }
-    return uCount > 2000 ? sqrt(dSum2 / uCount) : 1e9;
+    const cv::Rect stInner(64, 64, kW - 128, kH - 128);
+    return cv::mean(cv::abs(stLuma(stInner) - stPinhole(stInner)))[0];
 }
 
 // The library's lens remap of an NV21 frame with the profile: one face and no field-of-view
@@ -244,7 +204,7 @@ TEST(QvldcCalibrate, RecoversTheLensAndStraightensItsLines)
         stDir.Save(acName, Photograph(stLens, Board(pd[0], pd[1], pd[2], pd[3], pd[4], pd[5])));
     }
     // Photos the calibration must set aside: another lens, another size, no board, not a photo.
-    const Lens stOther({1000.0, 643.0, 477.0, {0.0, 0.0, 0.0}});
+    const Lens stOther({1000.0, 643.0, 477.0, {0.0, 0.0, 0.0}});   // a pinhole
     stDir.Save("other_lens.png", Photograph(stOther, Board(420, 330, 22, 15, -20, 0)));
     stDir.Save("small.png", cv::Mat(480, 640, CV_8UC1, cv::Scalar(128)));
     stDir.Save("blank.png", cv::Mat(kH, kW, CV_8UC1, cv::Scalar(128)));
@@ -272,16 +232,15 @@ TEST(QvldcCalibrate, RecoversTheLensAndStraightensItsLines)
     EXPECT_NEAR(kLens.dV0, stCalib.dFreeV0, 1.0);
     EXPECT_LT(stCalib.dRms, 0.2);
 
-    // A scene through the lens, corrected by the library with the written profile.
+    // A scene through the lens, corrected by the library with the written profile, comes out as
+    // a pinhole camera takes it.
     const cv::Mat stRecorded = Photograph(stLens, Lines);
-    const double dBefore = Straightness(stRecorded);
-    const double dAfter = Straightness(CorrectWithProfile(FormatProfileBlock(stCalib), stRecorded));
-    EXPECT_GT(dBefore, 2.0);
-    EXPECT_LE(dAfter, 0.5);
-    printf("k1 %.5f (true %.2f), k2 %.4f, k3 %.4f, fx %.2f, principal point free (%.2f, %.2f) stored (%g, %g); "
-           "RMS %.3f px (free %.3f); lines %.2f px RMS bent, %.3f px after\n",
-           stFit.adK[0], kLens.adK[0], stFit.adK[1], stFit.adK[2], stFit.dFx, stCalib.dFreeU0, stCalib.dFreeV0,
-           stFit.dU0, stFit.dV0, stCalib.dRms, stCalib.dFreeRms, dBefore, dAfter);
+    const cv::Mat stPinhole = Photograph(stOther, Lines);
+    const double dBefore = Error(stRecorded, stPinhole);
+    const double dAfter = Error(CorrectWithProfile(FormatProfileBlock(stCalib), stRecorded), stPinhole);
+    // The true lens leaves 2.8 (the remap's interpolation); k1 off by 3 % gives 5.2.
+    EXPECT_GT(dBefore, 15.0);
+    EXPECT_LT(dAfter, 3.5);
 }
 
 TEST(QvldcCalibrate, RefusesInOneLineWhatCannotBeCalibrated)

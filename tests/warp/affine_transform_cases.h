@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "support/harness.h"
 #include "warp/affine_transform.h"
 
 // The descriptor of a YUV 4:2:0 frame held as one block at pucBase. Both semi-planar types hand
@@ -55,26 +56,18 @@ struct AffineFrame {
     }
 };
 
-// Plane of byte i of a frame ("luma", "chroma" for an interleaved plane, "U", "V") and the luma
-// position (x, y) that it belongs to: a chroma byte stands for its 2 x 2 block.
+// Plane of byte i of a frame and the luma position (x, y) that it belongs to: a chroma byte
+// stands for its 2 x 2 block, the two bytes of an interleaved pair sitting in its two columns.
 inline const char *AffineBytePosition(int32_t iWidth, int32_t iHeight, int32_t iPicType, size_t i, int32_t *piX,
                                       int32_t *piY)
 {
-    const size_t uLuma = (size_t)iWidth * iHeight;
-    if (i < uLuma) {
-        *piX = (int32_t)(i % iWidth);
-        *piY = (int32_t)(i / iWidth);
-        return "luma";
+    const ldc_test::tagST_TEST_LAYOUT stLayout = ldc_test::FrameLayout(iWidth, iHeight, iPicType);
+    const ldc_test::tagST_TEST_PLANE *pstPlane = ldc_test::PlaneAt(stLayout, i, piX, piY);
+    if (pstPlane != &stLayout.vstPlanes[0]) {
+        *piX *= (iPicType == LDC_PIC_YUV420) ? 2 : 1;
+        *piY *= 2;
     }
-    if (iPicType != LDC_PIC_YUV420) {
-        *piX = (int32_t)((i - uLuma) % iWidth);   // the two bytes of a pair sit in its two columns
-        *piY = 2 * (int32_t)((i - uLuma) / iWidth);
-        return "chroma";
-    }
-    const size_t j = (i - uLuma) % (uLuma / 4);
-    *piX = 2 * (int32_t)(j % (iWidth / 2));
-    *piY = 2 * (int32_t)(j / (iWidth / 2));
-    return i - uLuma < uLuma / 4 ? "U" : "V";
+    return pstPlane->pcName;
 }
 
 // Small deterministic generator (numerical recipes LCG), so that every target draws the same cases.

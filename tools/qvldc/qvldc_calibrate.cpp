@@ -31,23 +31,6 @@ const double kGoodReach = 0.8;            // boards seen this far out pin down k
 const double kGlobalG0AtCorner = 0.04;
 const double kGlobalG1AtCorner = 0.01;
 
-bool IsCalibrationPhoto(const std::string &strName)
-{
-    const size_t uDot = strName.find_last_of('.');
-    if (uDot == std::string::npos) {
-        return false;
-    }
-    std::string strExt = strName.substr(uDot + 1);
-    std::transform(strExt.begin(), strExt.end(), strExt.begin(), ::tolower);
-    static const char *const s_apcExt[] = {"png", "jpg", "jpeg"};
-    for (const char *pcExt : s_apcExt) {
-        if (strExt == pcExt) {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::string SizeText(int32_t iW, int32_t iH)
 {
     return std::to_string(iW) + "x" + std::to_string(iH);
@@ -250,7 +233,7 @@ bool ReadViews(const std::string &strDir, tagST_QV_SIZE stSize, tagST_QV_SIZE st
         return false;
     }
     while (struct dirent *pstEntry = readdir(pDir)) {
-        if (IsCalibrationPhoto(pstEntry->d_name)) {
+        if (IsPhotoPath(pstEntry->d_name)) {
             vstrNames.push_back(pstEntry->d_name);
         }
     }

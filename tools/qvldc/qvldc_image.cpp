@@ -12,17 +12,6 @@
 #include "linedetect/line_bend.h"
 #include "qvldc_io.h"
 
-bool IsPhotoPath(const std::string &strPath)
-{
-    const size_t uDot = strPath.find_last_of('.');
-    if (uDot == std::string::npos) {
-        return false;
-    }
-    std::string strExt = strPath.substr(uDot + 1);
-    std::transform(strExt.begin(), strExt.end(), strExt.begin(), ::tolower);
-    return strExt == "png" || strExt == "jpg" || strExt == "jpeg";
-}
-
 // 4:2:0 chroma needs even sides: a photo loses its last column or row when they are odd.
 static bool PhotoSideFits(uint32_t uSide)
 {

@@ -26,7 +26,6 @@ typedef struct tagST_QV_DECISION {
     std::vector<std::string> vstrLines;
 } tagST_QV_DECISION;
 
-bool IsPhotoPath(const std::string &strPath);
 // Reads a raw frame or a PNG/JPEG photo (cropped to even sides), opening the path once; a photo's
 // header is checked before it is decoded. A raw frame has stSize or, when that is 0 x 0, the size
 // GuessFrameSize finds for its length among vstProfiles with vstFaces. On false *pstrError holds

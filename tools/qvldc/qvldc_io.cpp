@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 static const char *FileKind(mode_t uMode)
 {
     return S_ISDIR(uMode) ? "a directory" : S_ISFIFO(uMode) ? "a FIFO" : S_ISCHR(uMode) ? "a character device"
@@ -207,4 +209,15 @@ std::string CaptureOutput(const std::function<void()> &fnCall)
     }
     fclose(pTmp);
     return strText;
+}
+
+bool IsPhotoPath(const std::string &strPath)
+{
+    const size_t uDot = strPath.find_last_of('.');
+    if (uDot == std::string::npos) {
+        return false;
+    }
+    std::string strExt = strPath.substr(uDot + 1);
+    std::transform(strExt.begin(), strExt.end(), strExt.begin(), ::tolower);
+    return strExt == "png" || strExt == "jpg" || strExt == "jpeg";
 }

@@ -19,6 +19,9 @@
 // Above any 5000 x 5000 PNG, even one stored without compression at 16 bits per channel with alpha.
 #define QV_MAX_PHOTO_FILE_BYTES (256u << 20)
 
+// A .png, .jpg or .jpeg name (any case): read as a photo, not a raw frame.
+bool IsPhotoPath(const std::string &strPath);
+
 // Reads the whole of a regular file of at most ulMaxBytes bytes. The path is opened once and a
 // FIFO does not wait for a writer; directories, FIFOs, devices, missing paths and dangling links
 // are refused. On false *pstrError holds the reason (without the path).

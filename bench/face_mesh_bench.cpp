@@ -51,8 +51,8 @@ struct MeshCase {
         stIn.iFaceNum = iFaces;
         stIn.paiFaces = (const int32_t(*)[4])viFaces.data();
         stIn.fStrength = 1.0f;
-        vfMesh.assign(FaceMeshBytes(iW, iH) / sizeof(float), 0.0f);
-        vdWork.assign(FaceMeshWorkBytes(iW, iH) / sizeof(double) + 1, 0.0);
+        vfMesh.assign(FaceMeshBytes(iW, iH, 0) / sizeof(float), 0.0f);
+        vdWork.assign(FaceMeshWorkBytes(iW, iH, 0) / sizeof(double) + 1, 0.0);
     }
 
     int32_t Solve(const float *pfWarm, tagST_MESH_STATS *pstStats)

@@ -5,43 +5,54 @@
 
 #include "vkt_zb_ldc.h"   // LDC_MAX_FACES, LDC_MAX_IMAGE_SIZE
 
-// Cells along the longer side, whatever the frame's size: a preview stream and a still capture of
-// the same scene get the same correction (and finer grids only sharpen the transitions around
-// faces, which then fold sooner).
-#define LDC_MESH_CELLS 32
-#define LDC_MESH_MAX_ITERATIONS 300  // bounds the solve's time whatever the input
-#define LDC_MESH_TOLERANCE 1e-5      // relative residual at which the solve stops
+#define LDC_MESH_CELLS 64            // cells along the longer side by default
+#define LDC_MESH_MIN_CELLS 8         // the coarsest level of the cascade has at least this many
+#define LDC_MESH_MAX_CELLS 256
+#define LDC_MESH_MAX_LEVELS 6
+#define LDC_MESH_MAX_ITERATIONS 100  // per solve: bounds the time whatever the input
+#define LDC_MESH_TOLERANCE 1e-5      // relative residual at which a solve stops
 #define LDC_MESH_LENS_STEPS 12       // Newton steps of the inverse lens model
 #define LDC_MESH_SAMPLES_PER_CELL 2  // line-term samples per cell along a segment
-#define LDC_MESH_MAX_TERMS 2048      // line-term sample triples
-#define LDC_MESH_LINE_VERTICES 12    // a line term's vertices: three samples of four each
+#define LDC_MESH_MAX_SAMPLES 16384   // line-term samples over all levels
 #define LDC_MESH_FIT_STEPS 12        // bisection steps of a crowded face's strength
+#define LDC_MESH_MAX_FOLD_TERMS 4096 // cell corners the fold guard holds at most
+#define LDC_MESH_FOLD_UNKNOWNS 6     // a corner's area involves three vertices
 #define LDC_MESH_FOLD_ROUNDS 6       // solves, the strength shrinking each time, before giving up
 #define LDC_MESH_FOLD_SHRINK 0.75f
+#define LDC_MESH_STENCIL 7           // coefficient planes of the symmetric 13-point stencil
 
-// Weights of the energy for displacements in pixels: per vertex (faces, background), per grid
-// edge (smoothness) and per line sample. The face and background weights fade over bands of
-// the elliptic face distance e (1 on the corrected face's outline). The smoothness follows the
-// smallest face, so that the transition from a face to the background spans a fixed share of
-// the face's radius whatever the grid's spacing; inside a face the face term alone rules.
-static const float kFaceWeight = 64.0f;
-static const float kBackgroundWeight = 1.0f;
-static const float kFaceBand = 0.5f;           // face weight falls to zero from e = 1 to 1 + band
-static const float kBackgroundBand = 1.5f;     // background weight rises from e = 1 to 1 + band
-static const float kTransitionShare = 1.0f;    // decay length of the transition / face radius
-static const float kLineWeight = 32.0f;
-static const float kEdgeRelease = 0.25f;       // face weight fades over this share of its radius
-                                               // as its target nears the frame's edge
+// The energy's weights, all relative to the background's pull (1) and measured in the length of
+// the smallest face's radius, so that the balance is the same at every frame and grid size.
+static const float kFaceWeight = 512.0f;       // a face's pull toward its map: it wins inside the face
+static const float kFaceInner = 0.8f;          // the pull is full up to this elliptic distance ...
+static const float kFaceBand = 0.2f;           // ... and gone this much farther out
+static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
+static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
+static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
+static const float kLineWeight = 20.0f;        // a straight segment's pull toward staying straight
+static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
+                                               // or grows much, and both gaps stretch alike)
+static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
+                                               // where its map leaves the frame
+static const float kFoldWeight = 16.0f;        // the fold guard's pull toward the floor
+static const float kFoldFloor = 0.3f;          // area ratio the guard holds a corner at ...
+static const float kFoldMargin = 0.05f;        // ... once it comes within this of it (hysteresis)
+static const float kFoldSettle = 0.05f;        // a round of the guard ends within this below the floor
+static const int32_t kFoldGuardRounds = 4;     // solves of the fold guard at most
+static const int32_t kSweeps = 4;              // Jacobi sweeps before and after each coarse correction
+static const float kOmega = 1.5f;              // their damping (below 2: the l1 diagonal keeps them stable)
+
 static const float kFitTolerance = 0.15f;      // how far (share of the radius) a corrected face may
-                                               // leave the face's widened box
+                                               // reach beyond the frame past its widened box
 static const float kMaxStereo = 0.81f;         // (r_s / 2f)^2 beyond which a face's map is cut off
 static const float kMinAreaRatio = 0.1f;       // a cell may show at most ten times its area
+static const float kStepShare = 0.01f;         // the shown mesh moves 1 % of the longer side a frame at most
 
 // One face, in lens-corrected pixels.
 typedef struct tagST_MESH_FACE {
     float fStereoCx;  // stereographic image of the face's centre
     float fStereoCy;
-    float fScale;     // similarity scale: the face's tangential size kept
+    float fScale;     // similarity scale
     float fOx;        // where the face's centre goes in the output
     float fOy;
     float afShape[4]; // inverse of the corrected face's shape: |afShape (p - O)| = 1 on its outline
@@ -50,43 +61,78 @@ typedef struct tagST_MESH_FACE {
 } tagST_MESH_FACE;
 
 // What the placement of a face needs at a strength: the upright face (w, h), u, sec(theta),
-// the half extents of its box and how far its centre moves per unit of strength along u.
+// the size kept (1: tangential, sec: radial), the face's centre c, how far its centre moves
+// per unit of strength along u, and the bounds its corrected box must keep.
 typedef struct tagST_MESH_FACE_FIT {
     float fW;
     float fH;
     float fUx;
     float fUy;
     float fSec;
-    float fHalfX;
-    float fHalfY;
+    float fKeep;
+    float fCx;
+    float fCy;
     float fMovePerStrength;
+    float afBound[4];   // left, top, right, bottom
 } tagST_MESH_FACE_FIT;
 
-// One sample of the line term: n . (d(a) - 2 d(b) + d(c)) over the bilinear weights of a, b, c.
-typedef struct tagST_MESH_LINE_TERM {
-    int32_t aiVertex[LDC_MESH_LINE_VERTICES];
-    float afWeight[LDC_MESH_LINE_VERTICES];
-    float fNx;
+// A straight segment of the line term: its samples' displacement across it should stay an
+// affine function of the position along it (the segment stays straight, across faces too).
+typedef struct tagST_MESH_LINE {
+    int32_t iFirst;    // its first sample
+    int32_t iCount;
+    float fNx;         // unit normal
     float fNy;
-} tagST_MESH_LINE_TERM;
+    float fMeanT;      // mean and spread of the samples' positions along it
+    float fSpreadT;    // sum of (t - mean)^2
+} tagST_MESH_LINE;
 
-// One level's arrays in the work area: per vertex the data weight, the smoothness weights of
-// the edges to the right and below, then two floats per vertex each for the right-hand side,
-// the preconditioner and the four conjugate-gradient vectors.
+typedef struct tagST_MESH_SAMPLE {
+    int32_t iVertex;   // first vertex of the cell it lies in
+    float fA;          // bilinear fractions in the cell
+    float fB;
+    float fT;          // position along the segment
+    float fAcross;     // scratch: the displacement across the segment
+} tagST_MESH_SAMPLE;
+
+// One corner term of the fold guard: coefficients over the unknowns, the right-hand side.
+typedef struct tagST_MESH_FOLD_TERM {
+    int32_t aiIndex[LDC_MESH_FOLD_UNKNOWNS];
+    float afCoef[LDC_MESH_FOLD_UNKNOWNS];
+    float fRhs;
+} tagST_MESH_FOLD_TERM;
+
+// One level of the cascade. Vectors are two planes (x, then y displacements), each with a margin
+// of zeros around the grid so that the stencil reads two rows and columns beyond any vertex
+// without a test; the stencil's coefficients are planes of the same shape.
 typedef struct tagST_MESH_LEVEL {
     tagST_MESH_GRID stGrid;
-    float *pfWeight;
-    float *pfEdgeRight;
-    float *pfEdgeDown;
-    float *pfRhs;
+    int32_t iVertices;
+    int32_t iMargin;   // zeros before a plane's first vertex and after its last
+    int32_t iPlane;    // floats of a plane: vertices and both margins
+    float *apfStencil[LDC_MESH_STENCIL];   // centre, E, EE, S, SS, SE, SW couplings of each vertex
+    float *pfRhsBase;  // the data terms' share
+    float *pfRhs;      // with the fold terms
     float *pfDiagInv;
+    float *pfX;
     float *pfR;
     float *pfZ;
     float *pfP;
     float *pfQ;
+    tagST_MESH_LINE *pstLines;
+    int32_t iLines;
+    float fLineWeight;   // per sample
+    tagST_MESH_FOLD_TERM *pstFolds;
+    int32_t iFolds;
+    // Where each column and row of this level lies on the next coarser level's grid: the cell's
+    // first column (row) and the fraction, for the transfers between the levels.
+    int32_t *piColCell;
+    float *pfColFrac;
+    int32_t *piRowCell;
+    float *pfRowFrac;
 } tagST_MESH_LEVEL;
 
-static const uint32_t kVertexFloats = 3u + 6u * 2u;
+#define LDC_MESH_VECTORS 8   // two-plane vectors of a level: rhs base, rhs, diagonal, x, r, z, p, q
 
 // A grid of about iCellsLong cells along the longer side, as square as whole counts allow.
 static void GridOfCells(int32_t iWidth, int32_t iHeight, int32_t iCellsLong, tagST_MESH_GRID *pstGrid)
@@ -105,58 +151,106 @@ static void GridOfCells(int32_t iWidth, int32_t iHeight, int32_t iCellsLong, tag
     pstGrid->fInvStepY = 1.0f / pstGrid->fStepY;
 }
 
-void FaceMeshGrid(int32_t iWidth, int32_t iHeight, tagST_MESH_GRID *pstGrid)
+static int32_t CellsOf(int32_t iCells)
 {
-    GridOfCells(iWidth, iHeight, LDC_MESH_CELLS, pstGrid);
+    if (iCells <= 0) {
+        iCells = LDC_MESH_CELLS;
+    }
+    return iCells < LDC_MESH_MIN_CELLS ? LDC_MESH_MIN_CELLS : (iCells > LDC_MESH_MAX_CELLS ? LDC_MESH_MAX_CELLS : iCells);
 }
 
-// The grid of half the cells whose solution starts a cold solve.
-static void CoarseGrid(int32_t iWidth, int32_t iHeight, tagST_MESH_GRID *pstGrid)
+// Cells along the longer side of each level of the cascade, finest first; returns the count.
+static int32_t LevelCells(int32_t iCells, int32_t *piCells)
 {
-    GridOfCells(iWidth, iHeight, LDC_MESH_CELLS / 2, pstGrid);
+    int32_t iLevels = 0;
+    int32_t iC = CellsOf(iCells);
+    piCells[iLevels++] = iC;
+    while (iLevels < LDC_MESH_MAX_LEVELS && (iC + 1) / 2 >= LDC_MESH_MIN_CELLS) {
+        iC = (iC + 1) / 2;
+        piCells[iLevels++] = iC;
+    }
+    return iLevels;
 }
 
-static uint32_t VertexCount(const tagST_MESH_GRID *pstGrid)
+void FaceMeshGrid(int32_t iWidth, int32_t iHeight, int32_t iCells, tagST_MESH_GRID *pstGrid)
 {
-    return (uint32_t)pstGrid->iCols * (uint32_t)pstGrid->iRows;
+    GridOfCells(iWidth, iHeight, CellsOf(iCells), pstGrid);
 }
 
-uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight)
+static int32_t VertexCount(const tagST_MESH_GRID *pstGrid)
+{
+    return pstGrid->iCols * pstGrid->iRows;
+}
+
+uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight, int32_t iCells)
 {
     tagST_MESH_GRID stGrid;
-    FaceMeshGrid(iWidth, iHeight, &stGrid);
-    return VertexCount(&stGrid) * 2u * (uint32_t)sizeof(float);
+    FaceMeshGrid(iWidth, iHeight, iCells, &stGrid);
+    return (uint32_t)VertexCount(&stGrid) * 2u * (uint32_t)sizeof(float);
 }
 
-uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight)
+// Floats of one level's arrays.
+static uint32_t LevelFloats(const tagST_MESH_GRID *pstGrid)
 {
-    tagST_MESH_GRID stFine, stCoarse;
-    FaceMeshGrid(iWidth, iHeight, &stFine);
-    CoarseGrid(iWidth, iHeight, &stCoarse);
-    // Both levels' arrays, the coarse solution, the line terms and a copy of the warm start.
-    const uint32_t uFloats = VertexCount(&stFine) * kVertexFloats + VertexCount(&stCoarse) * (kVertexFloats + 2u);
-    return uFloats * (uint32_t)sizeof(float) + LDC_MESH_MAX_TERMS * (uint32_t)sizeof(tagST_MESH_LINE_TERM) +
-           FaceMeshBytes(iWidth, iHeight);
+    const uint32_t uPlane = (uint32_t)VertexCount(pstGrid) + 2u * (2u * (uint32_t)pstGrid->iCols + 2u);
+    return uPlane * (LDC_MESH_STENCIL + 2u * LDC_MESH_VECTORS) + 2u * (uint32_t)(pstGrid->iCols + pstGrid->iRows);
 }
 
-// Carves one level's arrays from pfBase; returns the first float after them.
+uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells)
+{
+    int32_t aiCells[LDC_MESH_MAX_LEVELS];
+    const int32_t iLevels = LevelCells(iCells, aiCells);
+    uint32_t uFloats = 0;
+    for (int32_t l = 0; l < iLevels; l++) {
+        tagST_MESH_GRID stGrid;
+        GridOfCells(iWidth, iHeight, aiCells[l], &stGrid);
+        uFloats += LevelFloats(&stGrid);
+    }
+    tagST_MESH_GRID stFine;
+    GridOfCells(iWidth, iHeight, aiCells[0], &stFine);
+    // The levels' arrays, the segments and samples of every level, the fold terms, a copy of
+    // the warm start and the fold guard's corner marks.
+    return uFloats * (uint32_t)sizeof(float) +
+           (uint32_t)iLevels * LDC_MESH_MAX_SEGMENTS * (uint32_t)sizeof(tagST_MESH_LINE) +
+           LDC_MESH_MAX_SAMPLES * (uint32_t)sizeof(tagST_MESH_SAMPLE) +
+           LDC_MESH_MAX_FOLD_TERMS * (uint32_t)sizeof(tagST_MESH_FOLD_TERM) +
+           (uint32_t)VertexCount(&stFine) * (2u * (uint32_t)sizeof(float) + 4u);
+}
+
+// Carves one level's arrays from pfBase (zeroed: the margins stay zero for good); returns the
+// first float after them.
 static float *CarveLevel(float *pfBase, tagST_MESH_LEVEL *pstLevel)
 {
-    const int32_t iV = (int32_t)VertexCount(&pstLevel->stGrid);
-    pstLevel->pfWeight = pfBase;
-    pstLevel->pfEdgeRight = pfBase + iV;
-    pstLevel->pfEdgeDown = pfBase + 2 * iV;
-    pstLevel->pfRhs = pfBase + 3 * iV;
-    pstLevel->pfDiagInv = pstLevel->pfRhs + 2 * iV;
-    pstLevel->pfR = pstLevel->pfDiagInv + 2 * iV;
-    pstLevel->pfZ = pstLevel->pfR + 2 * iV;
-    pstLevel->pfP = pstLevel->pfZ + 2 * iV;
-    pstLevel->pfQ = pstLevel->pfP + 2 * iV;
-    return pstLevel->pfQ + 2 * iV;
+    const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
+    pstLevel->iVertices = VertexCount(pstGrid);
+    pstLevel->iMargin = 2 * pstGrid->iCols + 2;
+    pstLevel->iPlane = pstLevel->iVertices + 2 * pstLevel->iMargin;
+    memset(pfBase, 0, LevelFloats(pstGrid) * sizeof(float));
+    float *pf = pfBase;
+    for (int32_t k = 0; k < LDC_MESH_STENCIL; k++) {
+        pstLevel->apfStencil[k] = pf + pstLevel->iMargin;
+        pf += pstLevel->iPlane;
+    }
+    float **appfVectors[LDC_MESH_VECTORS] = {&pstLevel->pfRhsBase, &pstLevel->pfRhs, &pstLevel->pfDiagInv,
+                                             &pstLevel->pfX, &pstLevel->pfR, &pstLevel->pfZ, &pstLevel->pfP,
+                                             &pstLevel->pfQ};
+    for (int32_t k = 0; k < LDC_MESH_VECTORS; k++) {
+        *appfVectors[k] = pf;
+        pf += 2 * pstLevel->iPlane;
+    }
+    pstLevel->piColCell = (int32_t *)pf;
+    pstLevel->pfColFrac = pf + pstGrid->iCols;
+    pstLevel->piRowCell = (int32_t *)(pstLevel->pfColFrac + pstGrid->iCols);
+    pstLevel->pfRowFrac = pf + 2 * pstGrid->iCols + pstGrid->iRows;
+    return pf + 2 * (pstGrid->iCols + pstGrid->iRows);
 }
 
-// Corrected point of a recorded one: Newton on the radius, r f(r^2) = rho, from r = rho. A lens
-// whose radius stops growing ends the steps where it stands.
+// Index of vertex v's component c (0: x, 1: y) in a level's vector.
+static int32_t Unknown(const tagST_MESH_LEVEL *pstLevel, int32_t v, int32_t c)
+{
+    return c * pstLevel->iPlane + pstLevel->iMargin + v;
+}
+
 static void InverseLens(const tagST_RADIAL_MODEL *pstLens, float fPx, float fPy, float *pfQx, float *pfQy)
 {
     const float fDx = fPx - pstLens->fCx;
@@ -222,29 +316,38 @@ static float DistanceToEdge(const tagST_MESH_INPUT *pstIn, float fX, float fY, f
     return fTy < fT ? fTy : fT;
 }
 
-// At strength s the corrected face keeps the remainder of the stretch: its shape is R = S' D with
-// S' = I + (1 - s) (sec - 1) u u^T and D = diag(w, h), and its centre moves by s times the move.
-// Returns how far the corrected face stays inside the face's box (negative: it leaves it) and,
-// when pstFace is given, stores the inverse shape and the move there.
-static float FitSlack(const tagST_MESH_FACE_FIT *pstFit, float fS, tagST_MESH_FACE *pstFace)
+// At strength s the corrected face keeps the remainder of the stretch and grows toward the size
+// kept: its shape is R = (1 + s (k - 1)) S' D with S' = I + (1 - s) (sec - 1) u u^T and
+// D = diag(w, h); its centre moves by s times the move along u, and then as little as it takes
+// to keep its box within the bounds. Returns 0 when no place keeps it there; else stores the
+// inverse shape and the centre when pstFace is given.
+static int32_t FitFace(const tagST_MESH_FACE_FIT *pstFit, float fS, tagST_MESH_FACE *pstFace)
 {
     const float fKeep = (1.0f - fS) * (pstFit->fSec - 1.0f);
+    const float fGrow = 1.0f + fS * (pstFit->fKeep - 1.0f);
     const float fUx = pstFit->fUx, fUy = pstFit->fUy;
-    const float fRxx = (1.0f + fKeep * fUx * fUx) * pstFit->fW, fRxy = fKeep * fUx * fUy * pstFit->fH;
-    const float fRyx = fKeep * fUx * fUy * pstFit->fW, fRyy = (1.0f + fKeep * fUy * fUy) * pstFit->fH;
-    const float fMoveX = fS * pstFit->fMovePerStrength * fUx, fMoveY = fS * pstFit->fMovePerStrength * fUy;
-    const float fSlackX = pstFit->fHalfX - sqrtf(fRxx * fRxx + fRxy * fRxy) - fabsf(fMoveX);
-    const float fSlackY = pstFit->fHalfY - sqrtf(fRyx * fRyx + fRyy * fRyy) - fabsf(fMoveY);
+    const float fRxx = fGrow * (1.0f + fKeep * fUx * fUx) * pstFit->fW, fRxy = fGrow * fKeep * fUx * fUy * pstFit->fH;
+    const float fRyx = fGrow * fKeep * fUx * fUy * pstFit->fW, fRyy = fGrow * (1.0f + fKeep * fUy * fUy) * pstFit->fH;
+    const float fExtX = sqrtf(fRxx * fRxx + fRxy * fRxy), fExtY = sqrtf(fRyx * fRyx + fRyy * fRyy);
+    float fOx = pstFit->fCx + fS * pstFit->fMovePerStrength * fUx;
+    float fOy = pstFit->fCy + fS * pstFit->fMovePerStrength * fUy;
+    const float fLoX = pstFit->afBound[0] + fExtX, fHiX = pstFit->afBound[2] - fExtX;
+    const float fLoY = pstFit->afBound[1] + fExtY, fHiY = pstFit->afBound[3] - fExtY;
+    if (!(fLoX <= fHiX && fLoY <= fHiY)) {
+        return 0;
+    }
+    fOx = fOx < fLoX ? fLoX : (fOx > fHiX ? fHiX : fOx);
+    fOy = fOy < fLoY ? fLoY : (fOy > fHiY ? fHiY : fOy);
     if (pstFace != NULL) {
         const float fDet = fRxx * fRyy - fRxy * fRyx;
         pstFace->afShape[0] = fRyy / fDet;
         pstFace->afShape[1] = -fRxy / fDet;
         pstFace->afShape[2] = -fRyx / fDet;
         pstFace->afShape[3] = fRxx / fDet;
-        pstFace->fOx = fMoveX;
-        pstFace->fOy = fMoveY;
+        pstFace->fOx = fOx;
+        pstFace->fOy = fOy;
     }
-    return fSlackX < fSlackY ? fSlackX : fSlackY;
+    return 1;
 }
 
 // The face's corrected box, radial direction, placement, similarity and output extents. Returns 0
@@ -300,42 +403,47 @@ static int32_t PrepareFace(const tagST_MESH_INPUT *pstIn, const int32_t *piRect,
     const float fFw = fWsq > fMinHalf * fMinHalf ? sqrtf(fWsq) : fMinHalf;
     const float fFh = fHsq > fMinHalf * fMinHalf ? sqrtf(fHsq) : fMinHalf;
     pstFace->fRadius = fFw < fFh ? fFw : fFh;
+    // The size kept lies between the tangential size (1) and the radial one (sec).
+    const float fKeepSize = 1.0f + kSizeMix * (fSec - 1.0f);
     // Keeping the tangential size: s = (perspective tangential scale) / (stereographic scale)
     // = cos^2(theta / 2) / cos(theta) = (1 + sqrt(1 + tau^2)) / 2, tau = r_p / f.
-    pstFace->fScale = 0.5f * (1.0f + fSec);
+    pstFace->fScale = 0.5f * (1.0f + fSec) * fKeepSize;
     Stereo(pstIn, fCx, fCy, &pstFace->fStereoCx, &pstFace->fStereoCy);
     // Where the corrected face goes: it loses radial size, and the room freed is shared by the
     // gaps to the frame's edge on both sides along u in proportion to their size, so that both
     // stretch alike. A face at the edge keeps its outer side where it was (the edge is held, and
     // a strip between would be magnified).
-    tagST_MESH_FACE_FIT stFit = {fFw, fFh, fUx, fUy, fSec, fHalfX, fHalfY, 0.0f};
+    tagST_MESH_FACE_FIT stFit = {fFw, fFh, fUx, fUy, fSec, fKeepSize, fCx, fCy, 0.0f, {0.0f, 0.0f, 0.0f, 0.0f}};
     const float fReach = sqrtf(fFw * fFw * fUx * fUx + fFh * fFh * fUy * fUy);   // |D u|
     const float fOut = DistanceToEdge(pstIn, fCx, fCy, fUx, fUy) - fSec * fReach;
     const float fIn = DistanceToEdge(pstIn, fCx, fCy, -fUx, -fUy) - fSec * fReach;
     const float fRoomOut = fOut > 0.0f ? fOut : 0.0f, fRoomIn = fIn > 0.0f ? fIn : 0.0f;
-    stFit.fMovePerStrength =
-        fRoomOut + fRoomIn > 0.0f ? (fSec - 1.0f) * fReach * (fRoomIn - fRoomOut) / (fRoomIn + fRoomOut) : 0.0f;
-    // The corrected face must come no nearer to an edge of the frame than the face's widened box
-    // (up to a share of its radius, the slack between a detector's box and the face): a face
-    // crowded into a corner gets the largest strength with which it stays there.
-    const float fTolerance = -kFitTolerance * pstFace->fRadius;
+    stFit.fMovePerStrength = fRoomOut + fRoomIn > 0.0f
+                                 ? (fSec - fKeepSize) * fReach * (fRoomIn - fRoomOut) / (fRoomIn + fRoomOut)
+                                 : 0.0f;
+    // The corrected face reaches beyond the frame's edge no farther than the face's widened box
+    // does (up to a share of its radius, the slack between a detector's box and the face): a
+    // face crowded into a corner gets the largest strength with which it stays there.
+    const float fTolerance = kFitTolerance * pstFace->fRadius;
+    stFit.afBound[0] = (fL < 0.0f ? fL : 0.0f) - fTolerance;
+    stFit.afBound[1] = (fT < 0.0f ? fT : 0.0f) - fTolerance;
+    stFit.afBound[2] = (fR > fW - 1.0f ? fR : fW - 1.0f) + fTolerance;
+    stFit.afBound[3] = (fB > fH - 1.0f ? fB : fH - 1.0f) + fTolerance;
     float fFitting = fStrength;
-    if (FitSlack(&stFit, fStrength, NULL) < fTolerance) {
+    if (!FitFace(&stFit, fStrength, NULL)) {
         float fLo = 0.0f, fHi = fStrength;
         for (int32_t i = 0; i < LDC_MESH_FIT_STEPS; i++) {
             const float fMid = 0.5f * (fLo + fHi);
-            if (FitSlack(&stFit, fMid, NULL) < fTolerance) {
-                fHi = fMid;
-            } else {
+            if (FitFace(&stFit, fMid, NULL)) {
                 fLo = fMid;
+            } else {
+                fHi = fMid;
             }
         }
         fFitting = fLo;
     }
     pstFace->fStrength = fFitting;
-    FitSlack(&stFit, fFitting, pstFace);
-    pstFace->fOx += fCx;
-    pstFace->fOy += fCy;
+    FitFace(&stFit, fFitting, pstFace);
     return fFitting > 0.0f && isfinite(pstFace->fOx) && isfinite(pstFace->fOy) && isfinite(pstFace->fStereoCx) &&
            isfinite(pstFace->fStereoCy) && isfinite(pstFace->fScale) && isfinite(pstFace->afShape[0]) &&
            isfinite(pstFace->afShape[1]) && isfinite(pstFace->afShape[2]) && isfinite(pstFace->afShape[3]) &&
@@ -363,249 +471,612 @@ static float FaceDistance(const tagST_MESH_FACE *pstFace, float fX, float fY)
     return sqrtf(fA * fA + fB * fB);
 }
 
-// Per-vertex data weights, right-hand side and smoothness weights of one level; returns the
-// number of vertices a face reaches.
+// The faces' pull at an output point: the share of the face term (0..1) and its target
+// displacement, and the elliptic distance to the nearest face.
+static float FacePull(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces, float fX,
+                      float fY, float *pfTx, float *pfTy, float *pfNearest)
+{
+    const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
+    float fFaceSum = 0.0f, fTx = 0.0f, fTy = 0.0f, fNearest = 1e30f;
+    for (int32_t k = 0; k < iFaces; k++) {
+        const float fE = FaceDistance(&pstFaces[k], fX, fY);
+        fNearest = fE < fNearest ? fE : fNearest;
+        float fW = 1.0f - SmoothStep((fE - kFaceInner) / kFaceBand);
+        if (fW > 0.0f) {
+            float fQx, fQy;
+            FaceTarget(&pstFaces[k], pstIn, fX, fY, &fQx, &fQy);
+            // Around a face near the frame's edge the map's extension reaches beyond the
+            // edge, which is held: there the face lets go (a target outside would fold
+            // the map, one cut to the edge would flatten it).
+            const float fInside = Min4(fQx, fMaxX - fQx, fQy, fMaxY - fQy);
+            fW *= SmoothStep(fInside / (kEdgeRelease * pstFaces[k].fRadius));
+            fFaceSum += fW;
+            fTx += fW * pstFaces[k].fStrength * (fQx - fX);
+            fTy += fW * pstFaces[k].fStrength * (fQy - fY);
+        }
+    }
+    *pfNearest = fNearest;
+    if (!(fFaceSum > 0.0f)) {
+        *pfTx = *pfTy = 0.0f;
+        return 0.0f;
+    }
+    // Overlapping faces share one target, their weighted mean.
+    *pfTx = fTx / fFaceSum;
+    *pfTy = fTy / fFaceSum;
+    return fFaceSum < 1.0f ? fFaceSum : 1.0f;
+}
+// The length every weight is measured in: the smallest face's radius. The transition from a
+// face to the background then spans a fixed share of it on any grid and at any frame size.
+static float LengthScale(const tagST_MESH_FACE *pstFaces, int32_t iFaces)
+{
+    float fMinRadius = 1e30f;
+    for (int32_t k = 0; k < iFaces; k++) {
+        fMinRadius = pstFaces[k].fRadius < fMinRadius ? pstFaces[k].fRadius : fMinRadius;
+    }
+    return fMinRadius;
+}
+
+// Adds w [1 -2 1]^T [1 -2 1] over the vertices v - d, v, v + d to the stencil (d = 1: along a
+// row, the E and EE planes; d = cols: along a column, S and SS).
+static void AddSecondDifference(tagST_MESH_LEVEL *pstLevel, int32_t v, int32_t d, float fW)
+{
+    float *pfC = pstLevel->apfStencil[0];
+    float *pfNear = pstLevel->apfStencil[d == 1 ? 1 : 3], *pfFar = pstLevel->apfStencil[d == 1 ? 2 : 4];
+    pfC[v - d] += fW;
+    pfC[v] += 4.0f * fW;
+    pfC[v + d] += fW;
+    pfNear[v - d] -= 2.0f * fW;
+    pfNear[v] -= 2.0f * fW;
+    pfFar[v - d] += fW;
+}
+
+// Per-vertex data weights and right-hand side, and the bending stencil of one level; returns the
+// number of vertices a face reaches. The energy is an integral over the frame: per vertex (its
+// cell's share) the faces' pull toward their targets and the background's toward zero, and the
+// bending w |Hess d|^2 with w = weight * length^4 (second differences over step^2, squared),
+// off inside faces, so that every grid discretises the same energy.
 static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
                               tagST_MESH_LEVEL *pstLevel)
 {
     const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
     const int32_t iCols = pstGrid->iCols, iRows = pstGrid->iRows;
+    for (int32_t k = 0; k < LDC_MESH_STENCIL; k++) {
+        memset(pstLevel->apfStencil[k], 0, (size_t)pstLevel->iVertices * sizeof(float));
+    }
+    // The bending weight of a vertex goes in the right-hand side's first plane until the
+    // preconditioner's set-up fills it.
+    float *pfBend = pstLevel->pfRhs + pstLevel->iMargin;
+    const float fLength = LengthScale(pstFaces, iFaces);
+    const float fL2 = fLength * fLength * pstGrid->fInvStepX * pstGrid->fInvStepY;
+    const float fBend = kBendWeight * fL2 * fL2;
     int32_t iReached = 0;
-    const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
-    // The smoothness share of a vertex (its stiffness) goes in pfEdgeRight first.
-    float *pfStiff = pstLevel->pfEdgeRight;
     for (int32_t j = 0; j < iRows; j++) {
         for (int32_t i = 0; i < iCols; i++) {
             const int32_t v = j * iCols + i;
-            const float fX = (float)i * pstGrid->fStepX, fY = (float)j * pstGrid->fStepY;
-            float fFaceSum = 0.0f, fTx = 0.0f, fTy = 0.0f, fNearest = 1e30f;
-            for (int32_t k = 0; k < iFaces; k++) {
-                const float fE = FaceDistance(&pstFaces[k], fX, fY);
-                fNearest = fE < fNearest ? fE : fNearest;
-                float fW = 1.0f - SmoothStep((fE - 1.0f) / kFaceBand);
-                if (fW > 0.0f) {
-                    float fQx, fQy;
-                    FaceTarget(&pstFaces[k], pstIn, fX, fY, &fQx, &fQy);
-                    // Around a face near the frame's edge the map's extension reaches beyond the
-                    // edge, which is held: there the face lets go (a target outside would fold
-                    // the map, one cut to the edge would flatten it).
-                    const float fInside = Min4(fQx, fMaxX - fQx, fQy, fMaxY - fQy);
-                    fW *= SmoothStep(fInside / (kEdgeRelease * pstFaces[k].fRadius));
-                    fFaceSum += fW;
-                    fTx += fW * pstFaces[k].fStrength * (fQx - fX);
-                    fTy += fW * pstFaces[k].fStrength * (fQy - fY);
-                }
-            }
-            float fShare = 0.0f;
-            if (fFaceSum > 0.0f) {
-                // Overlapping faces share one target, their weighted mean.
-                fTx = fTx / fFaceSum;
-                fTy = fTy / fFaceSum;
-                fShare = fFaceSum < 1.0f ? fFaceSum : 1.0f;
-                iReached++;
-            }
+            float fTx, fTy, fNearest;
+            const float fShare =
+                FacePull(pstIn, pstFaces, iFaces, (float)i * pstGrid->fStepX, (float)j * pstGrid->fStepY, &fTx, &fTy,
+                         &fNearest);
+            iReached += fShare > 0.0f ? 1 : 0;
             const float fFace = kFaceWeight * fShare;
-            pstLevel->pfWeight[v] = fFace + kBackgroundWeight * SmoothStep((fNearest - 1.0f) / kBackgroundBand);
-            pstLevel->pfRhs[2 * v] = fFace * fTx;
-            pstLevel->pfRhs[2 * v + 1] = fFace * fTy;
-            pfStiff[v] = 1.0f - fShare;
+            pstLevel->apfStencil[0][v] =
+                fFace + SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
+            pstLevel->pfRhsBase[Unknown(pstLevel, v, 0)] = fFace * fTx;
+            pstLevel->pfRhsBase[Unknown(pstLevel, v, 1)] = fFace * fTy;
+            pfBend[v] = fBend * (1.0f - fShare);
         }
     }
-    // The transition's decay length sqrt(smooth / background), in cells, follows the smallest face.
-    float fMinRadius = 1e30f;
-    for (int32_t k = 0; k < iFaces; k++) {
-        fMinRadius = pstFaces[k].fRadius < fMinRadius ? pstFaces[k].fRadius : fMinRadius;
-    }
-    const float fCells = kTransitionShare * fMinRadius / (0.5f * (pstGrid->fStepX + pstGrid->fStepY));
-    const float fSmooth = kBackgroundWeight * fCells * fCells;
-    // Edge weights from the stiffness of both ends; pfEdgeDown first, since pfEdgeRight is
-    // overwritten in place row by row after it.
-    for (int32_t v = 0; v < iCols * iRows; v++) {
-        pstLevel->pfEdgeDown[v] = v + iCols < iCols * iRows ? 0.5f * fSmooth * (pfStiff[v] + pfStiff[v + iCols]) : 0.0f;
-    }
     for (int32_t j = 0; j < iRows; j++) {
         for (int32_t i = 0; i < iCols; i++) {
             const int32_t v = j * iCols + i;
-            pstLevel->pfEdgeRight[v] = i + 1 < iCols ? 0.5f * fSmooth * (pfStiff[v] + pfStiff[v + 1]) : 0.0f;
+            if (i > 0 && i + 1 < iCols) {
+                AddSecondDifference(pstLevel, v, 1, pfBend[v]);
+            }
+            if (j > 0 && j + 1 < iRows) {
+                AddSecondDifference(pstLevel, v, iCols, pfBend[v]);
+            }
+        }
+    }
+    // Mixed differences per cell, 2 w_cell (d11 - d10 - d01 + d00)^2, w_cell the corners' mean.
+    for (int32_t j = 0; j + 1 < iRows; j++) {
+        for (int32_t i = 0; i + 1 < iCols; i++) {
+            const int32_t v = j * iCols + i;
+            const float fW = 0.5f * (pfBend[v] + pfBend[v + 1] + pfBend[v + iCols] + pfBend[v + iCols + 1]);
+            float *pfC = pstLevel->apfStencil[0];
+            pfC[v] += fW;
+            pfC[v + 1] += fW;
+            pfC[v + iCols] += fW;
+            pfC[v + iCols + 1] += fW;
+            pstLevel->apfStencil[1][v] -= fW;
+            pstLevel->apfStencil[1][v + iCols] -= fW;
+            pstLevel->apfStencil[3][v] -= fW;
+            pstLevel->apfStencil[3][v + 1] -= fW;
+            pstLevel->apfStencil[5][v] += fW;
+            pstLevel->apfStencil[6][v + 1] += fW;   // v + 1 and v + cols
         }
     }
     return iReached;
 }
 
-// Bilinear weights of an output point over its cell's four vertices, scaled by fScale, appended.
-static void AddPointWeights(const tagST_MESH_GRID *pstGrid, float fX, float fY, float fScale,
-                            tagST_MESH_LINE_TERM *pstTerm, int32_t *piCount)
+// The cell of the output point (fX, fY): its first vertex and the bilinear fractions.
+static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float *pfA, float *pfB)
 {
     const float fU = fX * pstGrid->fInvStepX, fV = fY * pstGrid->fInvStepY;
     int32_t iI = TruncF32ToS32(fU), iJ = TruncF32ToS32(fV);
     iI = iI < 0 ? 0 : (iI > pstGrid->iCols - 2 ? pstGrid->iCols - 2 : iI);
     iJ = iJ < 0 ? 0 : (iJ > pstGrid->iRows - 2 ? pstGrid->iRows - 2 : iJ);
-    const float fA = fU - (float)iI, fB = fV - (float)iJ;
-    const int32_t v = iJ * pstGrid->iCols + iI;
-    const int32_t aiV[4] = {v, v + 1, v + pstGrid->iCols, v + pstGrid->iCols + 1};
-    const float afW[4] = {(1.0f - fA) * (1.0f - fB), fA * (1.0f - fB), (1.0f - fA) * fB, fA * fB};
-    for (int32_t k = 0; k < 4; k++) {
-        pstTerm->aiVertex[*piCount] = aiV[k];
-        pstTerm->afWeight[*piCount] = fScale * afW[k];
-        (*piCount)++;
-    }
+    *pfA = fU - (float)iI;
+    *pfB = fV - (float)iJ;
+    return iJ * pstGrid->iCols + iI;
 }
 
 // Line terms: each segment goes to corrected pixels (where it is straight) and is sampled every
-// half cell; each run of three samples asks the displacement across the segment to stay affine.
-static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_GRID *pstGrid,
-                              tagST_MESH_LINE_TERM *pstTerms)
+// half cell. A segment that runs into a face's pull is left out whole: held straight, it would
+// pin the face's surroundings and the face's correction would bend the rest of the frame instead.
+// The energy is weight * length * the integral along the segment of (d . n - its best affine
+// fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
+// line. Returns the samples used.
+static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
+                              tagST_MESH_LEVEL *pstLevel, tagST_MESH_SAMPLE *pstSamples, int32_t iRoom)
 {
-    int32_t iTerms = 0;
-    const int32_t iLines = pstIn->pstLines == NULL || pstIn->iLineNum < 0
-                               ? 0
-                               : (pstIn->iLineNum < LDC_MESH_MAX_SEGMENTS ? pstIn->iLineNum : LDC_MESH_MAX_SEGMENTS);
+    const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
+    pstLevel->iLines = 0;
+    const int32_t iSegments = pstIn->pstLines == NULL || pstIn->iLineNum < 0 || !(kLineWeight > 0.0f)
+                                  ? 0
+                                  : (pstIn->iLineNum < LDC_MESH_MAX_SEGMENTS ? pstIn->iLineNum : LDC_MESH_MAX_SEGMENTS);
     const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
     const float fSpacing = (pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY) /
                            (float)LDC_MESH_SAMPLES_PER_CELL;
-    for (int32_t l = 0; l < iLines && iTerms < LDC_MESH_MAX_TERMS; l++) {
-        const stLine *pstLine = &pstIn->pstLines[l];
+    pstLevel->fLineWeight =
+        kLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
+    int32_t iUsed = 0;
+    for (int32_t l = 0; l < iSegments; l++) {
+        const stLine *pstSegment = &pstIn->pstLines[l];
         float fX0, fY0, fX1, fY1;
-        InverseLens(&pstIn->stLens, (float)pstLine->Pnt0.x, (float)pstLine->Pnt0.y, &fX0, &fY0);
-        InverseLens(&pstIn->stLens, (float)pstLine->Pnt1.x, (float)pstLine->Pnt1.y, &fX1, &fY1);
+        InverseLens(&pstIn->stLens, (float)pstSegment->Pnt0.x, (float)pstSegment->Pnt0.y, &fX0, &fY0);
+        InverseLens(&pstIn->stLens, (float)pstSegment->Pnt1.x, (float)pstSegment->Pnt1.y, &fX1, &fY1);
         const float fLen = sqrtf((fX1 - fX0) * (fX1 - fX0) + (fY1 - fY0) * (fY1 - fY0));
         // Too short to bend, or not a segment of this frame at all.
         if (!(fLen >= 3.0f * fSpacing) || !(fLen < 2.0f * (fMaxX + fMaxY))) {
             continue;
         }
         const int32_t iSteps = TruncF32ToS32(fLen / fSpacing);
-        const float fNx = -(fY1 - fY0) / fLen, fNy = (fX1 - fX0) / fLen;
-        for (int32_t s = 1; s < iSteps && iTerms < LDC_MESH_MAX_TERMS; s++) {
-            float afX[3], afY[3];
-            int32_t bInside = 1;
-            for (int32_t k = 0; k < 3; k++) {
-                const float fT = (float)(s - 1 + k) / (float)iSteps;
-                afX[k] = fX0 + fT * (fX1 - fX0);
-                afY[k] = fY0 + fT * (fY1 - fY0);
-                bInside = bInside && afX[k] >= 0.0f && afX[k] <= fMaxX && afY[k] >= 0.0f && afY[k] <= fMaxY;
-            }
-            if (!bInside) {
+        tagST_MESH_LINE *pstLine = &pstLevel->pstLines[pstLevel->iLines];
+        pstLine->iFirst = iUsed;
+        pstLine->iCount = 0;
+        pstLine->fNx = -(fY1 - fY0) / fLen;
+        pstLine->fNy = (fX1 - fX0) / fLen;
+        float fSumT = 0.0f;
+        for (int32_t s = 0; s <= iSteps && iUsed < iRoom; s++) {
+            const float fT = (float)s / (float)iSteps;
+            const float fX = fX0 + fT * (fX1 - fX0), fY = fY0 + fT * (fY1 - fY0);
+            float fTx, fTy, fNearest;
+            if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
                 continue;
             }
-            tagST_MESH_LINE_TERM *pstTerm = &pstTerms[iTerms++];
-            int32_t iCount = 0;
-            AddPointWeights(pstGrid, afX[0], afY[0], 1.0f, pstTerm, &iCount);
-            AddPointWeights(pstGrid, afX[1], afY[1], -2.0f, pstTerm, &iCount);
-            AddPointWeights(pstGrid, afX[2], afY[2], 1.0f, pstTerm, &iCount);
-            pstTerm->fNx = fNx;
-            pstTerm->fNy = fNy;
+            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+                iUsed -= pstLine->iCount;   // the segment runs into a face: left to bend
+                pstLine->iCount = 0;
+                break;
+            }
+            tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
+            pstSample->iVertex = CellOf(pstGrid, fX, fY, &pstSample->fA, &pstSample->fB);
+            pstSample->fT = fT * fLen;
+            fSumT += pstSample->fT;
+            pstLine->iCount++;
+        }
+        if (pstLine->iCount < 3) {
+            iUsed -= pstLine->iCount;   // too few samples left to bend
+            continue;
+        }
+        pstLine->fMeanT = fSumT / (float)pstLine->iCount;
+        float fSpread = 0.0f;
+        for (int32_t k = 0; k < pstLine->iCount; k++) {
+            tagST_MESH_SAMPLE *pstSample = &pstSamples[pstLine->iFirst + k];
+            pstSample->fT -= pstLine->fMeanT;
+            fSpread += pstSample->fT * pstSample->fT;
+        }
+        pstLine->fSpreadT = fSpread;
+        pstLevel->iLines++;
+    }
+    return iUsed;
+}
+
+// Adds a corner's gradient share for vertex v (both components) to a fold term, merging with
+// the vertex when it is already there.
+static void AddCornerShare(const tagST_MESH_LEVEL *pstLevel, tagST_MESH_FOLD_TERM *pstTerm, int32_t *piCount,
+                           int32_t v, float fGx, float fGy)
+{
+    const int32_t iX = Unknown(pstLevel, v, 0);
+    for (int32_t k = 0; k < *piCount; k += 2) {
+        if (pstTerm->aiIndex[k] == iX) {
+            pstTerm->afCoef[k] += fGx;
+            pstTerm->afCoef[k + 1] += fGy;
+            return;
         }
     }
-    return iTerms;
+    pstTerm->aiIndex[*piCount] = iX;
+    pstTerm->afCoef[*piCount] = fGx;
+    pstTerm->aiIndex[*piCount + 1] = Unknown(pstLevel, v, 1);
+    pstTerm->afCoef[*piCount + 1] = fGy;
+    *piCount += 2;
 }
 
-// Zeroes the border vertices of a vector: their displacement is held at zero (the output keeps
-// the lens-only frame's edge, and with it the field of view).
-static void ZeroBorder(const tagST_MESH_GRID *pstGrid, float *pfV)
+// Whether vertex v lies on the frame's edge (held in place).
+static int32_t OnBorder(const tagST_MESH_GRID *pstGrid, int32_t v)
 {
-    const int32_t iCols = pstGrid->iCols, iRows = pstGrid->iRows;
-    memset(pfV, 0, 2u * (uint32_t)iCols * sizeof(float));
-    memset(pfV + 2 * (iRows - 1) * iCols, 0, 2u * (uint32_t)iCols * sizeof(float));
-    for (int32_t j = 1; j < iRows - 1; j++) {
-        float *pfRow = pfV + 2 * j * iCols;
-        pfRow[0] = pfRow[1] = 0.0f;
-        pfRow[2 * iCols - 2] = pfRow[2 * iCols - 1] = 0.0f;
-    }
+    const int32_t i = v % pstGrid->iCols, j = v / pstGrid->iCols;
+    return i == 0 || j == 0 || i == pstGrid->iCols - 1 || j == pstGrid->iRows - 1;
 }
 
-// pfOut = A pfIn on the inner vertices; the border comes out zero.
-static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_LINE_TERM *pstTerms, int32_t iTerms,
-                        const float *pfIn, float *pfOut)
+// The fold guard: at every cell corner whose area ratio (the Jacobian's determinant over the
+// cell's area, 1 for lens correction alone) falls below the floor, or that the guard held
+// before, a term asks the ratio, linearised at the level's x, to be the floor; the corners held
+// are marked in pucActive. Returns the smallest ratio found.
+static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *pucActive)
 {
-    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
-    const float *pfRight = pstLevel->pfEdgeRight, *pfDown = pstLevel->pfEdgeDown;
-    for (int32_t j = 1; j < iRows - 1; j++) {
-        for (int32_t i = 1; i < iCols - 1; i++) {
-            const int32_t v = j * iCols + i;
-            const float fER = pfRight[v], fEL = pfRight[v - 1], fED = pfDown[v], fEU = pfDown[v - iCols];
-            for (int32_t c = 0; c < 2; c++) {
-                const float fX = pfIn[2 * v + c];
-                pfOut[2 * v + c] = pstLevel->pfWeight[v] * fX + fER * (fX - pfIn[2 * (v + 1) + c]) +
-                                   fEL * (fX - pfIn[2 * (v - 1) + c]) + fED * (fX - pfIn[2 * (v + iCols) + c]) +
-                                   fEU * (fX - pfIn[2 * (v - iCols) + c]);
+    const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
+    const int32_t iCols = pstGrid->iCols;
+    const float fSx = pstGrid->fStepX, fSy = pstGrid->fStepY, fInvArea = 1.0f / (fSx * fSy);
+    const float *pfX = pstLevel->pfX + pstLevel->iMargin, *pfY = pfX + pstLevel->iPlane;
+    // Weight W over the squared ratio, scaled by length^2 like the displacements' terms.
+    const float fRoot = sqrtf(kFoldWeight) * fLength;
+    float fMin = 1e30f;
+    pstLevel->iFolds = 0;
+    for (int32_t j = 0; j + 1 < pstGrid->iRows; j++) {
+        for (int32_t i = 0; i + 1 < iCols; i++) {
+            const int32_t v00 = j * iCols + i, v10 = v00 + 1, v01 = v00 + iCols, v11 = v01 + 1;
+            // Corner k: edges a (along x) and b (along y) from the vertex pairs below.
+            const int32_t aaiEdge[4][4] = {{v00, v10, v00, v01}, {v00, v10, v10, v11}, {v01, v11, v00, v01},
+                                           {v01, v11, v10, v11}};
+            for (int32_t k = 0; k < 4; k++) {
+                const int32_t *piE = aaiEdge[k];
+                const float fAx = fSx + pfX[piE[1]] - pfX[piE[0]], fAy = pfY[piE[1]] - pfY[piE[0]];
+                const float fBx = pfX[piE[3]] - pfX[piE[2]], fBy = fSy + pfY[piE[3]] - pfY[piE[2]];
+                const float fRatio = (fAx * fBy - fAy * fBx) * fInvArea;
+                fMin = fRatio < fMin ? fRatio : fMin;
+                uint8_t *pucCorner = &pucActive[4 * v00 + k];
+                *pucCorner = *pucCorner || fRatio < kFoldFloor + kFoldMargin;
+                if (!*pucCorner || pstLevel->iFolds >= LDC_MESH_MAX_FOLD_TERMS) {
+                    continue;
+                }
+                // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the frame's
+                // edge is held, so its vertices take no share.
+                tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[pstLevel->iFolds++];
+                memset(pstTerm, 0, sizeof(*pstTerm));
+                int32_t iCount = 0;
+                const float fGax = fRoot * fBy * fInvArea, fGay = -fRoot * fBx * fInvArea;
+                const float fGbx = -fRoot * fAy * fInvArea, fGby = fRoot * fAx * fInvArea;
+                AddCornerShare(pstLevel, pstTerm, &iCount, piE[1], fGax, fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piE[0], -fGax, -fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piE[3], fGbx, fGby);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piE[2], -fGbx, -fGby);
+                // g . x = g . x0 + root (floor - ratio0)
+                float fGx0 = 0.0f;
+                for (int32_t n = 0; n < iCount; n++) {
+                    fGx0 += pstTerm->afCoef[n] * pstLevel->pfX[pstTerm->aiIndex[n]];
+                }
+                pstTerm->fRhs = fGx0 + fRoot * (kFoldFloor - fRatio);
+                for (int32_t n = 0; n < iCount; n += 2) {
+                    if (OnBorder(pstGrid, pstTerm->aiIndex[n] - pstLevel->iMargin)) {
+                        pstTerm->afCoef[n] = pstTerm->afCoef[n + 1] = 0.0f;
+                    }
+                }
             }
         }
     }
-    for (int32_t t = 0; t < iTerms; t++) {
-        const tagST_MESH_LINE_TERM *pstTerm = &pstTerms[t];
-        float fR = 0.0f;
-        for (int32_t k = 0; k < LDC_MESH_LINE_VERTICES; k++) {
-            const int32_t v = pstTerm->aiVertex[k];
-            fR += pstTerm->afWeight[k] * (pstTerm->fNx * pfIn[2 * v] + pstTerm->fNy * pfIn[2 * v + 1]);
-        }
-        fR *= kLineWeight;
-        for (int32_t k = 0; k < LDC_MESH_LINE_VERTICES; k++) {
-            const int32_t v = pstTerm->aiVertex[k];
-            pfOut[2 * v] += fR * pstTerm->afWeight[k] * pstTerm->fNx;
-            pfOut[2 * v + 1] += fR * pstTerm->afWeight[k] * pstTerm->fNy;
-        }
-    }
-    ZeroBorder(&pstLevel->stGrid, pfOut);
+    return fMin;
 }
 
-// Inverse of A's diagonal (Jacobi preconditioner); zero on the border.
-static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_LINE_TERM *pstTerms, int32_t iTerms)
+// One row of the 13-point stencil: y = C x + the couplings to the two neighbours each way along
+// the row, the column and the diagonals (each coupling stored once, at its first vertex).
+static void StencilRow(const float *const *apfRow, const float *__restrict pfX, float *__restrict pfY, int32_t iC,
+                       int32_t iN)
+{
+    const float *__restrict pfC = apfRow[0], *__restrict pfE = apfRow[1], *__restrict pfEE = apfRow[2];
+    const float *__restrict pfS = apfRow[3], *__restrict pfSS = apfRow[4], *__restrict pfSE = apfRow[5];
+    const float *__restrict pfSW = apfRow[6];
+    for (int32_t i = 0; i < iN; i++) {
+        pfY[i] = pfC[i] * pfX[i] + (pfE[i] * pfX[i + 1] + pfE[i - 1] * pfX[i - 1]) +
+                 (pfEE[i] * pfX[i + 2] + pfEE[i - 2] * pfX[i - 2]) +
+                 (pfS[i] * pfX[i + iC] + pfS[i - iC] * pfX[i - iC]) +
+                 (pfSS[i] * pfX[i + 2 * iC] + pfSS[i - 2 * iC] * pfX[i - 2 * iC]) +
+                 (pfSE[i] * pfX[i + iC + 1] + pfSE[i - iC - 1] * pfX[i - iC - 1]) +
+                 (pfSW[i] * pfX[i + iC - 1] + pfSW[i - iC + 1] * pfX[i - iC + 1]);
+    }
+}
+
+// pfOut = A pfIn. The frame's edge is held: its vertices' rows are never written (they stay
+// zero) and their values (zero) take no part.
+static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfIn,
+                        float *pfOut)
 {
     const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
-    float *pfDiag = pstLevel->pfDiagInv;
-    for (int32_t j = 0; j < iRows; j++) {
-        for (int32_t i = 0; i < iCols; i++) {
-            const int32_t v = j * iCols + i;
-            const float fLeft = i > 0 ? pstLevel->pfEdgeRight[v - 1] : 0.0f;
-            const float fUp = j > 0 ? pstLevel->pfEdgeDown[v - iCols] : 0.0f;
-            pfDiag[2 * v] = pstLevel->pfWeight[v] + pstLevel->pfEdgeRight[v] + fLeft + pstLevel->pfEdgeDown[v] + fUp;
-            pfDiag[2 * v + 1] = pfDiag[2 * v];
+    const int32_t iN = iCols - 2, iC = iCols;
+    for (int32_t c = 0; c < 2; c++) {
+        const float *pfX = pfIn + c * pstLevel->iPlane + pstLevel->iMargin;
+        float *pfY = pfOut + c * pstLevel->iPlane + pstLevel->iMargin;
+        for (int32_t j = 1; j < iRows - 1; j++) {
+            const int32_t v = j * iCols + 1;
+            const float *apfRow[LDC_MESH_STENCIL];
+            for (int32_t k = 0; k < LDC_MESH_STENCIL; k++) {
+                apfRow[k] = pstLevel->apfStencil[k] + v;
+            }
+            StencilRow(apfRow, pfX + v, pfY + v, iCols, iN);
         }
     }
-    for (int32_t t = 0; t < iTerms; t++) {
-        const tagST_MESH_LINE_TERM *pstTerm = &pstTerms[t];
-        for (int32_t k = 0; k < LDC_MESH_LINE_VERTICES; k++) {
-            const float fW2 = kLineWeight * pstTerm->afWeight[k] * pstTerm->afWeight[k];
-            pfDiag[2 * pstTerm->aiVertex[k]] += fW2 * pstTerm->fNx * pstTerm->fNx;
-            pfDiag[2 * pstTerm->aiVertex[k] + 1] += fW2 * pstTerm->fNy * pstTerm->fNy;
+    // Lines: W S^T (I - H) S, S the samples' bilinear reads across the line, H its affine fit.
+    const float *pfInX = pfIn + pstLevel->iMargin, *pfInY = pfInX + pstLevel->iPlane;
+    float *pfOutX = pfOut + pstLevel->iMargin, *pfOutY = pfOutX + pstLevel->iPlane;
+    for (int32_t l = 0; l < pstLevel->iLines; l++) {
+        const tagST_MESH_LINE *pstLine = &pstLevel->pstLines[l];
+        const tagST_MESH_SAMPLE *pstFirst = &pstSamples[pstLine->iFirst];
+        float fSum = 0.0f, fSumT = 0.0f;
+        for (int32_t k = 0; k < pstLine->iCount; k++) {
+            const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
+            const int32_t v = pstS->iVertex;
+            const float fX0 = pfInX[v] + pstS->fA * (pfInX[v + 1] - pfInX[v]);
+            const float fX1 = pfInX[v + iC] + pstS->fA * (pfInX[v + iC + 1] - pfInX[v + iC]);
+            const float fY0 = pfInY[v] + pstS->fA * (pfInY[v + 1] - pfInY[v]);
+            const float fY1 = pfInY[v + iC] + pstS->fA * (pfInY[v + iC + 1] - pfInY[v + iC]);
+            const float fAcross = pstLine->fNx * (fX0 + pstS->fB * (fX1 - fX0)) + pstLine->fNy * (fY0 + pstS->fB * (fY1 - fY0));
+            ((tagST_MESH_SAMPLE *)pstS)->fAcross = fAcross;
+            fSum += fAcross;
+            fSumT += pstS->fT * fAcross;
+        }
+        const float fMean = fSum / (float)pstLine->iCount, fSlope = fSumT / pstLine->fSpreadT;
+        for (int32_t k = 0; k < pstLine->iCount; k++) {
+            const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
+            const int32_t v = pstS->iVertex;
+            const float fE = pstLevel->fLineWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
+            const float afW[4] = {(1.0f - pstS->fA) * (1.0f - pstS->fB), pstS->fA * (1.0f - pstS->fB),
+                                  (1.0f - pstS->fA) * pstS->fB, pstS->fA * pstS->fB};
+            const int32_t aiV[4] = {v, v + 1, v + iC, v + iC + 1};
+            for (int32_t n = 0; n < 4; n++) {
+                if (!OnBorder(&pstLevel->stGrid, aiV[n])) {
+                    pfOutX[aiV[n]] += fE * afW[n] * pstLine->fNx;
+                    pfOutY[aiV[n]] += fE * afW[n] * pstLine->fNy;
+                }
+            }
         }
     }
-    for (int32_t v = 0; v < 2 * iCols * iRows; v++) {
-        pfDiag[v] = 1.0f / pfDiag[v];
+    for (int32_t t = 0; t < pstLevel->iFolds; t++) {
+        const tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[t];
+        float fR = 0.0f;
+        for (int32_t k = 0; k < LDC_MESH_FOLD_UNKNOWNS; k++) {
+            fR += pstTerm->afCoef[k] * pfIn[pstTerm->aiIndex[k]];
+        }
+        for (int32_t k = 0; k < LDC_MESH_FOLD_UNKNOWNS; k++) {
+            pfOut[pstTerm->aiIndex[k]] += fR * pstTerm->afCoef[k];
+        }
     }
-    ZeroBorder(&pstLevel->stGrid, pfDiag);
 }
 
-// Dot products in double, in index order: the same sums on every target and run.
+// The preconditioner and smoother: the inverse of each row's l1 norm |a_ii| + sum |a_ij| (for the
+// line terms, that of W S^T S, which bounds them), so that Jacobi sweeps converge whatever the
+// terms couple; and the right-hand side with the fold terms' share. Zero on the frame's edge.
+static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples)
+{
+    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows, iC = iCols;
+    float *pfDiagX = pstLevel->pfDiagInv + pstLevel->iMargin, *pfDiagY = pfDiagX + pstLevel->iPlane;
+    const float *pfC = pstLevel->apfStencil[0], *pfE = pstLevel->apfStencil[1], *pfEE = pstLevel->apfStencil[2];
+    const float *pfS = pstLevel->apfStencil[3], *pfSS = pstLevel->apfStencil[4], *pfSE = pstLevel->apfStencil[5];
+    const float *pfSW = pstLevel->apfStencil[6];
+    for (int32_t v = 0; v < pstLevel->iVertices; v++) {
+        pfDiagX[v] = fabsf(pfC[v]) + (fabsf(pfE[v]) + fabsf(pfE[v - 1])) + (fabsf(pfEE[v]) + fabsf(pfEE[v - 2])) +
+                     (fabsf(pfS[v]) + fabsf(pfS[v - iC])) + (fabsf(pfSS[v]) + fabsf(pfSS[v - 2 * iC])) +
+                     (fabsf(pfSE[v]) + fabsf(pfSE[v - iC - 1])) + (fabsf(pfSW[v]) + fabsf(pfSW[v - iC + 1]));
+        pfDiagY[v] = pfDiagX[v];
+    }
+    for (int32_t l = 0; l < pstLevel->iLines; l++) {
+        const tagST_MESH_LINE *pstLine = &pstLevel->pstLines[l];
+        const float fNx = fabsf(pstLine->fNx), fNy = fabsf(pstLine->fNy);
+        for (int32_t k = 0; k < pstLine->iCount; k++) {
+            const tagST_MESH_SAMPLE *pstS = &pstSamples[pstLine->iFirst + k];
+            const float afW[4] = {(1.0f - pstS->fA) * (1.0f - pstS->fB), pstS->fA * (1.0f - pstS->fB),
+                                  (1.0f - pstS->fA) * pstS->fB, pstS->fA * pstS->fB};
+            const int32_t aiV[4] = {pstS->iVertex, pstS->iVertex + 1, pstS->iVertex + iC, pstS->iVertex + iC + 1};
+            for (int32_t n = 0; n < 4; n++) {
+                const float fW = pstLevel->fLineWeight * afW[n] * (fNx + fNy);
+                pfDiagX[aiV[n]] += fW * fNx;
+                pfDiagY[aiV[n]] += fW * fNy;
+            }
+        }
+    }
+    memcpy(pstLevel->pfRhs, pstLevel->pfRhsBase, 2u * (uint32_t)pstLevel->iPlane * sizeof(float));
+    for (int32_t t = 0; t < pstLevel->iFolds; t++) {
+        const tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[t];
+        float fSum = 0.0f;
+        for (int32_t k = 0; k < LDC_MESH_FOLD_UNKNOWNS; k++) {
+            fSum += fabsf(pstTerm->afCoef[k]);
+        }
+        for (int32_t k = 0; k < LDC_MESH_FOLD_UNKNOWNS; k++) {
+            pstLevel->pfDiagInv[pstTerm->aiIndex[k]] += fabsf(pstTerm->afCoef[k]) * fSum;
+            pstLevel->pfRhs[pstTerm->aiIndex[k]] += pstTerm->afCoef[k] * pstTerm->fRhs;
+        }
+    }
+    for (int32_t v = 0; v < pstLevel->iVertices; v++) {
+        const int32_t bHeld = OnBorder(&pstLevel->stGrid, v);
+        for (int32_t c = 0; c < 2; c++) {
+            const int32_t n = Unknown(pstLevel, v, c);
+            pstLevel->pfDiagInv[n] = !bHeld && pstLevel->pfDiagInv[n] > 0.0f ? 1.0f / pstLevel->pfDiagInv[n] : 0.0f;
+            pstLevel->pfRhs[n] = bHeld ? 0.0f : pstLevel->pfRhs[n];
+        }
+    }
+    (void)iRows;
+}
+
+// Dot products in double over four interleaved partial sums, added in a fixed order: the same
+// sums on every target and run.
 static double Dot(const float *pfA, const float *pfB, int32_t iN)
 {
-    double dSum = 0.0;
-    for (int32_t i = 0; i < iN; i++) {
-        dSum += (double)pfA[i] * (double)pfB[i];
+    double adSum[4] = {0.0, 0.0, 0.0, 0.0};
+    int32_t i = 0;
+    for (; i + 4 <= iN; i += 4) {
+        for (int32_t k = 0; k < 4; k++) {
+            adSum[k] += (double)pfA[i + k] * (double)pfB[i + k];
+        }
     }
-    return dSum;
+    for (; i < iN; i++) {
+        adSum[0] += (double)pfA[i] * (double)pfB[i];
+    }
+    return (adSum[0] + adSum[1]) + (adSum[2] + adSum[3]);
 }
 
-// Preconditioned conjugate gradients on A x = b from the x given (border zero).
-static int32_t SolveSystem(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_LINE_TERM *pstTerms, int32_t iTerms,
-                           float *pfX, float *pfResidual)
+// pfZ += omega D^-1 (pfR - A pfZ), or pfZ = omega D^-1 pfR when bZero.
+static void JacobiSweep(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfR,
+                        float *pfZ, float *pfTmp, int32_t bZero)
 {
-    const int32_t iN = 2 * (int32_t)VertexCount(&pstLevel->stGrid);
-    float *pfR = pstLevel->pfR, *pfZ = pstLevel->pfZ, *pfP = pstLevel->pfP, *pfQ = pstLevel->pfQ;
-    ApplySystem(pstLevel, pstTerms, iTerms, pfX, pfQ);
+    const int32_t iN = 2 * pstLevel->iPlane;
+    const float fOmega = kOmega;
+    if (bZero) {
+        for (int32_t i = 0; i < iN; i++) {
+            pfZ[i] = fOmega * pstLevel->pfDiagInv[i] * pfR[i];
+        }
+        return;
+    }
+    ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
+    for (int32_t i = 0; i < iN; i++) {
+        pfZ[i] += fOmega * pstLevel->pfDiagInv[i] * (pfR[i] - pfTmp[i]);
+    }
+}
+
+// The transfer tables of a level toward the next coarser one.
+static void BuildTransfer(tagST_MESH_LEVEL *pstFine, const tagST_MESH_LEVEL *pstCoarse)
+{
+    const tagST_MESH_GRID *pstF = &pstFine->stGrid, *pstC = &pstCoarse->stGrid;
+    float fA, fB;
+    for (int32_t i = 0; i < pstF->iCols; i++) {
+        pstFine->piColCell[i] = CellOf(pstC, (float)i * pstF->fStepX, 0.0f, &fA, &fB);
+        pstFine->pfColFrac[i] = fA;
+    }
+    for (int32_t j = 0; j < pstF->iRows; j++) {
+        pstFine->piRowCell[j] = CellOf(pstC, 0.0f, (float)j * pstF->fStepY, &fA, &fB) / pstC->iCols;
+        pstFine->pfRowFrac[j] = fB;
+    }
+}
+
+// pfFine (+)= P pfCoarse: bilinear prolongation; the frame's edge stays zero.
+static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoarse, const tagST_MESH_LEVEL *pstFine,
+                          float *pfFine, int32_t bAdd)
+{
+    const int32_t iCc = pstCoarse->stGrid.iCols;
+    for (int32_t c = 0; c < 2; c++) {
+        const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
+        float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
+        for (int32_t j = 1; j + 1 < pstFine->stGrid.iRows; j++) {
+            for (int32_t i = 1; i + 1 < pstFine->stGrid.iCols; i++) {
+                const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
+                const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
+                const float f0 = pfC[n] + fA * (pfC[n + 1] - pfC[n]);
+                const float f1 = pfC[n + iCc] + fA * (pfC[n + iCc + 1] - pfC[n + iCc]);
+                const int32_t v = j * pstFine->stGrid.iCols + i;
+                pfF[v] = (bAdd ? pfF[v] : 0.0f) + (f0 + fB * (f1 - f0));
+            }
+        }
+    }
+}
+
+// pfCoarse = P^T pfFine times the ratio of the cell areas: every level's system is an energy per
+// area, so the coarse one stands for P^T A P over that ratio. The frame's edge stays zero.
+static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine, const tagST_MESH_LEVEL *pstCoarse,
+                           float *pfCoarse)
+{
+    const tagST_MESH_GRID *pstF = &pstFine->stGrid, *pstC = &pstCoarse->stGrid;
+    const int32_t iCc = pstC->iCols;
+    const float fRatio = (pstF->fStepX * pstF->fStepY) / (pstC->fStepX * pstC->fStepY);
+    memset(pfCoarse, 0, 2u * (uint32_t)pstCoarse->iPlane * sizeof(float));
+    for (int32_t c = 0; c < 2; c++) {
+        const float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
+        float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
+        for (int32_t j = 1; j + 1 < pstF->iRows; j++) {
+            for (int32_t i = 1; i + 1 < pstF->iCols; i++) {
+                const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
+                const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
+                const float fV = fRatio * pfF[j * pstF->iCols + i];
+                pfC[n] += (1.0f - fA) * (1.0f - fB) * fV;
+                pfC[n + 1] += fA * (1.0f - fB) * fV;
+                pfC[n + iCc] += (1.0f - fA) * fB * fV;
+                pfC[n + iCc + 1] += fA * fB * fV;
+            }
+        }
+        for (int32_t v = 0; v < pstCoarse->iVertices; v++) {
+            pfC[v] = OnBorder(pstC, v) ? 0.0f : pfC[v];
+        }
+    }
+}
+
+static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t iLevel,
+                                  int32_t iLevels, double dTolerance, int32_t iMaxIterations, float *pfResidual);
+
+// pfZ = M^-1 pfR at level l: a V-cycle over the levels below, or at the coarsest level a solve
+// (conjugate gradients to a tight tolerance, in that level's own arrays).
+static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t l, int32_t iLevels,
+                   const float *pfR, float *pfZ, float *pfTmp)
+{
+    tagST_MESH_LEVEL *pstLevel = &astLevels[l];
+    const int32_t iN = 2 * pstLevel->iPlane;
+    if (l == iLevels - 1) {
+        memcpy(pstLevel->pfRhs, pfR, (size_t)iN * sizeof(float));
+        memset(pstLevel->pfX, 0, (size_t)iN * sizeof(float));
+        float fResidual;
+        ConjugateGradients(astLevels, pstSamples, l, l + 1, 1e-6, 2 * pstLevel->iVertices, &fResidual);
+        memcpy(pfZ, pstLevel->pfX, (size_t)iN * sizeof(float));
+        return;
+    }
+    tagST_MESH_LEVEL *pstCoarse = &astLevels[l + 1];
+    for (int32_t s = 0; s < kSweeps; s++) {
+        JacobiSweep(pstLevel, pstSamples, pfR, pfZ, pfTmp, s == 0);
+    }
+    ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
+    for (int32_t i = 0; i < iN; i++) {
+        pfTmp[i] = pfR[i] - pfTmp[i];
+    }
+    RestrictVector(pstLevel, pfTmp, pstCoarse, pstCoarse->pfR);
+    VCycle(astLevels, pstSamples, l + 1, iLevels, pstCoarse->pfR, pstCoarse->pfZ, pstCoarse->pfQ);
+    ProlongVector(pstCoarse, pstCoarse->pfZ, pstLevel, pfZ, 1);
+    for (int32_t s = 0; s < kSweeps; s++) {
+        JacobiSweep(pstLevel, pstSamples, pfR, pfZ, pfTmp, 0);
+    }
+}
+
+// Preconditioned conjugate gradients on A x = b at level iLevel from its x: the preconditioner is
+// a V-cycle over the levels below when there are any, else Jacobi. Returns the iterations.
+static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t iLevel,
+                                  int32_t iLevels, double dTolerance, int32_t iMaxIterations, float *pfResidual)
+{
+    tagST_MESH_LEVEL *pstLevel = &astLevels[iLevel];
+    const int32_t bMultigrid = iLevel + 1 < iLevels;
+    const int32_t iN = 2 * pstLevel->iPlane;
+    float *pfX = pstLevel->pfX, *pfR = pstLevel->pfR, *pfZ = pstLevel->pfZ, *pfP = pstLevel->pfP, *pfQ = pstLevel->pfQ;
+    ApplySystem(pstLevel, pstSamples, pfX, pfQ);
     for (int32_t i = 0; i < iN; i++) {
         pfR[i] = pstLevel->pfDiagInv[i] != 0.0f ? pstLevel->pfRhs[i] - pfQ[i] : 0.0f;
-        pfZ[i] = pstLevel->pfDiagInv[i] * pfR[i];
-        pfP[i] = pfZ[i];
     }
     const double dRhs = Dot(pstLevel->pfRhs, pstLevel->pfRhs, iN);
     const double dNorm = dRhs > 0.0 ? dRhs : 1.0;
-    const double dStop = LDC_MESH_TOLERANCE * LDC_MESH_TOLERANCE * dNorm;
-    double dRz = Dot(pfR, pfZ, iN);
+    const double dStop = dTolerance * dTolerance * dNorm;
     double dRr = Dot(pfR, pfR, iN);
+    double dRz = 0.0;
     int32_t iIter = 0;
-    while (iIter < LDC_MESH_MAX_ITERATIONS && dRr > dStop) {
-        ApplySystem(pstLevel, pstTerms, iTerms, pfP, pfQ);
+    while (iIter < iMaxIterations && dRr > dStop) {
+        if (bMultigrid) {
+            VCycle(astLevels, pstSamples, iLevel, iLevels, pfR, pfZ, pfQ);
+        } else {
+            for (int32_t i = 0; i < iN; i++) {
+                pfZ[i] = pstLevel->pfDiagInv[i] * pfR[i];
+            }
+        }
+        const double dRzNext = Dot(pfR, pfZ, iN);
+        if (!(dRzNext > 0.0)) {
+            break;
+        }
+        const float fBeta = iIter == 0 ? 0.0f : (float)(dRzNext / dRz);
+        for (int32_t i = 0; i < iN; i++) {
+            pfP[i] = pfZ[i] + fBeta * pfP[i];
+        }
+        dRz = dRzNext;
+        ApplySystem(pstLevel, pstSamples, pfP, pfQ);
         const double dPq = Dot(pfP, pfQ, iN);
         if (!(dPq > 0.0)) {
             break;
@@ -614,14 +1085,7 @@ static int32_t SolveSystem(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_LINE_TER
         for (int32_t i = 0; i < iN; i++) {
             pfX[i] += fAlpha * pfP[i];
             pfR[i] -= fAlpha * pfQ[i];
-            pfZ[i] = pstLevel->pfDiagInv[i] * pfR[i];
         }
-        const double dRzNext = Dot(pfR, pfZ, iN);
-        const float fBeta = (float)(dRzNext / dRz);
-        for (int32_t i = 0; i < iN; i++) {
-            pfP[i] = pfZ[i] + fBeta * pfP[i];
-        }
-        dRz = dRzNext;
         dRr = Dot(pfR, pfR, iN);
         iIter++;
     }
@@ -629,17 +1093,50 @@ static int32_t SolveSystem(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_LINE_TER
     return iIter;
 }
 
-// One level from the start in pfX: data, line and smoothness terms, then the solve. Returns the
-// iterations, or -1 when no face reaches a vertex of this level.
-static int32_t SolveLevel(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
-                          tagST_MESH_LEVEL *pstLevel, tagST_MESH_LINE_TERM *pstTerms, float *pfX, float *pfResidual)
+// Every level's terms for the faces: data, bending and line terms and the preconditioner.
+// Returns 0 when no face reaches a vertex of the finest level.
+static int32_t BuildLevels(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
+                           tagST_MESH_LEVEL *astLevels, int32_t iLevels, tagST_MESH_SAMPLE *pstSamples)
 {
-    if (BuildDataTerms(pstIn, pstFaces, iFaces, pstLevel) == 0) {
-        return -1;
+    int32_t iReached = 0;
+    int32_t iUsed = 0;
+    for (int32_t l = 0; l < iLevels; l++) {
+        const int32_t iLevelReached = BuildDataTerms(pstIn, pstFaces, iFaces, &astLevels[l]);
+        iReached = l == 0 ? iLevelReached : iReached;
+        // Samples index from the pool's start; each level's lines take the next free ones.
+        const int32_t iLevelUsed = BuildLineTerms(pstIn, pstFaces, iFaces, &astLevels[l], pstSamples + iUsed,
+                                                  LDC_MESH_MAX_SAMPLES - iUsed);
+        for (int32_t n = 0; n < astLevels[l].iLines; n++) {
+            astLevels[l].pstLines[n].iFirst += iUsed;
+        }
+        iUsed += iLevelUsed;
+        astLevels[l].iFolds = 0;
+        BuildPreconditioner(&astLevels[l], pstSamples);
     }
-    const int32_t iTerms = BuildLineTerms(pstIn, &pstLevel->stGrid, pstTerms);
-    BuildPreconditioner(pstLevel, pstTerms, iTerms);
-    return SolveSystem(pstLevel, pstTerms, iTerms, pfX, pfResidual);
+    return iReached;
+}
+
+// The finest level from the start in its x, then as many rounds of the fold guard as it takes.
+// Returns the iterations.
+static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const tagST_MESH_SAMPLE *pstSamples,
+                           float fLength, uint8_t *pucActive, float *pfResidual, int32_t *piFoldRounds)
+{
+    tagST_MESH_LEVEL *pstFine = &astLevels[0];
+    memset(pucActive, 0, 4u * (uint32_t)pstFine->iVertices);
+    int32_t iIter = 0;
+    for (int32_t iRound = 0;; iRound++) {
+        const float fMin = BuildFoldTerms(pstFine, fLength, pucActive);
+        if (iRound > 0 && fMin >= kFoldFloor - kFoldSettle) {
+            break;
+        }
+        BuildPreconditioner(pstFine, pstSamples);
+        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, pfResidual);
+        if (iRound + 1 >= kFoldGuardRounds) {
+            break;
+        }
+        *piFoldRounds = iRound + 1;
+    }
+    return iIter;
 }
 
 // The faces to correct at a strength; returns their number.
@@ -693,26 +1190,43 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
     memset(pstStats, 0, sizeof(*pstStats));
     if (pstIn == NULL || pfMesh == NULL || pucWork == NULL || pstIn->iWidth < 2 || pstIn->iHeight < 2 ||
         pstIn->iWidth > LDC_MAX_IMAGE_SIZE || pstIn->iHeight > LDC_MAX_IMAGE_SIZE ||
-        uWorkBytes < FaceMeshWorkBytes(pstIn->iWidth, pstIn->iHeight) || ((uintptr_t)pucWork & 7u) != 0) {
+        uWorkBytes < FaceMeshWorkBytes(pstIn->iWidth, pstIn->iHeight, pstIn->iCells) || ((uintptr_t)pucWork & 7u) != 0) {
         return LDC_MESH_ERR_ARGS;
     }
-    tagST_MESH_LEVEL stFine, stCoarse;
-    FaceMeshGrid(pstIn->iWidth, pstIn->iHeight, &stFine.stGrid);
-    const int32_t iV = (int32_t)VertexCount(&stFine.stGrid);
+    int32_t aiCells[LDC_MESH_MAX_LEVELS];
+    const int32_t iLevels = LevelCells(pstIn->iCells, aiCells);
+    tagST_MESH_LEVEL astLevels[LDC_MESH_MAX_LEVELS];
+    float *pfFree = (float *)pucWork;
+    for (int32_t l = 0; l < iLevels; l++) {
+        GridOfCells(pstIn->iWidth, pstIn->iHeight, aiCells[l], &astLevels[l].stGrid);
+        pfFree = CarveLevel(pfFree, &astLevels[l]);
+    }
+    for (int32_t l = 0; l + 1 < iLevels; l++) {
+        BuildTransfer(&astLevels[l], &astLevels[l + 1]);
+    }
+    tagST_MESH_LINE *pstLines = (tagST_MESH_LINE *)pfFree;
+    for (int32_t l = 0; l < iLevels; l++) {
+        astLevels[l].pstLines = pstLines + l * LDC_MESH_MAX_SEGMENTS;
+        astLevels[l].iLines = 0;
+        astLevels[l].pstFolds = NULL;
+        astLevels[l].iFolds = 0;
+    }
+    tagST_MESH_SAMPLE *pstSamples = (tagST_MESH_SAMPLE *)(pstLines + iLevels * LDC_MESH_MAX_SEGMENTS);
+    tagST_MESH_LEVEL *pstFine = &astLevels[0];
+    pstFine->pstFolds = (tagST_MESH_FOLD_TERM *)(pstSamples + LDC_MESH_MAX_SAMPLES);
+    float *pfStart = (float *)(pstFine->pstFolds + LDC_MESH_MAX_FOLD_TERMS);
+    uint8_t *pucActive = (uint8_t *)(pfStart + 2 * pstFine->iVertices);
+    const int32_t iV = pstFine->iVertices;
     const uint32_t uMeshBytes = (uint32_t)iV * 2u * (uint32_t)sizeof(float);
-    CoarseGrid(pstIn->iWidth, pstIn->iHeight, &stCoarse.stGrid);
-    float *pfCoarseX = CarveLevel(CarveLevel((float *)pucWork, &stFine), &stCoarse);
-    tagST_MESH_LINE_TERM *pstTerms = (tagST_MESH_LINE_TERM *)(pfCoarseX + 2 * VertexCount(&stCoarse.stGrid));
 
     // A warm start is kept aside: every round starts from it (a still scene then gives back its
     // mesh bit for bit, whatever round it was found in). Values that are not finite start from 0.
-    float *pfStart = pstIn->pfWarmStart != NULL ? (float *)(pstTerms + LDC_MESH_MAX_TERMS) : NULL;
-    if (pfStart != NULL) {
-        memcpy(pfStart, pstIn->pfWarmStart, uMeshBytes);
+    if (pstIn->pfWarmStart != NULL) {
         for (int32_t i = 0; i < 2 * iV; i++) {
-            pfStart[i] = isfinite(pfStart[i]) ? pfStart[i] : 0.0f;
+            pfStart[i] = isfinite(pstIn->pfWarmStart[i]) ? pstIn->pfWarmStart[i] : 0.0f;
         }
-        ZeroBorder(&stFine.stGrid, pfStart);
+    } else {
+        pfStart = NULL;
     }
 
     // Faces crowded together or into a corner can ask for more than the frame holds: the map
@@ -722,33 +1236,35 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
     float fStrength = pstIn->fStrength;
     for (int32_t iRound = 0;; iRound++) {
         const int32_t iFaces = PrepareFaces(pstIn, fStrength, astFaces);
-        // The start: the warm start, else the solution on half the cells spread over the fine
-        // grid (its smooth part is then right, and the fine solve only has the detail to add).
-        memset(pfMesh, 0, uMeshBytes);
-        if (pfStart != NULL) {
-            memcpy(pfMesh, pfStart, uMeshBytes);
-        } else if (iFaces > 0) {
-            memset(pfCoarseX, 0, 2u * VertexCount(&stCoarse.stGrid) * sizeof(float));
-            float fResidual;
-            const int32_t iCoarse = SolveLevel(pstIn, astFaces, iFaces, &stCoarse, pstTerms, pfCoarseX, &fResidual);
-            pstStats->iCoarseIterations += iCoarse > 0 ? iCoarse : 0;
-            const tagST_MESH_GRID *pstFine = &stFine.stGrid;
-            for (int32_t j = 1; iCoarse > 0 && j < pstFine->iRows - 1; j++) {
-                for (int32_t i = 1; i < pstFine->iCols - 1; i++) {
-                    float *pf = pfMesh + 2 * (j * pstFine->iCols + i);
-                    FaceMeshDisplacement(&stCoarse.stGrid, pfCoarseX, (float)i * pstFine->fStepX,
-                                         (float)j * pstFine->fStepY, &pf[0], &pf[1]);
-                }
-            }
-        }
-        const int32_t iIter =
-            iFaces > 0 ? SolveLevel(pstIn, astFaces, iFaces, &stFine, pstTerms, pfMesh, &pstStats->fResidual) : -1;
-        if (iIter < 0) {
+        if (iFaces == 0 || BuildLevels(pstIn, astFaces, iFaces, astLevels, iLevels, pstSamples) == 0) {
             memset(pfMesh, 0, uMeshBytes);   // no face to correct: exactly lens correction alone
             memset(pstStats, 0, sizeof(*pstStats));
             return LDC_MESH_OK;
         }
-        pstStats->iIterations += iIter;
+        // The start: the warm start, else the cascade from the coarsest level, each level's
+        // solution spread over the next (its smooth part is then right, and the finer solve only
+        // has the detail to add).
+        if (pfStart != NULL) {
+            for (int32_t v = 0; v < iV; v++) {
+                const int32_t bHeld = OnBorder(&pstFine->stGrid, v);
+                pstFine->pfX[Unknown(pstFine, v, 0)] = bHeld ? 0.0f : pfStart[2 * v];
+                pstFine->pfX[Unknown(pstFine, v, 1)] = bHeld ? 0.0f : pfStart[2 * v + 1];
+            }
+        } else {
+            memset(astLevels[iLevels - 1].pfX, 0, 2u * (uint32_t)astLevels[iLevels - 1].iPlane * sizeof(float));
+            for (int32_t l = iLevels - 1; l > 0; l--) {
+                float fResidual;
+                pstStats->iCoarseIterations +=
+                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
+                ProlongVector(&astLevels[l], astLevels[l].pfX, &astLevels[l - 1], astLevels[l - 1].pfX, 0);
+            }
+        }
+        pstStats->iIterations += SolveFinest(astLevels, iLevels, pstSamples, LengthScale(astFaces, iFaces), pucActive,
+                                             &pstStats->fResidual, &pstStats->iFoldRounds);
+        for (int32_t v = 0; v < iV; v++) {
+            pfMesh[2 * v] = pstFine->pfX[Unknown(pstFine, v, 0)];
+            pfMesh[2 * v + 1] = pstFine->pfX[Unknown(pstFine, v, 1)];
+        }
         pstStats->iRounds = iRound + 1;
         pstStats->fStrength = fStrength;
         for (int32_t i = 0; i < 2 * iV; i++) {
@@ -757,7 +1273,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
                 return LDC_MESH_ERR_NUMERIC;
             }
         }
-        if (SmallestAreaRatio(&stFine.stGrid, pfMesh) >= kMinAreaRatio) {
+        if (SmallestAreaRatio(&pstFine->stGrid, pfMesh) >= kMinAreaRatio) {
             return LDC_MESH_OK;
         }
         if (iRound + 1 == LDC_MESH_FOLD_ROUNDS) {
@@ -766,4 +1282,29 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         }
         fStrength *= LDC_MESH_FOLD_SHRINK;
     }
+}
+
+float FaceMeshStepBound(int32_t iWidth, int32_t iHeight)
+{
+    return (float)(iWidth > iHeight ? iWidth : iHeight) * kStepShare;
+}
+
+float FaceMeshFollow(const tagST_MESH_GRID *pstGrid, const float *pfSolved, float *pfShown, float fMaxStep)
+{
+    const int32_t iFloats = 2 * VertexCount(pstGrid);
+    float fFarthest = 0.0f;
+    for (int32_t i = 0; i < iFloats; i += 2) {
+        const float fDx = pfSolved[i] - pfShown[i], fDy = pfSolved[i + 1] - pfShown[i + 1];
+        const float fStep = sqrtf(fDx * fDx + fDy * fDy);
+        fFarthest = fStep > fFarthest ? fStep : fFarthest;
+    }
+    if (!(fFarthest > fMaxStep)) {
+        memcpy(pfShown, pfSolved, (size_t)iFloats * sizeof(float));
+        return fFarthest;
+    }
+    const float fShare = fMaxStep / fFarthest;
+    for (int32_t i = 0; i < iFloats; i++) {
+        pfShown[i] += fShare * (pfSolved[i] - pfShown[i]);
+    }
+    return fMaxStep;
 }

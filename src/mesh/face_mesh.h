@@ -3,21 +3,25 @@
 // 2 x 2 block's source position as the lens model applied to the block's position plus the mesh
 // displacement there (FaceMeshDisplacement); a zero mesh is lens correction alone.
 //
-// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (32
-// cells along the longer side at every frame size), row-major and interleaved. It is the
-// least-squares solution of
+// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (64
+// cells along the longer side by default, at every frame size), row-major and interleaved. It is
+// the least-squares solution of
 //   faces:       each widened face's region follows a similarity of its stereographic image that
-//                keeps the face's tangential size and takes its radial stretch out, scaled by the
-//                strength; the face is placed so that the room it frees is shared by the gaps to
-//                the frame's edge on both sides;
-//   background:  elsewhere the displacement is pulled to zero (perspective, straight lines);
-//   smoothness:  neighbouring vertices move alike, except inside faces;
-//   lines:       along each given straight segment the displacement across the segment stays
-//                affine, so the segment stays straight;
-// with the frame's edge held in place, so that the output keeps the lens-only field of view. The
-// normal equations are solved by preconditioned conjugate gradients from a warm start or from
-// the solution on half the cells, single-threaded in a fixed order: equal inputs give equal
-// floats on every target. A solution that folds is solved again at a lower strength.
+//                keeps a size between the face's tangential and radial ones and takes its radial
+//                stretch out, scaled by the strength; the face is placed so that the room it
+//                frees is shared by the gaps to the frame's edge on both sides;
+//   background:  from a face radius beyond each face the displacement is pulled to zero
+//                (perspective, straight lines);
+//   smoothness:  neighbouring vertices bend alike, except inside faces;
+//   lines:       along each given straight segment that keeps clear of the faces the
+//                displacement across the segment stays affine, so the segment stays straight;
+//   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
+// with the frame's edge held in place, so that the output keeps the lens-only field of view. All
+// weights are measured in the smallest face's radius, so the balance is the same at every frame
+// and grid size. The normal equations are solved by conjugate gradients preconditioned with a
+// multigrid V-cycle, from a warm start or from the cascade of coarser grids, single-threaded in a
+// fixed order: equal inputs give equal floats on every target. A solution that still folds is
+// solved again at a lower strength.
 #ifndef LDC_MESH_FACE_MESH_H
 #define LDC_MESH_FACE_MESH_H
 
@@ -55,21 +59,24 @@ typedef struct tagST_MESH_INPUT {
     int32_t iLineNum;
     const stLine *pstLines;           // straight segments in recorded pixels, or NULL
     const float *pfWarmStart;         // a mesh of the same grid to start from (may be the output), or NULL
+    int32_t iCells;                   // cells along the longer side, or 0 for the default
 } tagST_MESH_INPUT;
 
 typedef struct tagST_MESH_STATS {
     int32_t iIterations;         // conjugate-gradient iterations on the mesh's grid, all rounds
     int32_t iCoarseIterations;   // on the grid of half the cells that gives a cold start its start
     int32_t iRounds;             // solves; more than one when the map folded at a higher strength
+    int32_t iFoldRounds;         // extra solves of the fold guard in the last round
     float fStrength;             // the strength of the mesh returned
     float fResidual;             // final residual relative to the right-hand side
 } tagST_MESH_STATS;
 
-void FaceMeshGrid(int32_t iWidth, int32_t iHeight, tagST_MESH_GRID *pstGrid);
+// The grid of a frame size with iCells cells along the longer side (0: the default).
+void FaceMeshGrid(int32_t iWidth, int32_t iHeight, int32_t iCells, tagST_MESH_GRID *pstGrid);
 
 // Bytes of the mesh (two floats per vertex) and of the solver's work area for a frame size.
-uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight);
-uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight);
+uint32_t FaceMeshBytes(int32_t iWidth, int32_t iHeight, int32_t iCells);
+uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells);
 
 // Solves the mesh into pfMesh (FaceMeshBytes) using pucWork (FaceMeshWorkBytes, 8-byte aligned).
 // Without faces of any weight (none, all degenerate or outside, or strength 0) the mesh is
@@ -78,6 +85,14 @@ uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight);
 // renders it anyway gets lens correction alone.
 int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *pucWork, uint32_t uWorkBytes,
                       tagST_MESH_STATS *pstStats);
+
+// The mesh shown moves toward the mesh solved by at most fMaxStep pixels at any vertex: by the
+// whole difference when it is that small, else by the share of it that moves the farthest vertex
+// fMaxStep (a scene cut converges over a few frames without a jump). Returns the largest step.
+float FaceMeshFollow(const tagST_MESH_GRID *pstGrid, const float *pfSolved, float *pfShown, float fMaxStep);
+
+// The largest step FaceMeshFollow should take for a frame: a share of its longer side.
+float FaceMeshStepBound(int32_t iWidth, int32_t iHeight);
 
 // Displacement at the output position (fX, fY), bilinear over its cell; positions beyond the
 // frame take the nearest cell's extension.

@@ -8,6 +8,8 @@
 void FaceTrackReset(tagST_FACE_TRACK *pstTrack)
 {
     memset(pstTrack, 0, sizeof(*pstTrack));
+    pstTrack->bChanged = 1;
+    pstTrack->fStrengthCap = 1.0f;
 }
 
 static int64_t Abs64(int64_t l)
@@ -63,6 +65,9 @@ int32_t FaceTrackUpdate(tagST_FACE_TRACK *pstTrack, const int32_t (*paiFaces)[4]
 {
     uint8_t aucClaimed[LDC_MAX_FACES] = {0};
     int32_t aiNew[LDC_MAX_FACES];
+    tagST_FACE_TRACK_ITEM astBefore[LDC_MAX_FACES];
+    const int32_t iBefore = pstTrack->iNum;
+    memcpy(astBefore, pstTrack->astItems, sizeof(astBefore));
     int32_t iNew = 0;
     const int32_t iNum = paiFaces == NULL ? 0 : (iFaceNum < LDC_MAX_FACES ? iFaceNum : LDC_MAX_FACES);
     for (int32_t i = 0; i < iNum; i++) {
@@ -99,5 +104,28 @@ int32_t FaceTrackUpdate(tagST_FACE_TRACK *pstTrack, const int32_t (*paiFaces)[4]
         memcpy(paiOut[j], pstTrack->astItems[j].aiRect, sizeof(paiOut[j]));
         pfFade[j] = (float)pstTrack->astItems[j].iFade / (float)LDC_TRACK_FADE_FRAMES;
     }
+    pstTrack->bChanged = pstTrack->iNum != iBefore ||
+                         memcmp(astBefore, pstTrack->astItems, (size_t)iBefore * sizeof(astBefore[0])) != 0;
+    // A cap being held counts down; one free to rise does so by a step each frame.
+    if (pstTrack->iHold > 0) {
+        pstTrack->iHold--;
+    } else if (pstTrack->fStrengthCap < 1.0f) {
+        const float fCap = pstTrack->fStrengthCap + 1.0f / (float)LDC_TRACK_RISE_STEPS;
+        pstTrack->fStrengthCap = fCap < 1.0f ? fCap : 1.0f;
+        pstTrack->bChanged = 1;
+    }
     return pstTrack->iNum;
+}
+
+float FaceTrackStrength(const tagST_FACE_TRACK *pstTrack, float fConfigured)
+{
+    return fConfigured * pstTrack->fStrengthCap;
+}
+
+void FaceTrackSolved(tagST_FACE_TRACK *pstTrack, float fAsked, float fUsed)
+{
+    if (fAsked > 0.0f && fUsed < fAsked) {
+        pstTrack->fStrengthCap *= fUsed > 0.0f ? fUsed / fAsked : 0.0f;
+        pstTrack->iHold = LDC_TRACK_HOLD_FRAMES;
+    }
 }

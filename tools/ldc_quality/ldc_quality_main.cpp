@@ -4,10 +4,12 @@
 // output through the coordinate probe and prints a table (also written as CSV) and side-by-side
 // pictures.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <sstream>
@@ -51,8 +53,11 @@ typedef struct tagST_QQ_OPTIONS {
     std::vector<std::pair<int32_t, int32_t>> vstSizes = {{640, 480}, {4000, 3000}};
     std::vector<int32_t> viFovs = {60, 70, 80, 90, 100, 110, 120};
     bool bPictures = true;
-    bool bMeshLines = false;
+    std::vector<tagE_QME_LINES> veMeshLines = {E_QME_LINES_NONE, E_QME_LINES_DETECTED, E_QME_LINES_SCENE};
     float fMeshStrength = 1.0f;
+    int32_t iMeshCells = 0;
+    bool bLineDetail = false;
+    bool bMeshOnly = false;
 } tagST_QQ_OPTIONS;
 
 typedef struct tagST_QQ_OUTCOME {
@@ -68,10 +73,14 @@ void Usage()
 {
     fprintf(stderr,
             "usage: ldc_quality [--out DIR] [--sizes WxH,...] [--fovs DEG,...] [--sample-config XML] [--no-pictures]\n"
-            "                   [--mesh-strength S] [--mesh-lines]\n"
+            "                   [--mesh-strength S] [--mesh-lines none,found,scene] [--mesh-cells N] [--line-detail]\n"
+            "                   [--mesh-only]\n"
             "  Field of view 60 uses the sample configuration's lens; the others a synthetic 10 %% barrel.\n"
-            "  The mesh row solves the face mesh at strength S (default 1) and renders it in float; with\n"
-            "  --mesh-lines the scene's straight lines are handed to its line term.\n");
+            "  Each mesh row solves the face mesh at strength S (default 1) on N cells along the longer side\n"
+            "  (default: the library's) and renders it in float; its line term gets no segments (mesh), the\n"
+            "  segments the library's line finder finds on the recorded frame (mesh+found) or the scene's own\n"
+            "  lines (mesh+scene). --line-detail lists the most bent lines of each mesh row; --mesh-only leaves\n"
+            "  out the library's rows.\n");
 }
 
 bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
@@ -106,8 +115,25 @@ bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
             }
         } else if (strArg == "--no-pictures") {
             pstOpt->bPictures = false;
-        } else if (strArg == "--mesh-lines") {
-            pstOpt->bMeshLines = true;
+        } else if (strArg == "--mesh-lines" && bHasValue) {
+            pstOpt->veMeshLines.clear();
+            std::stringstream stIn(argv[++i]);
+            std::string strItem;
+            while (std::getline(stIn, strItem, ',')) {
+                if (strItem == "none" || strItem == "found" || strItem == "scene") {
+                    pstOpt->veMeshLines.push_back(strItem == "none"    ? E_QME_LINES_NONE
+                                                  : strItem == "found" ? E_QME_LINES_DETECTED
+                                                                       : E_QME_LINES_SCENE);
+                } else {
+                    return false;
+                }
+            }
+        } else if (strArg == "--mesh-cells" && bHasValue) {
+            pstOpt->iMeshCells = atoi(argv[++i]);
+        } else if (strArg == "--line-detail") {
+            pstOpt->bLineDetail = true;
+        } else if (strArg == "--mesh-only") {
+            pstOpt->bMeshOnly = true;
         } else if (strArg == "--mesh-strength" && bHasValue) {
             pstOpt->fMeshStrength = (float)atof(argv[++i]);
         } else {
@@ -243,19 +269,35 @@ std::string PanelNumbers(const tagST_QM_RESULT &stR)
            Fixed(stR.dFovKept, 3);
 }
 
-// The mesh row: solved for the scene's faces, rendered by the float reference renderer, measured
+const char *MeshRowName(tagE_QME_LINES eLines)
+{
+    return eLines == E_QME_LINES_NONE ? "mesh" : (eLines == E_QME_LINES_DETECTED ? "mesh+found" : "mesh+scene");
+}
+
+tagST_QME_SETUP MeshSetup(const tagST_QQ_OPTIONS &stOpt, tagE_QME_LINES eLines, const std::vector<uint8_t> &vucFrame)
+{
+    tagST_QME_SETUP stSetup;
+    stSetup.fStrength = stOpt.fMeshStrength;
+    stSetup.eLines = eLines;
+    stSetup.iCells = stOpt.iMeshCells;
+    stSetup.pucRecorded = vucFrame.data();
+    return stSetup;
+}
+
+// A mesh row: solved for the scene's faces, rendered by the float reference renderer, measured
 // through the same probe as the library's rows.
 void RunMeshRow(const tagST_QQ_OPTIONS &stOpt, const tagST_QS_SCENE &stScene, const std::vector<uint8_t> &vucFrame,
-                cv::Mat *pstPicture, tagST_QQ_OUTCOME *pstOutcome)
+                tagE_QME_LINES eLines, cv::Mat *pstPicture, tagST_QQ_OUTCOME *pstOutcome)
 {
     const int32_t iW = stScene.stLens.iWidth, iH = stScene.stLens.iHeight;
     pstOutcome->strScene = stScene.strName;
-    pstOutcome->strRow = stOpt.bMeshLines ? "mesh+lines" : "mesh";
+    pstOutcome->strRow = MeshRowName(eLines);
     tagST_QME_MESH stMesh;
-    SolveSceneMesh(stScene, stOpt.fMeshStrength, stOpt.bMeshLines, &stMesh);
+    SolveSceneMesh(stScene, MeshSetup(stOpt, eLines, vucFrame), &stMesh);
     pstOutcome->strPath = stMesh.iStatus == LDC_MESH_OK ? "mesh" : "refused";
     pstOutcome->dMs = stMesh.dColdMs;
-    pstOutcome->strNote = "cold " + std::to_string(stMesh.stColdStats.iIterations) + " it, strength " +
+    pstOutcome->strNote = std::to_string(stMesh.stGrid.iCols - 1) + " cells; " + std::to_string(stMesh.iLines) +
+                          " segments; cold " + std::to_string(stMesh.stColdStats.iIterations) + " it; strength " +
                           Fixed(stMesh.stColdStats.fStrength, 2) + "; warm " +
                           std::to_string(stMesh.stWarmStats.iIterations) + " it " + Fixed(stMesh.dWarmMs, 2) + " ms";
     const QualityRenderer fnRender = MeshRenderer(stMesh, iW, iH);
@@ -266,6 +308,38 @@ void RunMeshRow(const tagST_QQ_OPTIONS &stOpt, const tagST_QS_SCENE &stScene, co
     ProbeSourceMap(iW, iH, fnRender, &stSource);
     CorrectedMap(stScene.stLens, stSource, &stCorrected);
     MeasureCorrectedMap(stScene, stCorrected, &pstOutcome->stResult);
+}
+
+// The lines that bend most (and every far line that bends), with their share of the squared sum.
+void PrintLineDetail(std::ostream &stOut, const tagST_QS_SCENE &stScene, const tagST_QQ_OUTCOME &stOutcome)
+{
+    const std::vector<tagST_QM_LINE> &vstLines = stOutcome.stResult.vstLines;
+    double dTotal = 0;
+    std::vector<size_t> vuOrder;
+    for (size_t i = 0; i < vstLines.size(); i++) {
+        dTotal += vstLines[i].dRms * vstLines[i].dRms * vstLines[i].iPoints;
+        vuOrder.push_back(i);
+    }
+    std::stable_sort(vuOrder.begin(), vuOrder.end(), [&](size_t a, size_t b) {
+        return vstLines[a].dRms * vstLines[a].dRms * vstLines[a].iPoints >
+               vstLines[b].dRms * vstLines[b].dRms * vstLines[b].iPoints;
+    });
+    stOut << stOutcome.strScene << " " << stOutcome.strRow << ": most bent lines (corrected ends)\n";
+    for (size_t k = 0; k < vuOrder.size(); k++) {
+        const tagST_QM_LINE &stL = vstLines[vuOrder[k]];
+        if (k >= 8 && !(stL.bFar && stL.dRms >= 0.25)) {
+            continue;
+        }
+        const tagST_QS_LINE &stSceneLine = stScene.vstLines[(size_t)stL.iIndex];
+        double dX0, dY0, dX1, dY1;
+        CorrectedOfRay(stScene.stLens, stSceneLine.adP0, &dX0, &dY0);
+        CorrectedOfRay(stScene.stLens, stSceneLine.adP1, &dX1, &dY1);
+        char acLine[200];
+        snprintf(acLine, sizeof(acLine), "  line %3d %s rms %6.2f points %5d share %5.3f  (%.0f, %.0f) - (%.0f, %.0f)\n",
+                 stL.iIndex, stL.bFar ? "far " : "near", stL.dRms, stL.iPoints,
+                 dTotal > 0 ? stL.dRms * stL.dRms * stL.iPoints / dTotal : 0.0, dX0, dY0, dX1, dY1);
+        stOut << acLine;
+    }
 }
 
 void PrintTable(std::ostream &stOut, const std::vector<tagST_QQ_OUTCOME> &vstOutcomes)
@@ -298,18 +372,19 @@ typedef struct tagST_QQ_STEADY {
 void PrintTemporal(std::ostream &stOut, const std::vector<tagST_QQ_STEADY> &vstSteady)
 {
     char acLine[256];
-    snprintf(acLine, sizeof(acLine), "%-20s %10s %10s %10s %7s %10s %7s %10s\n", "scene", "jitter raw", "tracked",
-             "cut in", "frames", "cut out", "frames", "walking");
+    snprintf(acLine, sizeof(acLine), "%-20s %10s %10s %10s %7s %10s %7s %10s %8s\n", "scene", "jitter raw", "tracked",
+             "cut in", "frames", "cut out", "frames", "walking", "bound");
     stOut << acLine;
     for (const tagST_QQ_STEADY &stS : vstSteady) {
         const tagST_QME_TEMPORAL &stT = stS.stTemporal;
-        snprintf(acLine, sizeof(acLine), "%-20s %10.2f %10.2f %10.2f %7d %10.2f %7d %10.2f\n", stS.strScene.c_str(),
-                 stT.dJitterRaw, stT.dJitterTracked, stT.dCutInStep, stT.iCutInFrames, stT.dCutOutStep,
-                 stT.iCutOutFrames, stT.dMovingStep);
+        snprintf(acLine, sizeof(acLine), "%-20s %10.2f %10.2f %10.2f %7d %10.2f %7d %10.2f %8.1f\n",
+                 stS.strScene.c_str(), stT.dJitterRaw, stT.dJitterTracked, stT.dCutInStep, stT.iCutInFrames,
+                 stT.dCutOutStep, stT.iCutOutFrames, stT.dMovingStep, stT.dBound);
         stOut << acLine;
     }
     stOut << "Largest frame-to-frame step of any output pixel of the mesh, in pixels: faces jittering by +-3 "
-             "pixels fed straight in and through the face track; faces appearing and vanishing at a cut (frames "
+             "pixels fed straight in (solved every frame) and through the face track and the step bound (the "
+             "mesh shown moves at most 'bound' pixels a frame); faces appearing and vanishing at a cut (frames "
              "until every step is below 0.05 pixels); the border face walking 10 pixels a frame.\n";
 }
 
@@ -378,6 +453,9 @@ int main(int argc, char **argv)
             BgrToNv21(stRecorded, &vucFrame);
             std::vector<cv::Mat> vstPanels = {Panel(stRecorded, stScene.strName + " recorded", "")};
             for (const tagST_QQ_ROW &stRow : kRows) {
+                if (stOpt.bMeshOnly) {
+                    break;
+                }
                 tagST_QQ_OUTCOME stOutcome;
                 stOutcome.strScene = stScene.strName;
                 stOutcome.strRow = stRow.pcName;
@@ -394,15 +472,25 @@ int main(int argc, char **argv)
                 vstPanels.push_back(Panel(stPicture, std::string(stRow.pcName) + " (" + stOutcome.strPath + ")",
                                           PanelNumbers(stOutcome.stResult)));
             }
-            {
+            for (tagE_QME_LINES eLines : stOpt.veMeshLines) {
                 tagST_QQ_OUTCOME stOutcome;
                 cv::Mat stPicture;
-                RunMeshRow(stOpt, stScene, vucFrame, &stPicture, &stOutcome);
+                RunMeshRow(stOpt, stScene, vucFrame, eLines, &stPicture, &stOutcome);
                 vstOutcomes.push_back(stOutcome);
                 vstPanels.push_back(Panel(stPicture, stOutcome.strRow, PanelNumbers(stOutcome.stResult)));
+                if (stOpt.bLineDetail) {
+                    PrintLineDetail(stReport, stScene, stOutcome);
+                }
+            }
+            {
+                // Steadiness with the segments a finder gives when that row runs, else the first.
+                tagE_QME_LINES eLines = stOpt.veMeshLines.empty() ? E_QME_LINES_NONE : stOpt.veMeshLines[0];
+                for (tagE_QME_LINES e : stOpt.veMeshLines) {
+                    eLines = e == E_QME_LINES_DETECTED ? e : eLines;
+                }
                 tagST_QQ_STEADY stSteady;
                 stSteady.strScene = stScene.strName;
-                MeasureTemporal(stScene, stOpt.fMeshStrength, &stSteady.stTemporal);
+                MeasureTemporal(stScene, MeshSetup(stOpt, eLines, vucFrame), &stSteady.stTemporal);
                 vstSteady.push_back(stSteady);
             }
             if (stOpt.bPictures) {

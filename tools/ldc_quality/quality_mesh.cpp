@@ -8,6 +8,9 @@
 #include <random>
 
 #include "records/ldc_para.h"
+#include "linedetect/downscale.h"
+#include "linedetect/line_detect.h"
+#include "linedetect/sobel.h"
 
 namespace {
 
@@ -72,7 +75,9 @@ std::vector<int32_t> WidenedFaces(const std::vector<ST_FACE_RECT> &vstFaces)
     return viFaces;
 }
 
-tagST_MESH_INPUT SceneInput(const tagST_QS_SCENE &stScene, const tagST_RADIAL_MODEL &stLens, float fStrength)
+// The segments of the setup's line source (the vector keeps them alive for the input).
+tagST_MESH_INPUT SceneInput(const tagST_QS_SCENE &stScene, const tagST_RADIAL_MODEL &stLens,
+                            const tagST_QME_SETUP &stSetup, std::vector<stLine> *pvstLines)
 {
     tagST_MESH_INPUT stIn;
     memset(&stIn, 0, sizeof(stIn));
@@ -80,49 +85,76 @@ tagST_MESH_INPUT SceneInput(const tagST_QS_SCENE &stScene, const tagST_RADIAL_MO
     stIn.iHeight = stScene.stLens.iHeight;
     stIn.fFocal = (float)stScene.stLens.dFx;
     stIn.stLens = stLens;
-    stIn.fStrength = fStrength;
+    stIn.fStrength = stSetup.fStrength;
+    stIn.iCells = stSetup.iCells;
+    pvstLines->clear();
+    if (stSetup.eLines == E_QME_LINES_SCENE) {
+        *pvstLines = RecordedSegments(stScene);
+    } else if (stSetup.eLines == E_QME_LINES_DETECTED && stSetup.pucRecorded != NULL) {
+        *pvstLines = DetectedSegments(stSetup.pucRecorded, stIn.iWidth, stIn.iHeight);
+    }
+    stIn.iLineNum = (int32_t)pvstLines->size();
+    stIn.pstLines = pvstLines->empty() ? NULL : pvstLines->data();
     return stIn;
 }
 
-// Solves frame after frame from the previous mesh and records the largest vertex step.
+// Frame after frame as a preview stream would run the mesh: through the face track (or the
+// detector's faces straight), solved from the previous solution when the faces to correct
+// changed, and shown through the step bound. Records the largest step of the mesh shown.
 struct MeshSequence {
     tagST_MESH_INPUT stIn;
-    std::vector<float> vfMesh, vfPrev;
+    tagST_MESH_GRID stGrid;
+    std::vector<float> vfSolved, vfShown;
     std::vector<double> vdWork;
     tagST_FACE_TRACK stTrack;
+    float fStrength;
 
-    MeshSequence(const tagST_MESH_INPUT &stInput) : stIn(stInput)
+    MeshSequence(const tagST_MESH_INPUT &stInput) : stIn(stInput), fStrength(stInput.fStrength)
     {
-        vfMesh.assign(FaceMeshBytes(stIn.iWidth, stIn.iHeight) / sizeof(float), 0.0f);
-        vdWork.assign(FaceMeshWorkBytes(stIn.iWidth, stIn.iHeight) / sizeof(double) + 1, 0.0);
+        FaceMeshGrid(stIn.iWidth, stIn.iHeight, stIn.iCells, &stGrid);
+        vfSolved.assign(FaceMeshBytes(stIn.iWidth, stIn.iHeight, stIn.iCells) / sizeof(float), 0.0f);
+        vfShown = vfSolved;
+        vdWork.assign(FaceMeshWorkBytes(stIn.iWidth, stIn.iHeight, stIn.iCells) / sizeof(double) + 1, 0.0);
         FaceTrackReset(&stTrack);
     }
 
-    // One frame with these (widened) faces, through the track or straight; returns the step.
+    void Solve()
+    {
+        stIn.pfWarmStart = vfSolved.data();
+        tagST_MESH_STATS stStats;
+        const int32_t iRet = FaceMeshSolve(&stIn, vfSolved.data(), (uint8_t *)vdWork.data(),
+                                           (uint32_t)(vdWork.size() * sizeof(double)), &stStats);
+        if (stStats.iRounds > 0) {
+            FaceTrackSolved(&stTrack, stIn.fStrength, iRet == LDC_MESH_OK ? stStats.fStrength : 0.0f);
+        }
+    }
+
+    // One frame with these (widened) faces; returns the largest step of the mesh shown.
     double Frame(const std::vector<int32_t> &viFaces, bool bTracked)
     {
         int32_t aaiOut[LDC_MAX_FACES][4];
         float afFade[LDC_MAX_FACES];
         const int32_t iNum = (int32_t)viFaces.size() / 4;
-        if (bTracked) {
-            stIn.iFaceNum = FaceTrackUpdate(&stTrack, (const int32_t(*)[4])viFaces.data(), iNum, aaiOut, afFade);
-            stIn.paiFaces = (const int32_t(*)[4])aaiOut;
-            stIn.pfFaceStrength = afFade;
-        } else {
+        if (!bTracked) {
             stIn.iFaceNum = iNum;
             stIn.paiFaces = (const int32_t(*)[4])viFaces.data();
             stIn.pfFaceStrength = NULL;
+            Solve();
+            double dStep = 0;
+            for (size_t i = 0; i < vfSolved.size(); i += 2) {
+                dStep = std::max(dStep, (double)hypotf(vfSolved[i] - vfShown[i], vfSolved[i + 1] - vfShown[i + 1]));
+            }
+            vfShown = vfSolved;
+            return dStep;
         }
-        vfPrev = vfMesh;
-        stIn.pfWarmStart = vfMesh.data();
-        tagST_MESH_STATS stStats;
-        FaceMeshSolve(&stIn, vfMesh.data(), (uint8_t *)vdWork.data(), (uint32_t)(vdWork.size() * sizeof(double)),
-                      &stStats);
-        double dStep = 0;
-        for (size_t i = 0; i < vfMesh.size(); i += 2) {
-            dStep = std::max(dStep, (double)hypotf(vfMesh[i] - vfPrev[i], vfMesh[i + 1] - vfPrev[i + 1]));
+        stIn.iFaceNum = FaceTrackUpdate(&stTrack, (const int32_t(*)[4])viFaces.data(), iNum, aaiOut, afFade);
+        stIn.paiFaces = (const int32_t(*)[4])aaiOut;
+        stIn.pfFaceStrength = afFade;
+        stIn.fStrength = FaceTrackStrength(&stTrack, fStrength);
+        if (stTrack.bChanged) {
+            Solve();
         }
-        return dStep;
+        return FaceMeshFollow(&stGrid, vfSolved.data(), vfShown.data(), FaceMeshStepBound(stIn.iWidth, stIn.iHeight));
     }
 };
 
@@ -148,7 +180,30 @@ double Millis(std::chrono::steady_clock::time_point tStart)
 
 }  // namespace
 
-void SolveSceneMesh(const tagST_QS_SCENE &stScene, float fStrength, bool bLines, tagST_QME_MESH *pstMesh)
+std::vector<stLine> DetectedSegments(const uint8_t *pucLuma, int32_t iWidth, int32_t iHeight)
+{
+    const int32_t iFactor = LineDetectFactor(iWidth, iHeight);
+    const int32_t iW = iWidth / iFactor, iH = iHeight / iFactor;
+    std::vector<uint8_t> vucImage((size_t)iW * iH), vucEdge((size_t)iW * iH), vucScratch(HoughScratchSize(iW, iH));
+    std::vector<stLine> vstLines(LDC_HOUGH_MAX_LINES);
+    DownScaleData_NEON(pucLuma, iFactor, iWidth, iHeight, vucImage.data());
+    CalcSobel_NEON(vucImage.data(), vucEdge.data(), iW, iH, 100);
+    const int32_t iMinSide = std::min(iW, iH);
+    const int32_t iCount = LineDetectionHough(vucEdge.data(), iW, iH, vstLines.data(), iMinSide / 5, vucScratch.data());
+    const int32_t iKept = iCount < 1 ? 0
+                                     : JoinDetectedLines(vstLines.data(), iCount, vucScratch.data(), 0.5f,
+                                                         (int32_t)(0.5f * (float)iMinSide));
+    vstLines.resize((size_t)iKept);
+    for (stLine &stSegment : vstLines) {
+        stSegment.Pnt0.x *= iFactor;
+        stSegment.Pnt0.y *= iFactor;
+        stSegment.Pnt1.x *= iFactor;
+        stSegment.Pnt1.y *= iFactor;
+    }
+    return vstLines;
+}
+
+void SolveSceneMesh(const tagST_QS_SCENE &stScene, const tagST_QME_SETUP &stSetup, tagST_QME_MESH *pstMesh)
 {
     const tagST_QS_LENS &stLens = stScene.stLens;
     tagST_LDC_PARA stPara;
@@ -160,19 +215,18 @@ void SolveSceneMesh(const tagST_QS_SCENE &stScene, float fStrength, bool bLines,
         stPara.afDistortionCoefficients[k] = (float)stLens.adK[k];
     }
     GetRadialModel(&stPara, 1, &pstMesh->stLens);
-    FaceMeshGrid(stLens.iWidth, stLens.iHeight, &pstMesh->stGrid);
+    FaceMeshGrid(stLens.iWidth, stLens.iHeight, stSetup.iCells, &pstMesh->stGrid);
 
     const std::vector<int32_t> viFaces = WidenedFaces(stScene.vstFaces);
-    const std::vector<stLine> vstLines = bLines ? RecordedSegments(stScene) : std::vector<stLine>();
-    tagST_MESH_INPUT stIn = SceneInput(stScene, pstMesh->stLens, fStrength);
+    std::vector<stLine> vstLines;
+    tagST_MESH_INPUT stIn = SceneInput(stScene, pstMesh->stLens, stSetup, &vstLines);
+    pstMesh->iLines = stIn.iLineNum;
     stIn.iFaceNum = (int32_t)stScene.vstFaces.size();
     stIn.paiFaces = (const int32_t(*)[4])viFaces.data();
-    stIn.iLineNum = (int32_t)vstLines.size();
-    stIn.pstLines = vstLines.empty() ? NULL : vstLines.data();
 
-    const uint32_t uWork = FaceMeshWorkBytes(stLens.iWidth, stLens.iHeight);
+    const uint32_t uWork = FaceMeshWorkBytes(stLens.iWidth, stLens.iHeight, stSetup.iCells);
     std::vector<double> vdWork(uWork / sizeof(double) + 1);
-    pstMesh->vfMesh.assign(FaceMeshBytes(stLens.iWidth, stLens.iHeight) / sizeof(float), 0.0f);
+    pstMesh->vfMesh.assign(FaceMeshBytes(stLens.iWidth, stLens.iHeight, stSetup.iCells) / sizeof(float), 0.0f);
     auto tStart = std::chrono::steady_clock::now();
     pstMesh->iStatus = FaceMeshSolve(&stIn, pstMesh->vfMesh.data(), (uint8_t *)vdWork.data(), uWork, &pstMesh->stColdStats);
     pstMesh->dColdMs = Millis(tStart);
@@ -182,11 +236,12 @@ void SolveSceneMesh(const tagST_QS_SCENE &stScene, float fStrength, bool bLines,
     pstMesh->dWarmMs = Millis(tStart);
 }
 
-void MeasureTemporal(const tagST_QS_SCENE &stScene, float fStrength, tagST_QME_TEMPORAL *pstTemporal)
+void MeasureTemporal(const tagST_QS_SCENE &stScene, const tagST_QME_SETUP &stSetup, tagST_QME_TEMPORAL *pstTemporal)
 {
     tagST_QME_MESH stMesh;
-    SolveSceneMesh(stScene, fStrength, false, &stMesh);
-    const tagST_MESH_INPUT stIn = SceneInput(stScene, stMesh.stLens, fStrength);
+    SolveSceneMesh(stScene, stSetup, &stMesh);
+    std::vector<stLine> vstLines;
+    const tagST_MESH_INPUT stIn = SceneInput(stScene, stMesh.stLens, stSetup, &vstLines);
     const std::vector<int32_t> viFaces = WidenedFaces(stScene.vstFaces);
     const int32_t iFrames = 3 * LDC_TRACK_FADE_FRAMES;
     std::mt19937 stRandom(15);
@@ -208,9 +263,12 @@ void MeasureTemporal(const tagST_QS_SCENE &stScene, float fStrength, tagST_QME_T
         }
         (bTracked ? pstTemporal->dJitterTracked : pstTemporal->dJitterRaw) = dMax;
     }
+    pstTemporal->dBound = FaceMeshStepBound(stIn.iWidth, stIn.iHeight);
     MeshSequence stCut(stIn);
-    RunFrames(&stCut, viFaces, iFrames, &pstTemporal->dCutInStep, &pstTemporal->iCutInFrames);
-    RunFrames(&stCut, std::vector<int32_t>(), iFrames, &pstTemporal->dCutOutStep, &pstTemporal->iCutOutFrames);
+    // Long enough for the step bound to bring in the largest correction.
+    const int32_t iCutFrames = 8 * LDC_TRACK_FADE_FRAMES;
+    RunFrames(&stCut, viFaces, iCutFrames, &pstTemporal->dCutInStep, &pstTemporal->iCutInFrames);
+    RunFrames(&stCut, std::vector<int32_t>(), iCutFrames, &pstTemporal->dCutOutStep, &pstTemporal->iCutOutFrames);
     // The border face (the second) walks inward 10 pixels a frame.
     MeshSequence stWalk(stIn);
     std::vector<int32_t> viWalk = viFaces;

@@ -21,14 +21,35 @@ typedef struct tagST_QME_MESH {
     double dColdMs;   // solve from zero
     double dWarmMs;   // the same solve started from its own result
     int32_t iStatus;
+    int32_t iLines;   // segments handed to the line term
 } tagST_QME_MESH;
 
-// Solves the mesh for the scene's faces widened as the frame driver widens them; with bLines the
-// scene's straight lines go to the line term as a detector would report them.
-void SolveSceneMesh(const tagST_QS_SCENE &stScene, float fStrength, bool bLines, tagST_QME_MESH *pstMesh);
+// Which straight segments the mesh's line term gets: none, the ones the library's line finder
+// finds on the recorded frame, or the scene's own lines (an upper bound of what a finder gives).
+typedef enum tagE_QME_LINES {
+    E_QME_LINES_NONE = 0,
+    E_QME_LINES_DETECTED,
+    E_QME_LINES_SCENE,
+} tagE_QME_LINES;
 
-// Frame-to-frame steadiness of the mesh: the largest change of any vertex's displacement (an
-// output pixel's motion, in pixels) between consecutive frames.
+typedef struct tagST_QME_SETUP {
+    float fStrength;
+    tagE_QME_LINES eLines;
+    int32_t iCells;                  // cells along the longer side, 0 for the default
+    const uint8_t *pucRecorded;      // the recorded frame's luma, for the detected lines
+} tagST_QME_SETUP;
+
+// Solves the mesh for the scene's faces widened as the frame driver widens them.
+void SolveSceneMesh(const tagST_QS_SCENE &stScene, const tagST_QME_SETUP &stSetup, tagST_QME_MESH *pstMesh);
+
+// The segments the library's line finder reports on a recorded luma plane, in recorded pixels:
+// downscale, Sobel edges, Hough segments within 22 degrees of the axes, collinear pieces joined,
+// the short ones dropped, with the sample configuration's thresholds.
+std::vector<stLine> DetectedSegments(const uint8_t *pucLuma, int32_t iWidth, int32_t iHeight);
+
+// Frame-to-frame steadiness of the mesh shown: the largest change of any vertex's displacement (an
+// output pixel's motion, in pixels) between consecutive frames. Tracked runs go through the face
+// track and the step bound, as a preview stream would.
 typedef struct tagST_QME_TEMPORAL {
     double dJitterRaw;      // faces jittering by +-3 pixels on a static scene, fed straight in
     double dJitterTracked;  // the same through the face track, once the faces are in
@@ -37,9 +58,10 @@ typedef struct tagST_QME_TEMPORAL {
     double dCutOutStep;     // largest step while they fade out
     int32_t iCutOutFrames;
     double dMovingStep;     // the border face moving 10 pixels a frame, tracked
+    double dBound;          // the step bound of the mesh shown (FaceMeshStepBound)
 } tagST_QME_TEMPORAL;
 
-void MeasureTemporal(const tagST_QS_SCENE &stScene, float fStrength, tagST_QME_TEMPORAL *pstTemporal);
+void MeasureTemporal(const tagST_QS_SCENE &stScene, const tagST_QME_SETUP &stSetup, tagST_QME_TEMPORAL *pstTemporal);
 
 // The reference renderer of a solved mesh for frames of the scene's size.
 QualityRenderer MeshRenderer(const tagST_QME_MESH &stMesh, int32_t iWidth, int32_t iHeight);

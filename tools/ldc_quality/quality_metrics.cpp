@@ -366,6 +366,7 @@ void MeasureCorrectedMap(const tagST_QS_SCENE &stScene, const tagST_QP_MAP &stMa
     pstResult->iLines = 0;
     pstResult->iFarLines = 0;
     std::vector<double> vdPoints;
+    pstResult->vstLines.clear();
     for (const tagST_QS_LINE &stLine : stScene.vstLines) {
         LinePoints(stScene, stLine, stMap, &vdPoints);
         const size_t uN = vdPoints.size() / 2;
@@ -377,11 +378,15 @@ void MeasureCorrectedMap(const tagST_QS_SCENE &stScene, const tagST_QP_MAP &stMa
         dSumAll += dResidual;
         uAll += uN;
         pstResult->iLines++;
-        if (LineIsFar(stScene, stLine)) {
+        const bool bFar = LineIsFar(stScene, stLine);
+        if (bFar) {
             dSumFar += dResidual;
             uFar += uN;
             pstResult->iFarLines++;
         }
+        const tagST_QM_LINE stMeasured = {(int32_t)(&stLine - stScene.vstLines.data()),
+                                          sqrt(dResidual / uN) * 1000.0 / iW, (int32_t)uN, bFar ? 1 : 0};
+        pstResult->vstLines.push_back(stMeasured);
     }
     const double dPerMille = 1000.0 / iW;
     pstResult->dLinesRms = uAll ? sqrt(dSumAll / uAll) * dPerMille : 0.0;

@@ -16,6 +16,13 @@ typedef struct tagST_QM_FACE {
     int32_t bCut;        // the silhouette touches the frame's border, or is gone
 } tagST_QM_FACE;
 
+typedef struct tagST_QM_LINE {
+    int32_t iIndex;    // in the scene's lines
+    double dRms;       // px per 1000 px of width
+    int32_t iPoints;
+    int32_t bFar;
+} tagST_QM_LINE;
+
 typedef struct tagST_QM_RESULT {
     std::vector<tagST_QM_FACE> vstFaces;   // one per sphere of the scene
     double dWorstBorderRatio;              // smallest axis ratio of the faces away from the centre
@@ -36,6 +43,7 @@ typedef struct tagST_QM_RESULT {
     // pixels, 1 / (smallest singular value of the map's Jacobian). A strip squeezed between a face
     // and the frame's edge shows up here; conformal faces (stretched one way only) do not.
     double dMagnification;
+    std::vector<tagST_QM_LINE> vstLines;   // every line measured
 } tagST_QM_RESULT;
 
 // Corrected points of a source map. NaN marks a position without preimage under the lens and a

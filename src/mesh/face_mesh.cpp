@@ -10,9 +10,11 @@
 #define LDC_MESH_MAX_CELLS 256
 #define LDC_MESH_MAX_LEVELS 6
 #define LDC_MESH_MAX_ITERATIONS 100  // per solve: bounds the time whatever the input
-#define LDC_MESH_TOLERANCE 1e-5      // relative residual at which a solve stops
+#define LDC_MESH_TOLERANCE 1e-4      // relative residual at which a solve stops
+#define LDC_MESH_START_TOLERANCE 1e-2     // the coarser grids only give the finest its start
+#define LDC_MESH_COARSEST_TOLERANCE 1e-3  // the V-cycle's solve on its coarsest grid
 #define LDC_MESH_LENS_STEPS 12       // Newton steps of the inverse lens model
-#define LDC_MESH_SAMPLES_PER_CELL 2  // line-term samples per cell along a segment
+#define LDC_MESH_SAMPLES_PER_CELL 1  // line-term samples per cell along a segment
 #define LDC_MESH_MAX_SAMPLES 16384   // line-term samples over all levels
 #define LDC_MESH_FIT_STEPS 12        // bisection steps of a crowded face's strength
 #define LDC_MESH_MAX_FOLD_TERMS 4096 // cell corners the fold guard holds at most
@@ -89,8 +91,8 @@ typedef struct tagST_MESH_LINE {
 
 typedef struct tagST_MESH_SAMPLE {
     int32_t iVertex;   // first vertex of the cell it lies in
-    float fA;          // bilinear fractions in the cell
-    float fB;
+    float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1),
+                       // 0 for those on the frame's edge: held, they take no share of the term
     float fT;          // position along the segment
     float fAcross;     // scratch: the displacement across the segment
 } tagST_MESH_SAMPLE;
@@ -598,6 +600,13 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     return iReached;
 }
 
+// Whether vertex v lies on the frame's edge (held in place).
+static int32_t OnBorder(const tagST_MESH_GRID *pstGrid, int32_t v)
+{
+    const int32_t i = v % pstGrid->iCols, j = v / pstGrid->iCols;
+    return i == 0 || j == 0 || i == pstGrid->iCols - 1 || j == pstGrid->iRows - 1;
+}
+
 // The cell of the output point (fX, fY): its first vertex and the bilinear fractions.
 static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float *pfA, float *pfB)
 {
@@ -660,7 +669,14 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
                 break;
             }
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
-            pstSample->iVertex = CellOf(pstGrid, fX, fY, &pstSample->fA, &pstSample->fB);
+            float fA, fB;
+            const int32_t v = CellOf(pstGrid, fX, fY, &fA, &fB);
+            const float afW[4] = {(1.0f - fA) * (1.0f - fB), fA * (1.0f - fB), (1.0f - fA) * fB, fA * fB};
+            const int32_t aiV[4] = {v, v + 1, v + pstGrid->iCols, v + pstGrid->iCols + 1};
+            for (int32_t n = 0; n < 4; n++) {
+                pstSample->afW[n] = OnBorder(pstGrid, aiV[n]) ? 0.0f : afW[n];
+            }
+            pstSample->iVertex = v;
             pstSample->fT = fT * fLen;
             fSumT += pstSample->fT;
             pstLine->iCount++;
@@ -700,13 +716,6 @@ static void AddCornerShare(const tagST_MESH_LEVEL *pstLevel, tagST_MESH_FOLD_TER
     pstTerm->aiIndex[*piCount + 1] = Unknown(pstLevel, v, 1);
     pstTerm->afCoef[*piCount + 1] = fGy;
     *piCount += 2;
-}
-
-// Whether vertex v lies on the frame's edge (held in place).
-static int32_t OnBorder(const tagST_MESH_GRID *pstGrid, int32_t v)
-{
-    const int32_t i = v % pstGrid->iCols, j = v / pstGrid->iCols;
-    return i == 0 || j == 0 || i == pstGrid->iCols - 1 || j == pstGrid->iRows - 1;
 }
 
 // The fold guard: at every cell corner whose area ratio (the Jacobian's determinant over the
@@ -815,11 +824,10 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
             const int32_t v = pstS->iVertex;
-            const float fX0 = pfInX[v] + pstS->fA * (pfInX[v + 1] - pfInX[v]);
-            const float fX1 = pfInX[v + iC] + pstS->fA * (pfInX[v + iC + 1] - pfInX[v + iC]);
-            const float fY0 = pfInY[v] + pstS->fA * (pfInY[v + 1] - pfInY[v]);
-            const float fY1 = pfInY[v + iC] + pstS->fA * (pfInY[v + iC + 1] - pfInY[v + iC]);
-            const float fAcross = pstLine->fNx * (fX0 + pstS->fB * (fX1 - fX0)) + pstLine->fNy * (fY0 + pstS->fB * (fY1 - fY0));
+            const float *pfW = pstS->afW;
+            const float fX = (pfW[0] * pfInX[v] + pfW[1] * pfInX[v + 1]) + (pfW[2] * pfInX[v + iC] + pfW[3] * pfInX[v + iC + 1]);
+            const float fY = (pfW[0] * pfInY[v] + pfW[1] * pfInY[v + 1]) + (pfW[2] * pfInY[v + iC] + pfW[3] * pfInY[v + iC + 1]);
+            const float fAcross = pstLine->fNx * fX + pstLine->fNy * fY;
             ((tagST_MESH_SAMPLE *)pstS)->fAcross = fAcross;
             fSum += fAcross;
             fSumT += pstS->fT * fAcross;
@@ -829,14 +837,11 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
             const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
             const int32_t v = pstS->iVertex;
             const float fE = pstLevel->fLineWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
-            const float afW[4] = {(1.0f - pstS->fA) * (1.0f - pstS->fB), pstS->fA * (1.0f - pstS->fB),
-                                  (1.0f - pstS->fA) * pstS->fB, pstS->fA * pstS->fB};
+            const float fEx = fE * pstLine->fNx, fEy = fE * pstLine->fNy;
             const int32_t aiV[4] = {v, v + 1, v + iC, v + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
-                if (!OnBorder(&pstLevel->stGrid, aiV[n])) {
-                    pfOutX[aiV[n]] += fE * afW[n] * pstLine->fNx;
-                    pfOutY[aiV[n]] += fE * afW[n] * pstLine->fNy;
-                }
+                pfOutX[aiV[n]] += fEx * pstS->afW[n];
+                pfOutY[aiV[n]] += fEy * pstS->afW[n];
             }
         }
     }
@@ -873,8 +878,7 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
         const float fNx = fabsf(pstLine->fNx), fNy = fabsf(pstLine->fNy);
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             const tagST_MESH_SAMPLE *pstS = &pstSamples[pstLine->iFirst + k];
-            const float afW[4] = {(1.0f - pstS->fA) * (1.0f - pstS->fB), pstS->fA * (1.0f - pstS->fB),
-                                  (1.0f - pstS->fA) * pstS->fB, pstS->fA * pstS->fB};
+            const float *afW = pstS->afW;
             const int32_t aiV[4] = {pstS->iVertex, pstS->iVertex + 1, pstS->iVertex + iC, pstS->iVertex + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
                 const float fW = pstLevel->fLineWeight * afW[n] * (fNx + fNy);
@@ -1010,7 +1014,8 @@ static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_
                                   int32_t iLevels, double dTolerance, int32_t iMaxIterations, float *pfResidual);
 
 // pfZ = M^-1 pfR at level l: a V-cycle over the levels below, or at the coarsest level a solve
-// (conjugate gradients to a tight tolerance, in that level's own arrays).
+// (conjugate gradients in that level's own arrays, to a thousandth: the cycle's smoothing above
+// leaves more error than that).
 static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t l, int32_t iLevels,
                    const float *pfR, float *pfZ, float *pfTmp)
 {
@@ -1020,7 +1025,8 @@ static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamp
         memcpy(pstLevel->pfRhs, pfR, (size_t)iN * sizeof(float));
         memset(pstLevel->pfX, 0, (size_t)iN * sizeof(float));
         float fResidual;
-        ConjugateGradients(astLevels, pstSamples, l, l + 1, 1e-6, 2 * pstLevel->iVertices, &fResidual);
+        ConjugateGradients(astLevels, pstSamples, l, l + 1, LDC_MESH_COARSEST_TOLERANCE, 2 * pstLevel->iVertices,
+                           &fResidual);
         memcpy(pfZ, pstLevel->pfX, (size_t)iN * sizeof(float));
         return;
     }
@@ -1255,7 +1261,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
             for (int32_t l = iLevels - 1; l > 0; l--) {
                 float fResidual;
                 pstStats->iCoarseIterations +=
-                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
+                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_START_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
                 ProlongVector(&astLevels[l], astLevels[l].pfX, &astLevels[l - 1], astLevels[l - 1].pfX, 0);
             }
         }

@@ -18,7 +18,7 @@ typedef struct tagST_QME_MESH {
     std::vector<float> vfMesh;
     tagST_MESH_STATS stColdStats;
     tagST_MESH_STATS stWarmStats;
-    double dColdMs;   // solve from zero
+    double dColdMs;   // solve from zero (processor time of the solving thread)
     double dWarmMs;   // the same solve started from its own result
     int32_t iStatus;
     int32_t iLines;   // segments handed to the line term

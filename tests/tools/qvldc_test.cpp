@@ -7,6 +7,8 @@
 #include <set>
 
 #include "../../tools/qvldc/qvldc_parse.cpp"
+#include "config/xml_config.h"
+#include "support/temp_file.h"
 
 namespace {
 
@@ -156,15 +158,16 @@ TEST(QvldcParse, PlanInWords)
     std::set<std::string> setTexts;
     tagST_LDC_PLAN stPlan;
     InitFramePlan(&stPlan);
-    for (int32_t ePath = LDC_PATH_COPY; ePath <= LDC_PATH_FALLBACK; ePath++) {
-        for (int32_t eWhy = LDC_REFUSAL_NONE; eWhy <= LDC_REFUSAL_FACE_EDGE; eWhy++) {
+    for (int32_t ePath = LDC_PATH_COPY; ePath <= LDC_PATH_MESH; ePath++) {
+        for (int32_t eWhy = LDC_REFUSAL_NONE; eWhy <= LDC_REFUSAL_MESH; eWhy++) {
             stPlan.ePath = ePath;
             stPlan.eRefusal = eWhy;
             setTexts.insert(DescribePlanPath(stPlan, stPara));
         }
     }
-    // Copy and fallback name each of the eight reasons; the lens, face and global paths give one each.
-    EXPECT_EQ(setTexts.size(), 8u + 8u + 3u);
+    // Copy and fallback name each of the nine reasons; the lens path names a failed mesh or the
+    // full budget, the face, global and mesh paths give one each.
+    EXPECT_EQ(setTexts.size(), 9u + 9u + 2u + 3u);
     stPlan.ePath = LDC_PATH_COPY;
     stPlan.bNotFinite = 1;
     EXPECT_EQ(0u, setTexts.count(DescribePlanPath(stPlan, stPara)));
@@ -205,6 +208,30 @@ bool Options(std::vector<const char *> vpcArgs, tagST_QV_OPTIONS *pstOpt, std::s
     return ParseOptions((int)vpcArgs.size(), vpcArgs.data(), pstOpt, pstrError);
 }
 
+// --fdc-method's copy of the configuration: whether the key stood there, its section did, or
+// neither, the library's reader finds the method asked for and every other value as it was.
+TEST(QvldcParse, ConfigWithFdcMethod)
+{
+    const std::string astrConfigs[] = {
+        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global><FaceDistortionCorrection>"
+        "<FDCMethod>0</FDCMethod><FOVLost>7</FOVLost></FaceDistortionCorrection></Config>",
+        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global><FaceDistortionCorrection>"
+        "<FOVLost>7</FOVLost></FaceDistortionCorrection></Config>",
+        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global></Config>"};
+    for (const std::string &strConfig : astrConfigs) {
+        for (int32_t iMethod = LDC_FDC_HOMOGRAPHY; iMethod <= LDC_FDC_MESH; iMethod++) {
+            const std::string strPath = WriteTempFile("fdc_method.xml", ConfigWithFdcMethod(strConfig, iMethod));
+            XmlConfig stCfg;
+            ASSERT_EQ(1, stCfg.LoadConfig(strPath.c_str()));
+            EXPECT_EQ(iMethod, stCfg.GetInteger("/Config/FaceDistortionCorrection/FDCMethod", -1)) << strConfig;
+            EXPECT_EQ(1, stCfg.GetInteger("/Config/Global/LDCFlag", -1)) << strConfig;
+            const int32_t iFov = strConfig.find("FOVLost") != std::string::npos ? 7 : -1;
+            EXPECT_EQ(iFov, stCfg.GetInteger("/Config/FaceDistortionCorrection/FOVLost", -1)) << strConfig;
+            unlink(strPath.c_str());
+        }
+    }
+}
+
 TEST(QvldcParse, CommandLine)
 {
     tagST_QV_OPTIONS stOpt;
@@ -243,6 +270,7 @@ TEST(QvldcParse, CommandLine)
         {{"--batch", "d", "--config", "c", "--face", "1,2,3,4"}, "go with --in"},
         {{"--in", "f.yuv", "--config", "c", "stray"}, "unexpected argument stray"},
         {{"--in", "f.yuv", "--config", "c", "--colour", "red"}, "unknown option --colour"},
+        {{"--in", "f.yuv", "--config", "c", "--fdc-method", "fast"}, "--fdc-method wants homography or mesh"},
     };
     for (const auto &stCase : astBad) {
         strError.clear();
@@ -252,7 +280,7 @@ TEST(QvldcParse, CommandLine)
     // The help names every option the parser takes.
     for (const char *pcOption : {"--in", "--batch", "--render-sample", "--config", "--size", "--format", "--iso",
                                  "--face", "--faces-file", "--detect-faces", "--cascade", "--out-yuv", "--out-png",
-                                 "--before-png", "--overlay", "--out-dir", "--quiet"}) {
+                                 "--before-png", "--overlay", "--out-dir", "--quiet", "--fdc-method"}) {
         EXPECT_NE(nullptr, strstr(UsageText(), pcOption)) << pcOption;
     }
 }

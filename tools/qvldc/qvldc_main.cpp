@@ -116,7 +116,8 @@ struct FrameResult {
     std::string strLog;
     int32_t iTimeMs = -1;         // as the library logged it
     tagST_LDC_PARA stPara = {};   // the instance's decision fields after the frame
-    tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame
+    tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame (its mesh pointer cleared)
+    std::vector<float> vfMesh;    // the face mesh the frame was rendered through, if any
     std::string strPath;          // which way the frame went and why, in words
 };
 
@@ -141,6 +142,15 @@ std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_
                  (double)stPlan.fFitDegree, stPlan.iFitStatus, stPlan.iFitFovLost);
     }
     vstrLines.push_back(acLine);
+    if (stPlan.ePath == LDC_PATH_MESH || stPlan.eRefusal == LDC_REFUSAL_MESH) {
+        const tagST_MESH_STATS &stStats = stPlan.stMeshStats;
+        snprintf(acLine, sizeof(acLine),
+                 "face mesh: %d face(s) tracked, %dx%d vertices, status %d, strength %.3f, %d iteration(s) in %d "
+                 "round(s), step %.2f px",
+                 stPlan.iMeshFaces, stPlan.stMeshGrid.iCols, stPlan.stMeshGrid.iRows, stPlan.iMeshStatus,
+                 (double)stStats.fStrength, stStats.iIterations, stStats.iRounds, (double)stPlan.fMeshStep);
+        vstrLines.push_back(acLine);
+    }
     if (stPlan.bLineCheck) {
         const tagST_LINE_CHECK &stCheck = stPlan.stLineCheck;
         snprintf(acLine, sizeof(acLine), "line check: %d lines kept, %d judged, %d drawn -> %s", stCheck.iKept,
@@ -170,6 +180,12 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     PassLibraryOutput(stResult.strLog, bEcho);
     stResult.iTimeMs = LibraryTimeMs(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
+    // The mesh lives in the instance's working buffer until its next frame: keep a copy.
+    if (stResult.stPlan.pfMesh != NULL) {
+        const tagST_MESH_GRID &stGrid = stResult.stPlan.stMeshGrid;
+        stResult.vfMesh.assign(stResult.stPlan.pfMesh, stResult.stPlan.pfMesh + 2 * (size_t)stGrid.iCols * stGrid.iRows);
+        stResult.stPlan.pfMesh = NULL;
+    }
     stResult.strPath = DescribePlanPath(stResult.stPlan, stResult.stPara);
     return stResult;
 }
@@ -179,18 +195,19 @@ cv::Mat MakeOverlay(const FrameResult &stResult, const tagST_QV_FRAME &stIn, con
 {
     tagST_QV_DECISION stDecision;
     stDecision.vstrLines = DecisionLines(stResult, stIn, iISO, vstFaces);
-    return DrawOverlay(stBefore, vstFaces, stResult.stPara, stResult.stPlan, stDecision);
+    return DrawOverlay(stBefore, vstFaces, stResult.stPara, stResult.stPlan, stResult.vfMesh, stDecision);
 }
 
 int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void **ppHandle)
 {
     // Create copies a fixed 256 bytes of the path: hand it storage of that size.
     char acPath[LDC_CFG_PATH_LEN] = {0};
-    if (stOpt.strConfig.size() >= sizeof(acPath)) {
+    const std::string &strLibraryConfig = stOpt.strLibraryConfig.empty() ? stOpt.strConfig : stOpt.strLibraryConfig;
+    if (strLibraryConfig.size() >= sizeof(acPath)) {
         fprintf(stderr, "qvldc: the configuration path is longer than %zu characters\n", sizeof(acPath) - 1);
         return LDC_ERR_PARAM;
     }
-    memcpy(acPath, stOpt.strConfig.c_str(), stOpt.strConfig.size());
+    memcpy(acPath, strLibraryConfig.c_str(), strLibraryConfig.size());
     ST_LDC_INPUT_PARA stInput = {iW, iH, acPath, stOpt.ePicType};
     int32_t iRet = LDC_OK;
     const std::string strLog = CaptureOutput([&] { iRet = IQV_LDC_Create(ppHandle, &stInput); });
@@ -443,6 +460,32 @@ int main(int iArgc, char **ppcArgv)
     if (!stOpt.strConfig.empty() && !ReadInputFile(stOpt.strConfig, QV_MAX_CONFIG_FILE_BYTES, &vucConfig, &strError)) {
         Refuse(stOpt.strConfig, strError);
         return 2;
+    }
+    // --fdc-method: the library reads a copy of the configuration with the key set, removed at exit.
+    struct TempConfig {
+        std::string strPath;
+        ~TempConfig()
+        {
+            if (!strPath.empty()) {
+                unlink(strPath.c_str());
+            }
+        }
+    } stTemp;
+    if (stOpt.iFdcMethod >= 0 && !stOpt.strConfig.empty()) {
+        char acTemp[] = "/tmp/qvldc_config_XXXXXX.xml";
+        const int iFd = mkstemps(acTemp, 4);
+        const std::string strText = ConfigWithFdcMethod(std::string(vucConfig.begin(), vucConfig.end()), stOpt.iFdcMethod);
+        if (iFd < 0 || write(iFd, strText.data(), strText.size()) != (ssize_t)strText.size()) {
+            Refuse(acTemp, iFd < 0 ? strerror(errno) : "could not write the configuration's copy");
+            if (iFd >= 0) {
+                close(iFd);
+                unlink(acTemp);
+            }
+            return 2;
+        }
+        close(iFd);
+        stTemp.strPath = acTemp;
+        stOpt.strLibraryConfig = acTemp;
     }
     int iExit = 0;
     try {

@@ -307,6 +307,8 @@ static std::string RefusalText(const tagST_LDC_PLAN &stPlan)
         return "the face correction cost too much field of view";
     case LDC_REFUSAL_FACE_EDGE:
         return "the face correction pushed the outer edge of face " + std::to_string(stPlan.iRefusedFace + 1) + " out";
+    case LDC_REFUSAL_MESH:
+        return "the face mesh solve failed (" + std::to_string(stPlan.iMeshStatus) + ")";
     default:
         return "no correction applies";
     }
@@ -317,7 +319,10 @@ std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA 
     const std::string strModel = stPara.iLDCEnable == 1 ? " (lens model over its valid area)" : " (global face model)";
     switch (stPlan.ePath) {
     case LDC_PATH_LENS:
-        return "lens remap alone: a field-of-view budget of 100% makes no face fit";
+        return stPlan.eRefusal == LDC_REFUSAL_MESH ? "lens remap alone: " + RefusalText(stPlan)
+                                                   : "lens remap alone: a field-of-view budget of 100% makes no face fit";
+    case LDC_PATH_MESH:
+        return "face mesh with the lens remap in one pass (FDCMethod 1)";
     case LDC_PATH_FACE:
         return "face homography on the lens-corrected frame";
     case LDC_PATH_GLOBAL:
@@ -368,8 +373,11 @@ const char *UsageText()
 "  --overlay FILE        input frame with the faces (thin: as given, thick: widened by the\n"
 "                        library), the valid areas (cyan: lens, magenta: global face\n"
 "                        correction), the lines the line check kept (green: judged straight\n"
-"                        enough, red: the one that would bend, faint grey: not judged) and\n"
-"                        the decision\n"
+"                        enough, red: the one that would bend, faint grey: not judged), on\n"
+"                        the face mesh path the mesh's grid where the output samples the\n"
+"                        input (orange), and the decision\n"
+"  --fdc-method M        homography or mesh: the face-correction method, in place of the\n"
+"                        configuration's FDCMethod (which is kept on a copy of it)\n"
 "  --quiet               do not repeat the library's log, print only the decision\n"
 "\n"
 "A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
@@ -432,6 +440,7 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     stOpt.bQuiet = 0;
     stOpt.stBoard = {0, 0};
     stOpt.dSquare = 0.0;
+    stOpt.iFdcMethod = -1;
     stOpt.strCascade = "/usr/share/opencv4/haarcascades/haarcascade_frontalface_default.xml";
     int32_t iModes = 0;
     for (int i = 1; i < iArgc; i++) {
@@ -506,6 +515,12 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
             stOpt.strOutPng = strValue;
         } else if (strArg == "--before-png") {
             stOpt.strBeforePng = strValue;
+        } else if (strArg == "--fdc-method") {
+            if (strValue != "homography" && strValue != "mesh") {
+                *pstrError = "--fdc-method wants homography or mesh, not " + strValue;
+                return false;
+            }
+            stOpt.iFdcMethod = strValue == "mesh" ? LDC_FDC_MESH : LDC_FDC_HOMOGRAPHY;
         } else if (strArg == "--overlay") {
             stOpt.strOverlayPng = strValue;
         } else if (strArg == "--out-dir") {
@@ -581,4 +596,24 @@ float InvertRadialModel(const tagST_RADIAL_MODEL *pstModel, float fRho, float fR
         }
     }
     return 0.5f * (fLo + fHi);
+}
+
+std::string ConfigWithFdcMethod(const std::string &strXml, int32_t iMethod)
+{
+    const std::string strKey = "<FDCMethod>" + std::to_string(iMethod) + "</FDCMethod>";
+    const size_t uOpen = strXml.find("<FDCMethod>");
+    const size_t uClose = uOpen == std::string::npos ? uOpen : strXml.find("</FDCMethod>", uOpen);
+    if (uClose != std::string::npos) {
+        return strXml.substr(0, uOpen) + strKey + strXml.substr(uClose + strlen("</FDCMethod>"));
+    }
+    const size_t uSection = strXml.find("</FaceDistortionCorrection>");
+    if (uSection != std::string::npos) {
+        return strXml.substr(0, uSection) + strKey + strXml.substr(uSection);
+    }
+    const size_t uEnd = strXml.rfind("</Config>");
+    if (uEnd == std::string::npos) {
+        return strXml;
+    }
+    return strXml.substr(0, uEnd) + "<FaceDistortionCorrection>" + strKey + "</FaceDistortionCorrection>" +
+           strXml.substr(uEnd);
 }

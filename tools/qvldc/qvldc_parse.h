@@ -56,6 +56,8 @@ typedef struct tagST_QV_OPTIONS {
     tagST_QV_SIZE stBoard;        // --calibrate: inner corners of the chessboard, columns x rows
     double dSquare;               // --calibrate: side of a square (0: not given)
     std::string strProfileOut;    // --calibrate: where the profile block goes
+    int32_t iFdcMethod;           // --fdc-method: LDC_FDC_HOMOGRAPHY or LDC_FDC_MESH, -1 as configured
+    std::string strLibraryConfig; // what the library reads: --config, or its copy with --fdc-method's key
 } tagST_QV_OPTIONS;
 
 // "L,T,R,B": four integers, blanks allowed around the commas.
@@ -104,6 +106,11 @@ std::string JoinLines(const std::string &strText);
 
 // Which way the frame driver took the frame and why, in words, from its plan and the instance's
 // decision fields after the frame.
+// The configuration's text with FDCMethod set to iMethod: the key replaced where it stands, else
+// added to the face-correction section (made when missing). Text without </Config> comes back
+// as it is, for the library to refuse.
+std::string ConfigWithFdcMethod(const std::string &strXml, int32_t iMethod);
+
 std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara);
 
 // How the line check treated the plan's line i: judged straight, the one that bent, or kept but

@@ -7,8 +7,6 @@
 #include <set>
 
 #include "../../tools/qvldc/qvldc_parse.cpp"
-#include "config/xml_config.h"
-#include "support/temp_file.h"
 
 namespace {
 
@@ -208,30 +206,6 @@ bool Options(std::vector<const char *> vpcArgs, tagST_QV_OPTIONS *pstOpt, std::s
     return ParseOptions((int)vpcArgs.size(), vpcArgs.data(), pstOpt, pstrError);
 }
 
-// --fdc-method's copy of the configuration: whether the key stood there, its section did, or
-// neither, the library's reader finds the method asked for and every other value as it was.
-TEST(QvldcParse, ConfigWithFdcMethod)
-{
-    const std::string astrConfigs[] = {
-        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global><FaceDistortionCorrection>"
-        "<FDCMethod>0</FDCMethod><FOVLost>7</FOVLost></FaceDistortionCorrection></Config>",
-        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global><FaceDistortionCorrection>"
-        "<FOVLost>7</FOVLost></FaceDistortionCorrection></Config>",
-        "<?xml version=\"1.0\"?><Config><Global><LDCFlag>1</LDCFlag></Global></Config>"};
-    for (const std::string &strConfig : astrConfigs) {
-        for (int32_t iMethod = LDC_FDC_HOMOGRAPHY; iMethod <= LDC_FDC_MESH; iMethod++) {
-            const std::string strPath = WriteTempFile("fdc_method.xml", ConfigWithFdcMethod(strConfig, iMethod));
-            XmlConfig stCfg;
-            ASSERT_EQ(1, stCfg.LoadConfig(strPath.c_str()));
-            EXPECT_EQ(iMethod, stCfg.GetInteger("/Config/FaceDistortionCorrection/FDCMethod", -1)) << strConfig;
-            EXPECT_EQ(1, stCfg.GetInteger("/Config/Global/LDCFlag", -1)) << strConfig;
-            const int32_t iFov = strConfig.find("FOVLost") != std::string::npos ? 7 : -1;
-            EXPECT_EQ(iFov, stCfg.GetInteger("/Config/FaceDistortionCorrection/FOVLost", -1)) << strConfig;
-            unlink(strPath.c_str());
-        }
-    }
-}
-
 TEST(QvldcParse, CommandLine)
 {
     tagST_QV_OPTIONS stOpt;
@@ -270,7 +244,7 @@ TEST(QvldcParse, CommandLine)
         {{"--batch", "d", "--config", "c", "--face", "1,2,3,4"}, "go with --in"},
         {{"--in", "f.yuv", "--config", "c", "stray"}, "unexpected argument stray"},
         {{"--in", "f.yuv", "--config", "c", "--colour", "red"}, "unknown option --colour"},
-        {{"--in", "f.yuv", "--config", "c", "--fdc-method", "fast"}, "--fdc-method wants homography or mesh"},
+        {{"--calibrate", "d", "--size", "640x480", "--board", "9x6", "--set", "K=1"}, "--set changes a configuration"},
     };
     for (const auto &stCase : astBad) {
         strError.clear();
@@ -280,7 +254,7 @@ TEST(QvldcParse, CommandLine)
     // The help names every option the parser takes.
     for (const char *pcOption : {"--in", "--batch", "--render-sample", "--config", "--size", "--format", "--iso",
                                  "--face", "--faces-file", "--detect-faces", "--cascade", "--out-yuv", "--out-png",
-                                 "--before-png", "--overlay", "--out-dir", "--quiet", "--fdc-method"}) {
+                                 "--before-png", "--overlay", "--out-dir", "--quiet"}) {
         EXPECT_NE(nullptr, strstr(UsageText(), pcOption)) << pcOption;
     }
 }

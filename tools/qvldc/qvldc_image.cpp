@@ -1,9 +1,11 @@
 #include "qvldc_image.h"
 
+#include <math.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -12,6 +14,7 @@
 #include "geometry/lens_model.h"
 #include "linedetect/line_bend.h"
 #include "qvldc_io.h"
+#include "qvldc_view.h"
 
 // 4:2:0 chroma needs even sides: a photo loses its last column or row when they are odd.
 static bool PhotoSideFits(uint32_t uSide)
@@ -134,6 +137,25 @@ bool SavePng(const std::string &strPath, const cv::Mat &stBgr)
     } catch (const cv::Exception &) {
         return false;
     }
+}
+
+cv::Mat ScaledToWidth(const cv::Mat &stBgr, int32_t iWidth)
+{
+    if (iWidth <= 0 || iWidth >= stBgr.cols) {
+        return stBgr;
+    }
+    cv::Mat stSmall;
+    const double dScale = (double)iWidth / stBgr.cols;
+    cv::resize(stBgr, stSmall, cv::Size(iWidth, std::max(1, (int32_t)lround(stBgr.rows * dScale))), 0, 0,
+               cv::INTER_AREA);
+    return stSmall;
+}
+
+std::vector<uint8_t> ThumbnailJpeg(const cv::Mat &stBgr)
+{
+    std::vector<uint8_t> vucJpeg;
+    cv::imencode(".jpg", ScaledToWidth(stBgr, 320), vucJpeg, {cv::IMWRITE_JPEG_QUALITY, 80});
+    return vucJpeg;
 }
 
 bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vector<ST_FACE_RECT> *pvstFaces,
@@ -264,6 +286,28 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
     for (int32_t i = 0; i < stPlan.iFaceNum; i++) {
         const int32_t *piRect = stPlan.aiFaceRect[i];
         DrawRect(stOut, piRect[0], piRect[1], piRect[2], piRect[3], stYellow, 2 * iThick);
+    }
+    // What the output shows of the input: the output frame's border traced back (orange). Where
+    // the warp ran out of source the trace leaves the frame: the output repeats the edge there.
+    if (stPlan.ePath != LDC_PATH_COPY) {
+        const int32_t iSteps = 64;
+        std::vector<cv::Point> vstShown;
+        for (int32_t k = 0; k < 4 * iSteps; k++) {
+            const float fU = (float)(k % iSteps) / iSteps;
+            const float afX[4] = {fU * (iW - 1), (float)(iW - 1), (1.0f - fU) * (iW - 1), 0.0f};
+            const float afY[4] = {0.0f, fU * (iH - 1), (float)(iH - 1), (1.0f - fU) * (iH - 1)};
+            float fX, fY;
+            OutputToInput(stPlan, stPara, afX[k / iSteps], afY[k / iSteps], 0, &fX, &fY);
+            if (!std::isfinite(fX) || !std::isfinite(fY)) {
+                continue;   // behind the warp's horizon
+            }
+            // Far points are pulled in so that the 1/16-pixel coordinates stay within int.
+            const float fReach = 4.0f * (float)std::max(iW, iH);
+            fX = std::min(std::max(fX, -fReach), fReach);
+            fY = std::min(std::max(fY, -fReach), fReach);
+            vstShown.push_back(cv::Point((int32_t)lroundf(fX * 16.0f), (int32_t)lroundf(fY * 16.0f)));
+        }
+        cv::polylines(stOut, vstShown, true, cv::Scalar(0, 140, 255), iThick, cv::LINE_AA, 4);
     }
 
     // The text block in the top left corner on a darkened band.

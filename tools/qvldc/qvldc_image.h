@@ -38,6 +38,12 @@ cv::Mat FrameToBgr(const tagST_QV_FRAME &stFrame);
 // stBgr must have even sides.
 void BgrToFrame(const cv::Mat &stBgr, int32_t ePicType, tagST_QV_FRAME *pstFrame);
 bool SavePng(const std::string &strPath, const cv::Mat &stBgr);
+// The picture scaled to iWidth pixels across (area averaging), or as it is for 0 or a width at
+// least its own.
+cv::Mat ScaledToWidth(const cv::Mat &stBgr, int32_t iWidth);
+// A thumbnail for the report: a 320 pixel wide JPEG (sharper than the page's 200 CSS pixels on
+// dense screens), small enough to inline every picture of a long batch.
+std::vector<uint8_t> ThumbnailJpeg(const cv::Mat &stBgr);
 
 // Faces of OpenCV's Haar cascade, as inclusive rectangles. On false *pstrError says what is wrong
 // with the cascade file (without its path).

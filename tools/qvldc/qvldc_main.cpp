@@ -3,23 +3,30 @@
 #include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <limits.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "config/config_schema.h"
 #include "config/xml_config.h"
+#include "config/xml_parser.h"
 #include "interface/ldc_process.h"
 #include "qvldc_calibrate.h"
 #include "qvldc_image.h"
 #include "qvldc_io.h"
 #include "qvldc_parse.h"
+#include "qvldc_report.h"
 #include "qvldc_sample.h"
+#include "qvldc_view.h"
 #include "records/ldc_para.h"
 #include "vkt_zb_ldc.h"
 
@@ -28,20 +35,43 @@ namespace {
 // What the library printed besides its log during the run, folded (see PassLibraryOutput).
 std::vector<tagST_QV_REPEAT> s_vstOtherLines;
 
+// A batch's progress bar is on the terminal's last line; anything else printed first clears it.
+bool s_bProgressShown = false;
+
+void ClearProgress()
+{
+    if (s_bProgressShown) {
+        fputs("\r\033[K", stderr);
+        s_bProgressShown = false;
+    }
+}
+
 // The library's log lines go through as they came unless the tuner asked for quiet. Anything
 // else it prints, the worker-pinning warnings above all (every stage of every frame on a machine
-// with fewer cores than workers), is counted and shown once at the end of the run.
-void PassLibraryOutput(const std::string &strText, bool bEchoLog)
+// with fewer cores than workers), is counted and shown once at the end of the run. pvstrNoted,
+// when given, receives the library's error lines and its other lines, folded, for a report.
+void PassLibraryOutput(const std::string &strText, bool bEchoLog, std::vector<std::string> *pvstrNoted = NULL)
 {
     std::istringstream stream(strText);
     std::string strLine;
+    std::vector<tagST_QV_REPEAT> vstOther;
     while (std::getline(stream, strLine)) {
         if (IsLibraryLogLine(strLine)) {
             if (bEchoLog) {
+                ClearProgress();
                 fprintf(stderr, "%s\n", strLine.c_str());
+            }
+            if (pvstrNoted != NULL && strLine[0] == 'E') {
+                pvstrNoted->push_back(strLine);
             }
         } else if (strLine.find_first_not_of(" \t\r") != std::string::npos) {
             CountRepeatedLine(strLine, &s_vstOtherLines);
+            CountRepeatedLine(strLine, &vstOther);
+        }
+    }
+    for (const tagST_QV_REPEAT &stLine : vstOther) {
+        if (pvstrNoted != NULL) {
+            pvstrNoted->push_back(RepeatedLineText(stLine));
         }
     }
 }
@@ -63,6 +93,7 @@ void PrintOtherLines()
 // One error line for the file it is about.
 void Refuse(const std::string &strPath, const std::string &strWhy)
 {
+    ClearProgress();
     fprintf(stderr, "qvldc: %s: %s\n", strPath.c_str(), strWhy.c_str());
 }
 
@@ -119,6 +150,8 @@ struct FrameResult {
     tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame (its mesh pointer cleared)
     std::vector<float> vfMesh;    // the face mesh the frame was rendered through, if any
     std::string strPath;          // which way the frame went and why, in words
+    tagST_QV_VIEW stView;         // what the output shows of the input
+    std::vector<std::string> vstrLibrary;   // the library's error lines and other output, folded
 };
 
 std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_QV_FRAME &stFrame,
@@ -163,6 +196,9 @@ std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_
              stPara.aiGlobalFDCArea[0], stPara.aiGlobalFDCArea[1], stPara.aiGlobalFDCArea[2],
              stPara.aiGlobalFDCArea[3]);
     vstrLines.push_back(acLine);
+    for (const std::string &strLine : ViewLines(stResult.stView)) {
+        vstrLines.push_back(strLine);
+    }
     return vstrLines;
 }
 
@@ -177,7 +213,7 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
         stResult.iRet = LdcProcessFrame(pHandle, &stInfo, (uint8_t *)stIn.vucData.data(), pstOut->vucData.data(),
                                         &stResult.stPlan);
     });
-    PassLibraryOutput(stResult.strLog, bEcho);
+    PassLibraryOutput(stResult.strLog, bEcho, &stResult.vstrLibrary);
     stResult.iTimeMs = LibraryTimeMs(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
     // The mesh lives in the instance's working buffer until its next frame: keep a copy.
@@ -187,6 +223,7 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
         stResult.stPlan.pfMesh = NULL;
     }
     stResult.strPath = DescribePlanPath(stResult.stPlan, stResult.stPara);
+    MeasureView(stResult.stPlan, stResult.stPara, &stResult.stView);
     return stResult;
 }
 
@@ -202,12 +239,11 @@ int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void *
 {
     // Create copies a fixed 256 bytes of the path: hand it storage of that size.
     char acPath[LDC_CFG_PATH_LEN] = {0};
-    const std::string &strLibraryConfig = stOpt.strLibraryConfig.empty() ? stOpt.strConfig : stOpt.strLibraryConfig;
-    if (strLibraryConfig.size() >= sizeof(acPath)) {
+    if (stOpt.strConfig.size() >= sizeof(acPath)) {
         fprintf(stderr, "qvldc: the configuration path is longer than %zu characters\n", sizeof(acPath) - 1);
         return LDC_ERR_PARAM;
     }
-    memcpy(acPath, strLibraryConfig.c_str(), strLibraryConfig.size());
+    memcpy(acPath, stOpt.strConfig.c_str(), stOpt.strConfig.size());
     ST_LDC_INPUT_PARA stInput = {iW, iH, acPath, stOpt.ePicType};
     int32_t iRet = LDC_OK;
     const std::string strLog = CaptureOutput([&] { iRet = IQV_LDC_Create(ppHandle, &stInput); });
@@ -291,59 +327,150 @@ int RunFrame(const tagST_QV_OPTIONS &stOpt)
         save(SaveRaw(stOpt.strOutYuv, stOut), stOpt.strOutYuv);
     }
     if (!stOpt.strOutPng.empty()) {
-        save(SavePng(stOpt.strOutPng, FrameToBgr(stOut)), stOpt.strOutPng);
+        save(SavePng(stOpt.strOutPng, ScaledToWidth(FrameToBgr(stOut), stOpt.iPngWidth)), stOpt.strOutPng);
     }
     if (!stOpt.strBeforePng.empty()) {
-        save(SavePng(stOpt.strBeforePng, stBefore), stOpt.strBeforePng);
+        save(SavePng(stOpt.strBeforePng, ScaledToWidth(stBefore, stOpt.iPngWidth)), stOpt.strBeforePng);
     }
     if (!stOpt.strOverlayPng.empty()) {
-        save(SavePng(stOpt.strOverlayPng, MakeOverlay(stResult, stIn, stBefore, iISO, vstFaces)),
+        save(SavePng(stOpt.strOverlayPng,
+                     ScaledToWidth(MakeOverlay(stResult, stIn, stBefore, iISO, vstFaces), stOpt.iPngWidth)),
              stOpt.strOverlayPng);
     }
     DeleteInstance(pHandle, stOpt.bQuiet);
     return iExit;
 }
 
-// One dumped frame of a batch: false when it was skipped or did not come out whole. pHandle is
-// the run's instance, created on the first frame that loads.
-bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, const std::string &strOutDir,
-                   const std::vector<tagST_QV_SIZE> &vstProfiles, void **ppHandle, std::string *pstrCsv,
-                   const std::string &strCount)
+// A batch in progress: its instance, its summary rows and, with --report, the report's rows.
+struct BatchRun {
+    std::string strOutDir;
+    std::vector<tagST_QV_SIZE> vstProfiles;
+    void *pHandle = NULL;   // the run's instance, created on the first frame that loads
+    std::string strCsv;
+    std::string strReportDir;   // absolute directory of the report; empty without --report
+    std::vector<tagST_QV_REPORT_ROW> vstRows;
+    std::vector<std::string> vstrSkipped;
+};
+
+// The text after "method! " in the library's line on a bending line, empty when none bent.
+std::string BendText(const std::string &strLog)
+{
+    const std::string strMark = "by using global FDC method! ";
+    const size_t uAt = strLog.find(strMark);
+    return uAt == std::string::npos ? std::string() : strLog.substr(uAt + strMark.size(),
+                                                                    strLog.find('\n', uAt) - uAt - strMark.size());
+}
+
+// Where the batch stands: a bar on a terminal; otherwise each frame's line ends with it.
+struct Progress {
+    bool bTerminal;
+    int32_t iColumns;
+    std::chrono::steady_clock::time_point tStart;
+
+    double Seconds() const
+    {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+    }
+    // Read once the frame is done: the rate counts the time of the frame it reports.
+    std::string Line(int32_t iDone, int32_t iTotal) const
+    {
+        return bTerminal ? std::string() : ProgressText(iDone, iTotal, Seconds());
+    }
+    void Show(int32_t iDone, int32_t iTotal, const std::string &strName)
+    {
+        if (bTerminal) {
+            ClearProgress();
+            fprintf(stderr, "%s", ProgressBar(iDone, iTotal, Seconds(), strName, iColumns).c_str());
+            fflush(stderr);
+            s_bProgressShown = true;
+        }
+    }
+};
+
+// One dumped frame of a batch: false when it was skipped or did not come out whole.
+bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, BatchRun *pstRun,
+                   const Progress &stProgress, int32_t iDone, int32_t iTotal)
 {
     const std::string strPath = stOpt.strIn + "/" + strName;
     tagST_QV_DUMP_NAME stDump;
     ParseDumpName(strName, &stDump);
     tagST_QV_FRAME stIn;
     std::string strError;
-    if (!LoadFrame(strPath, stOpt.stSize, vstProfiles, stDump.vstFaces, stOpt.ePicType, &stIn, &strError)) {
+    if (!LoadFrame(strPath, stOpt.stSize, pstRun->vstProfiles, stDump.vstFaces, stOpt.ePicType, &stIn, &strError)) {
         Refuse(strPath, strError + "; skipped");
+        pstRun->vstrSkipped.push_back(strName + ": " + strError);
         return false;
     }
     // One instance for the whole run: Process re-reads the configuration itself when the
     // size changes, as it does on the phone.
-    if (*ppHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, ppHandle) != LDC_OK) {
+    if (pstRun->pHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, &pstRun->pHandle) != LDC_OK) {
+        pstRun->vstrSkipped.push_back(strName + ": IQV_LDC_Create failed");
         return false;
     }
     tagST_QV_FRAME stOut;
-    const FrameResult stResult = ProcessFrame(*ppHandle, stIn, &stOut, stDump.iISO, stDump.vstFaces, !stOpt.bQuiet);
+    const FrameResult stResult = ProcessFrame(pstRun->pHandle, stIn, &stOut, stDump.iISO, stDump.vstFaces, !stOpt.bQuiet);
     bool bOk = stResult.iRet == LDC_OK;
-    const std::string strStem = strOutDir + "/" + strName.substr(0, strName.size() - 4);
+    const std::string strStem = pstRun->strOutDir + "/" + strName.substr(0, strName.size() - 4);
     const cv::Mat stBefore = FrameToBgr(stIn);
-    if (!SavePng(strStem + "_after.png", FrameToBgr(stOut)) ||
-        !SavePng(strStem + "_overlay.png", MakeOverlay(stResult, stIn, stBefore, stDump.iISO, stDump.vstFaces))) {
-        Refuse(strOutDir, "cannot write the pictures of " + strName);
+    const cv::Mat stAfter = FrameToBgr(stOut);
+    const cv::Mat stOverlay = MakeOverlay(stResult, stIn, stBefore, stDump.iISO, stDump.vstFaces);
+    const bool bReport = !pstRun->strReportDir.empty();
+    if (!SavePng(strStem + "_after.png", stAfter) || !SavePng(strStem + "_overlay.png", stOverlay) ||
+        (bReport && !SavePng(strStem + "_before.png", stBefore))) {
+        Refuse(pstRun->strOutDir, "cannot write the pictures of " + strName);
         bOk = false;
     }
     const tagST_LDC_PARA &stPara = stResult.stPara;
-    char acRow[1024];
-    snprintf(acRow, sizeof(acRow), "\"%s\",%d,%d,%d,%zu,%d,%d,%d,%d,%d,\"%s\",%d\n", strName.c_str(),
-             stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stResult.stPlan.iFaceNum,
-             stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stResult.stPlan.iFovLost,
-             stResult.strPath.c_str(), stResult.iTimeMs);
-    *pstrCsv += acRow;
-    fprintf(stderr, "%s %s: mode %d, LDC %d, FDC %d, FOV lost %d%%, %s\n", strCount.c_str(), strName.c_str(),
-            stPara.iFDCMode, stPara.iLDCEnable, stPara.iFDCEnable, stResult.stPlan.iFovLost, stResult.strPath.c_str());
+    const tagST_LDC_PLAN &stPlan = stResult.stPlan;
+    const tagST_QV_VIEW &stView = stResult.stView;
+    char acRow[1536];
+    snprintf(acRow, sizeof(acRow), "\"%s\",%d,%d,%d,%zu,%d,%d,%d,%d,%d,\"%s\",%d,%s,%.4f,%.2f,%.2f,%.2f,%.2f,%d,%d,%d\n",
+             strName.c_str(), stIn.iWidth, stIn.iHeight, stDump.iISO, stDump.vstFaces.size(), stPlan.iFaceNum,
+             stPara.iLDCEnable, stPara.iFDCEnable, stPara.iFDCMode, stPlan.iFovLost, stResult.strPath.c_str(),
+             stResult.iTimeMs, PathKey(stPlan.ePath), (double)stView.fZoom, (double)stView.afBorder[QV_LEFT],
+             (double)stView.afBorder[QV_TOP], (double)stView.afBorder[QV_RIGHT], (double)stView.afBorder[QV_BOTTOM],
+             CutFaceCount(stView), stPlan.bLineCheck ? stPlan.stLineCheck.iKept : -1,
+             stPlan.bLineCheck ? stPlan.stLineCheck.iJudged : -1);
+    pstRun->strCsv += acRow;
+    const std::string strProgress = stProgress.Line(iDone, iTotal);
+    ClearProgress();
+    fprintf(stderr, "%s: %s, FOV lost %d%%, zoom %.3fx, border %.1f%%, %d face(s) cut%s%s\n", strName.c_str(),
+            PathKey(stPlan.ePath), stPlan.iFovLost, (double)stView.fZoom, (double)WidestBorder(stView),
+            CutFaceCount(stView), strProgress.empty() ? "" : "; ", strProgress.c_str());
+    if (bReport) {
+        tagST_QV_REPORT_ROW stRow;
+        stRow.strName = strName;
+        stRow.iWidth = stIn.iWidth;
+        stRow.iHeight = stIn.iHeight;
+        stRow.iISO = stDump.iISO;
+        stRow.iFacesGiven = (int32_t)stDump.vstFaces.size();
+        stRow.iRet = stResult.iRet;
+        stRow.iTimeMs = stResult.iTimeMs;
+        stRow.iFovBudget = stPara.iFOVLost;
+        stRow.iFDCMode = stPara.iFDCMode;
+        stRow.stPlan = stPlan;
+        stRow.strPath = stResult.strPath;
+        stRow.strBendText = BendText(stResult.strLog);
+        stRow.stView = stView;
+        stRow.vstrLibrary = stResult.vstrLibrary;
+        const std::pair<const char *, const cv::Mat *> astPictures[3] = {
+            {"before", &stBefore}, {"after", &stAfter}, {"overlay", &stOverlay}};
+        for (const auto &stPicture : astPictures) {
+            char acAbs[PATH_MAX];
+            const std::string strFile = strStem + "_" + stPicture.first + ".png";
+            const bool bFound = realpath(strFile.c_str(), acAbs) != NULL;
+            stRow.vstPictures.push_back({stPicture.first, bFound ? RelativeLink(pstRun->strReportDir, acAbs) : "",
+                                         DataUri("image/jpeg", ThumbnailJpeg(*stPicture.second))});
+        }
+        pstRun->vstRows.push_back(stRow);
+    }
     return bOk;
+}
+
+int32_t TerminalColumns()
+{
+    struct winsize stSize;
+    return ioctl(fileno(stderr), TIOCGWINSZ, &stSize) == 0 && stSize.ws_col > 0 ? stSize.ws_col : 80;
 }
 
 int RunBatch(const tagST_QV_OPTIONS &stOpt)
@@ -366,36 +493,60 @@ int RunBatch(const tagST_QV_OPTIONS &stOpt)
         Refuse(stOpt.strIn, "no dumped input frames (*_org.yuv) in it");
         return 2;
     }
-    const std::string strOutDir = stOpt.strOutDir.empty() ? stOpt.strIn + "/qvldc" : stOpt.strOutDir;
-    if (!MakeDir(strOutDir)) {
-        Refuse(strOutDir, "cannot create the directory");
+    BatchRun stRun;
+    stRun.strOutDir = stOpt.strOutDir.empty() ? stOpt.strIn + "/qvldc" : stOpt.strOutDir;
+    if (!MakeDir(stRun.strOutDir)) {
+        Refuse(stRun.strOutDir, "cannot create the directory");
         return 2;
     }
-    const std::vector<tagST_QV_SIZE> vstProfiles =
-        stOpt.stSize.iWidth == 0 ? ProfileSizes(stOpt.strConfig) : std::vector<tagST_QV_SIZE>();
-    std::string strCsv = "file,width,height,iso,faces,valid_faces,ldc_enable,fdc_enable,fdc_mode,fov_lost,path,ms\n";
-    void *pHandle = NULL;
+    if (!stOpt.strReport.empty()) {
+        const size_t uSlash = stOpt.strReport.find_last_of('/');
+        const std::string strDir = uSlash == std::string::npos ? "." : stOpt.strReport.substr(0, uSlash + 1);
+        char acAbs[PATH_MAX];
+        if (!MakeDir(strDir) || realpath(strDir.c_str(), acAbs) == NULL) {
+            Refuse(stOpt.strReport, "cannot create the report's directory");
+            return 2;
+        }
+        stRun.strReportDir = acAbs;
+    }
+    stRun.vstProfiles = stOpt.stSize.iWidth == 0 ? ProfileSizes(stOpt.strConfig) : std::vector<tagST_QV_SIZE>();
+    stRun.strCsv = "file,width,height,iso,faces,valid_faces,ldc_enable,fdc_enable,fdc_mode,fov_lost,path,ms,"
+                   "path_key,zoom,border_left,border_top,border_right,border_bottom,faces_cut,lines_kept,"
+                   "lines_judged\n";
+    Progress stProgress = {isatty(fileno(stderr)) != 0, TerminalColumns(), std::chrono::steady_clock::now()};
+    const int32_t iTotal = (int32_t)vstrNames.size();
     int32_t iFailed = 0;
-    for (size_t i = 0; i < vstrNames.size(); i++) {
-        const std::string strCount = "[" + std::to_string(i + 1) + "/" + std::to_string(vstrNames.size()) + "]";
-        fprintf(stderr, "%s %s\n", strCount.c_str(), vstrNames[i].c_str());
+    for (int32_t i = 0; i < iTotal; i++) {
+        stProgress.Show(i, iTotal, vstrNames[i]);
         // A frame that trips OpenCV or runs out of memory costs that frame, not the batch.
         try {
-            iFailed += !RunBatchFrame(stOpt, vstrNames[i], strOutDir, vstProfiles, &pHandle, &strCsv, strCount);
+            iFailed += !RunBatchFrame(stOpt, vstrNames[i], &stRun, stProgress, i + 1, iTotal);
         } catch (const std::exception &e) {
             Refuse(stOpt.strIn + "/" + vstrNames[i], ExceptionText(e) + "; skipped");
+            stRun.vstrSkipped.push_back(vstrNames[i] + ": " + ExceptionText(e));
             iFailed++;
         }
     }
-    if (pHandle != NULL) {
-        DeleteInstance(pHandle, stOpt.bQuiet);
+    if (stProgress.bTerminal) {
+        stProgress.Show(iTotal, iTotal, "");
+        fputc('\n', stderr);
+        s_bProgressShown = false;
     }
-    if (!WriteText(strOutDir + "/summary.csv", strCsv)) {
-        Refuse(strOutDir + "/summary.csv", "cannot write it");
+    if (stRun.pHandle != NULL) {
+        DeleteInstance(stRun.pHandle, stOpt.bQuiet);
+    }
+    if (!WriteText(stRun.strOutDir + "/summary.csv", stRun.strCsv)) {
+        Refuse(stRun.strOutDir + "/summary.csv", "cannot write it");
         return 1;
     }
-    printf("qvldc: %zu frame(s), %d failed; results in %s (summary.csv)\n", vstrNames.size(), iFailed,
-           strOutDir.c_str());
+    if (!stOpt.strReport.empty()) {
+        if (!WriteText(stOpt.strReport, ReportHtml(stOpt.strIn, stRun.vstRows, stRun.vstrSkipped))) {
+            Refuse(stOpt.strReport, "cannot write it");
+            return 1;
+        }
+        printf("qvldc: report in %s\n", stOpt.strReport.c_str());
+    }
+    printf("qvldc: %d frame(s), %d failed; results in %s (summary.csv)\n", iTotal, iFailed, stRun.strOutDir.c_str());
     return iFailed ? 1 : 0;
 }
 
@@ -418,16 +569,35 @@ int RunRender(const tagST_QV_OPTIONS &stOpt)
         fprintf(stderr, "qvldc: cannot create %s\n", strDumps.c_str());
         return 2;
     }
+    tagST_QV_RECORDING stRec;
+    PrepareRecording(stModel, stSize, &stRec);
     cv::Mat stRecorded;
     std::vector<ST_FACE_RECT> vstFaces;
-    RenderSample(stModel, stSize, &stRecorded, &vstFaces);
+    tagST_QV_FRAME stFrame;
+    if (stOpt.iSampleFrames > 0) {
+        // A batch of dumps with varied people; a fixed time stamp per frame keeps the names the
+        // same from run to run.
+        for (int32_t i = 0; i < stOpt.iSampleFrames; i++) {
+            RenderSample(stRec, VariedPeople(i), &stRecorded, &vstFaces);
+            BgrToFrame(stRecorded, LDC_PIC_NV21, &stFrame);
+            char acStamp[32];
+            snprintf(acStamp, sizeof(acStamp), "20261123_%02d%02d%02d", 12 + i / 3600, i / 60 % 60, i % 60);
+            if (!SaveRaw(strDumps + "/" + FormatDumpName(acStamp, vstFaces, stOpt.iISO, 1), stFrame)) {
+                fprintf(stderr, "qvldc: cannot write the sample into %s\n", strDumps.c_str());
+                return 1;
+            }
+        }
+        printf("qvldc: rendered %d frame(s) of %dx%d with varied people into %s\n", stOpt.iSampleFrames,
+               stSize.iWidth, stSize.iHeight, strDumps.c_str());
+        return 0;
+    }
+    RenderSample(stRec, SamplePeople(), &stRecorded, &vstFaces);
     const std::string strStem = stOpt.strIn + "/sample_" + std::to_string(stSize.iWidth) + "x" + std::to_string(stSize.iHeight);
     std::string strFaces = "# face rectangles of " + strStem + ".png: left,top,right,bottom (inclusive)\n";
     for (const ST_FACE_RECT &stFace : vstFaces) {
         strFaces += std::to_string(stFace.iLeft) + "," + std::to_string(stFace.iTop) + "," +
                     std::to_string(stFace.iRight) + "," + std::to_string(stFace.iBottom) + "\n";
     }
-    tagST_QV_FRAME stFrame;
     BgrToFrame(stRecorded, LDC_PIC_NV21, &stFrame);
     // A fixed time stamp keeps the sample's dump name the same from run to run.
     const std::string strDump = strDumps + "/" + FormatDumpName("20261122_120000", vstFaces, stOpt.iISO, 1);
@@ -440,6 +610,40 @@ int RunRender(const tagST_QV_OPTIONS &stOpt)
            stSize.iWidth, stSize.iHeight, strStem.c_str(), strDump.c_str());
     fputs(strFaces.c_str(), stdout);
     return 0;
+}
+
+// The configuration with the --set values, in a temporary file that the library reads instead
+// (it re-reads it whenever the frame size changes, so it lives until the end of the run).
+bool ApplySets(const std::vector<uint8_t> &vucXml, tagST_QV_OPTIONS *pstOpt, std::string *pstrTemp)
+{
+    std::string strError;
+    std::string strXml(vucXml.begin(), vucXml.end());
+    for (const auto &stSet : pstOpt->vstSets) {
+        std::string strOut;
+        bool bAdded = false;
+        if (!SetConfigValue(strXml, stSet.first, stSet.second, &strOut, &bAdded, &strError)) {
+            Refuse(pstOpt->strConfig, "--set " + stSet.first + "=" + stSet.second + ": " + strError);
+            return false;
+        }
+        strXml.swap(strOut);
+        printf("qvldc: %s set to %s%s\n", stSet.first.c_str(), stSet.second.c_str(),
+               bAdded ? " (added: the file has no such element, and the library reads only the keys it knows)" : "");
+    }
+    const char *pcTmp = getenv("TMPDIR");
+    std::string strTemplate = std::string(pcTmp != NULL && *pcTmp ? pcTmp : "/tmp") + "/qvldc_config_XXXXXX.xml";
+    const int iFd = mkstemps(&strTemplate[0], 4);
+    if (iFd < 0) {
+        Refuse(strTemplate, std::string("cannot create the configuration with --set (") + strerror(errno) + ")");
+        return false;
+    }
+    close(iFd);
+    *pstrTemp = strTemplate;
+    if (!WriteText(strTemplate, strXml)) {
+        Refuse(strTemplate, "cannot write the configuration with --set");
+        return false;
+    }
+    pstOpt->strConfig = strTemplate;
+    return true;
 }
 
 }  // namespace
@@ -461,31 +665,12 @@ int main(int iArgc, char **ppcArgv)
         Refuse(stOpt.strConfig, strError);
         return 2;
     }
-    // --fdc-method: the library reads a copy of the configuration with the key set, removed at exit.
-    struct TempConfig {
-        std::string strPath;
-        ~TempConfig()
-        {
-            if (!strPath.empty()) {
-                unlink(strPath.c_str());
-            }
+    std::string strTempConfig;
+    if (!stOpt.vstSets.empty() && stOpt.eMode != QV_MODE_HELP && !ApplySets(vucConfig, &stOpt, &strTempConfig)) {
+        if (!strTempConfig.empty()) {
+            unlink(strTempConfig.c_str());
         }
-    } stTemp;
-    if (stOpt.iFdcMethod >= 0 && !stOpt.strConfig.empty()) {
-        char acTemp[] = "/tmp/qvldc_config_XXXXXX.xml";
-        const int iFd = mkstemps(acTemp, 4);
-        const std::string strText = ConfigWithFdcMethod(std::string(vucConfig.begin(), vucConfig.end()), stOpt.iFdcMethod);
-        if (iFd < 0 || write(iFd, strText.data(), strText.size()) != (ssize_t)strText.size()) {
-            Refuse(acTemp, iFd < 0 ? strerror(errno) : "could not write the configuration's copy");
-            if (iFd >= 0) {
-                close(iFd);
-                unlink(acTemp);
-            }
-            return 2;
-        }
-        close(iFd);
-        stTemp.strPath = acTemp;
-        stOpt.strLibraryConfig = acTemp;
+        return 2;
     }
     int iExit = 0;
     try {
@@ -511,5 +696,8 @@ int main(int iArgc, char **ppcArgv)
         iExit = 1;
     }
     PrintOtherLines();
+    if (!strTempConfig.empty()) {
+        unlink(strTempConfig.c_str());
+    }
     return iExit;
 }

@@ -376,22 +376,36 @@ const char *UsageText()
 "                        enough, red: the one that would bend, faint grey: not judged), on\n"
 "                        the face mesh path the mesh's grid where the output samples the\n"
 "                        input (orange), and the decision\n"
-"  --fdc-method M        homography or mesh: the face-correction method, in place of the\n"
-"                        configuration's FDCMethod (which is kept on a copy of it)\n"
+"  --png-width N         write --out-png, --before-png and --overlay N pixels wide\n"
 "  --quiet               do not repeat the library's log, print only the decision\n"
 "\n"
 "A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
-"  qvldc --batch DIR --config FILE [--size WxH] [--format F] [--out-dir DIR]\n"
+"  qvldc --batch DIR --config FILE [--size WxH] [--format F] [--out-dir DIR] [--report FILE]\n"
 "    Processes every *_org.yuv; faces and ISO come from the file names, the size from --size\n"
 "    or from the file length and the configuration's profiles. Writes <name>_after.png,\n"
 "    <name>_overlay.png and summary.csv into --out-dir (default DIR/qvldc). Entries that are\n"
-"    not a readable frame are reported and skipped; the exit status is then 1.\n"
+"    not a readable frame are reported and skipped; the exit status is then 1. On a terminal\n"
+"    a progress bar shows the count, the rate and the time left; otherwise every frame gets\n"
+"    a line with them.\n"
+"  --report FILE         also an HTML page for a browser, no network needed: a summary (paths\n"
+"                        taken, field of view lost, time per frame) and a row per frame with\n"
+"                        before / after / overlay thumbnails (full size: <name>_before.png and\n"
+"                        the others in --out-dir), the decision and why, the faces, the lines\n"
+"                        the line check judged and the warnings; sortable by column, refused\n"
+"                        corrections and losses near the budget marked\n"
 "\n"
 "The project's sample scene (two faces near the border, straight architecture, recorded\n"
 "through the configured lens):\n"
-"  qvldc --render-sample DIR --config FILE [--size WxH] [--iso N]\n"
+"  qvldc --render-sample DIR --config FILE [--size WxH] [--iso N] [--frames N]\n"
 "    Writes DIR/sample_WxH.png, DIR/sample_WxH_faces.txt and the same frame as a dump\n"
 "    (DIR/dumps/<dump name>_org.yuv, NV21) for --batch. Default size 4000x3000.\n"
+"  --frames N            instead N dumps of the scene with varied people (none to three,\n"
+"                        large and small, centre to corners), the same on every run\n"
+"\n"
+"With --in, --batch and --render-sample:\n"
+"  --set KEY=VALUE       run with a configuration value changed, without editing the file;\n"
+"                        KEY is the element's path, e.g. FaceDistortionCorrection/FOVLost or\n"
+"                        /Config/DistortionCorrection1/BendValue; repeat for several\n"
 "\n"
 "A size profile's lens from photos of a printed chessboard taken with the camera itself:\n"
 "  qvldc --calibrate DIR --size WxH --board COLSxROWS [--square MM] [--profile-out FILE]\n"
@@ -415,18 +429,153 @@ const char *UsageText()
 "global correction after the line check, global correction as fallback, or copy) and, when\n"
 "face correction was refused, the check that refused it; the field of view lost and the face\n"
 "fit's rounds; the line check's counts; then the LDC/FDC switches and the FDC mode the\n"
-"instance holds. Anything else the library prints (its worker-pinning warnings on machines\n"
-"with fewer than four cores) comes once at the end of the run, with a count; numbers that\n"
-"differed between the copies show as '*'.\n"
+"instance holds; then what the output shows, measured from the plan: the warp's zoom at the\n"
+"frame centre and how much of the input's width and height the output spans, the border where\n"
+"the warp ran out of source and repeats the frame's edge (per side, in % of the width or\n"
+"height), and whether a widened face leaves the frame (the overlay traces the output's frame\n"
+"back onto the input in orange). Anything else the library prints (its worker-pinning\n"
+"warnings on machines with fewer than four cores) comes once at the end of the run, with a\n"
+"count; numbers that differed between the copies show as '*'.\n"
 "\n"
 "Examples:\n"
 "  qvldc --in frame.nv21 --size 4000x3000 --config configs/qvldc_sample.xml \\\n"
 "        --face 435,1060,784,1597 --face 3193,1106,3604,1718 --out-png after.png --overlay ov.png\n"
 "  qvldc --in portrait.jpg --format nv12 --config my.xml --detect-faces --before-png b.png \\\n"
 "        --out-png a.png --overlay ov.png\n"
-"  adb pull /data/qvldc dumps && qvldc --batch dumps --config my.xml --out-dir tuned\n"
+"  adb pull /data/qvldc dumps && qvldc --batch dumps --config my.xml --out-dir tuned \\\n"
+"        --report tuned/report.html\n"
+"  qvldc --in frame.nv21 --size 640x480 --config my.xml --set FaceDistortionCorrection/FOVLost=100\n"
 "  qvldc --render-sample out/sample --config configs/qvldc_sample.xml --size 640x480\n"
 "  qvldc --calibrate shots --size 4000x3000 --board 9x6 --square 25 --profile-out lens.xml\n";
+}
+
+namespace {
+
+// One element of an XML text: where its start tag begins, its content and where its end tag ends.
+struct XmlSpan {
+    size_t uOpen;
+    size_t uContent;
+    size_t uContentEnd;
+    size_t uClose;
+};
+
+bool SameName(const std::string &strA, const std::string &strB)
+{
+    return strA.size() == strB.size() &&
+           std::equal(strA.begin(), strA.end(), strB.begin(),
+                      [](char a, char b) { return tolower((unsigned char)a) == tolower((unsigned char)b); });
+}
+
+// The first element named strName (any when empty) directly inside [uBegin, uEnd). Comments,
+// processing instructions and declarations are stepped over.
+bool FindChild(const std::string &strXml, size_t uBegin, size_t uEnd, const std::string &strName, XmlSpan *pstSpan)
+{
+    int32_t iDepth = 0;
+    size_t uAt = uBegin;
+    XmlSpan stSpan = {0, 0, 0, 0};
+    bool bInside = false;
+    while ((uAt = strXml.find('<', uAt)) != std::string::npos && uAt < uEnd) {
+        if (strXml.compare(uAt, 4, "<!--") == 0 || strXml.compare(uAt, 2, "<?") == 0 ||
+            strXml.compare(uAt, 2, "<!") == 0) {
+            const char *pcClose = strXml.compare(uAt, 4, "<!--") == 0 ? "-->" : (strXml[uAt + 1] == '?' ? "?>" : ">");
+            const size_t uStop = strXml.find(pcClose, uAt + 2);
+            if (uStop == std::string::npos) {
+                return false;
+            }
+            uAt = uStop + strlen(pcClose);
+            continue;
+        }
+        const size_t uTagEnd = strXml.find('>', uAt);
+        if (uTagEnd == std::string::npos) {
+            return false;
+        }
+        const bool bEnd = strXml[uAt + 1] == '/';
+        const bool bEmpty = strXml[uTagEnd - 1] == '/';
+        const size_t uNameAt = uAt + (bEnd ? 2 : 1);
+        const size_t uNameEnd = strXml.find_first_of(" \t\r\n/>", uNameAt);
+        const std::string strTag = strXml.substr(uNameAt, uNameEnd - uNameAt);
+        if (bEnd) {
+            iDepth--;
+            if (iDepth == 0 && bInside) {
+                stSpan.uContentEnd = uAt;
+                stSpan.uClose = uTagEnd + 1;
+                *pstSpan = stSpan;
+                return true;
+            }
+        } else if (iDepth == 0 && (strName.empty() || SameName(strTag, strName))) {
+            stSpan = {uAt, uTagEnd + 1, uTagEnd + 1, uTagEnd + 1};
+            if (bEmpty) {
+                *pstSpan = stSpan;
+                return true;
+            }
+            bInside = true;
+            iDepth++;
+        } else if (!bEmpty) {
+            iDepth++;
+        }
+        uAt = uTagEnd + 1;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool SetConfigValue(const std::string &strXml, const std::string &strKey, const std::string &strValue,
+                    std::string *pstrOut, bool *pbAdded, std::string *pstrError)
+{
+    *pbAdded = false;
+    if (strValue.find_first_of("<&") != std::string::npos) {
+        *pstrError = "a value may not hold '<' or '&'";
+        return false;
+    }
+    std::vector<std::string> vstrPath;
+    std::istringstream stream(strKey);
+    std::string strPart;
+    while (std::getline(stream, strPart, '/')) {
+        if (!strPart.empty()) {
+            vstrPath.push_back(strPart);
+        }
+    }
+    XmlSpan stSpan;
+    if (!FindChild(strXml, 0, strXml.size(), "", &stSpan)) {
+        *pstrError = "the configuration has no root element";
+        return false;
+    }
+    const size_t uRootEnd = strXml.find_first_of(" \t\r\n/>", stSpan.uOpen + 1);
+    const std::string strRoot = strXml.substr(stSpan.uOpen + 1, uRootEnd - stSpan.uOpen - 1);
+    if (!vstrPath.empty() && SameName(vstrPath[0], strRoot)) {
+        vstrPath.erase(vstrPath.begin());
+    }
+    if (vstrPath.empty()) {
+        *pstrError = "a key names an element, e.g. FaceDistortionCorrection/FOVLost";
+        return false;
+    }
+    for (size_t i = 0; i < vstrPath.size(); i++) {
+        XmlSpan stChild;
+        if (FindChild(strXml, stSpan.uContent, stSpan.uContentEnd, vstrPath[i], &stChild)) {
+            stSpan = stChild;
+            continue;
+        }
+        if (i + 1 < vstrPath.size() || stSpan.uContent == stSpan.uContentEnd) {
+            *pstrError = "the configuration has no element " + vstrPath[i] + " on that path";
+            return false;
+        }
+        *pstrOut = strXml.substr(0, stSpan.uContentEnd) + "<" + vstrPath[i] + ">" + strValue + "</" + vstrPath[i] +
+                   ">" + strXml.substr(stSpan.uContentEnd);
+        *pbAdded = true;
+        return true;
+    }
+    if (stSpan.uContent == stSpan.uClose) {
+        *pstrError = "the element " + vstrPath.back() + " is written <.../>; give it a value in the file";
+        return false;
+    }
+    XmlSpan stInner;
+    if (FindChild(strXml, stSpan.uContent, stSpan.uContentEnd, "", &stInner)) {
+        *pstrError = "the element " + vstrPath.back() + " holds elements, not a value";
+        return false;
+    }
+    *pstrOut = strXml.substr(0, stSpan.uContent) + strValue + strXml.substr(stSpan.uContentEnd);
+    return true;
 }
 
 bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError)
@@ -440,7 +589,8 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     stOpt.bQuiet = 0;
     stOpt.stBoard = {0, 0};
     stOpt.dSquare = 0.0;
-    stOpt.iFdcMethod = -1;
+    stOpt.iPngWidth = 0;
+    stOpt.iSampleFrames = 0;
     stOpt.strCascade = "/usr/share/opencv4/haarcascades/haarcascade_frontalface_default.xml";
     int32_t iModes = 0;
     for (int i = 1; i < iArgc; i++) {
@@ -515,12 +665,6 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
             stOpt.strOutPng = strValue;
         } else if (strArg == "--before-png") {
             stOpt.strBeforePng = strValue;
-        } else if (strArg == "--fdc-method") {
-            if (strValue != "homography" && strValue != "mesh") {
-                *pstrError = "--fdc-method wants homography or mesh, not " + strValue;
-                return false;
-            }
-            stOpt.iFdcMethod = strValue == "mesh" ? LDC_FDC_MESH : LDC_FDC_HOMOGRAPHY;
         } else if (strArg == "--overlay") {
             stOpt.strOverlayPng = strValue;
         } else if (strArg == "--out-dir") {
@@ -540,6 +684,25 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
             }
         } else if (strArg == "--profile-out") {
             stOpt.strProfileOut = strValue;
+        } else if (strArg == "--set") {
+            const size_t uEq = strValue.find('=');
+            if (uEq == std::string::npos || uEq == 0) {
+                *pstrError = "--set wants KEY=VALUE, e.g. FaceDistortionCorrection/FOVLost=100, not " + strValue;
+                return false;
+            }
+            stOpt.vstSets.push_back({strValue.substr(0, uEq), strValue.substr(uEq + 1)});
+        } else if (strArg == "--report") {
+            stOpt.strReport = strValue;
+        } else if (strArg == "--png-width") {
+            if (!ParseInt(strValue, 16, LDC_MAX_IMAGE_SIZE, &stOpt.iPngWidth)) {
+                *pstrError = "--png-width wants a width in pixels, 16..5000, not " + strValue;
+                return false;
+            }
+        } else if (strArg == "--frames") {
+            if (!ParseInt(strValue, 1, 1000, &stOpt.iSampleFrames)) {
+                *pstrError = "--frames wants a count, 1..1000, not " + strValue;
+                return false;
+            }
         } else {
             *pstrError = "unknown option " + strArg + " (see --help)";
             return false;
@@ -559,6 +722,10 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
         *pstrError = "--config FILE is required";
         return false;
     }
+    if (stOpt.strConfig.empty() && !stOpt.vstSets.empty()) {
+        *pstrError = "--set changes a configuration: give it with --config FILE";
+        return false;
+    }
     const bool bFaceSources = !stOpt.vstFaces.empty() || !stOpt.strFacesFile.empty();
     if (stOpt.bDetectFaces && bFaceSources) {
         *pstrError = "--detect-faces replaces --face and --faces-file; give one or the other";
@@ -566,6 +733,14 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     }
     if (stOpt.eMode != QV_MODE_FRAME && (bFaceSources || stOpt.bDetectFaces)) {
         *pstrError = "faces are given per frame: --face, --faces-file and --detect-faces go with --in";
+        return false;
+    }
+    if (!stOpt.strReport.empty() && stOpt.eMode != QV_MODE_BATCH) {
+        *pstrError = "--report goes with --batch";
+        return false;
+    }
+    if (stOpt.iSampleFrames > 0 && stOpt.eMode != QV_MODE_RENDER) {
+        *pstrError = "--frames goes with --render-sample";
         return false;
     }
     *pstOptions = stOpt;
@@ -596,24 +771,4 @@ float InvertRadialModel(const tagST_RADIAL_MODEL *pstModel, float fRho, float fR
         }
     }
     return 0.5f * (fLo + fHi);
-}
-
-std::string ConfigWithFdcMethod(const std::string &strXml, int32_t iMethod)
-{
-    const std::string strKey = "<FDCMethod>" + std::to_string(iMethod) + "</FDCMethod>";
-    const size_t uOpen = strXml.find("<FDCMethod>");
-    const size_t uClose = uOpen == std::string::npos ? uOpen : strXml.find("</FDCMethod>", uOpen);
-    if (uClose != std::string::npos) {
-        return strXml.substr(0, uOpen) + strKey + strXml.substr(uClose + strlen("</FDCMethod>"));
-    }
-    const size_t uSection = strXml.find("</FaceDistortionCorrection>");
-    if (uSection != std::string::npos) {
-        return strXml.substr(0, uSection) + strKey + strXml.substr(uSection);
-    }
-    const size_t uEnd = strXml.rfind("</Config>");
-    if (uEnd == std::string::npos) {
-        return strXml;
-    }
-    return strXml.substr(0, uEnd) + "<FaceDistortionCorrection>" + strKey + "</FaceDistortionCorrection>" +
-           strXml.substr(uEnd);
 }

@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "geometry/lens_model.h"
@@ -56,8 +57,10 @@ typedef struct tagST_QV_OPTIONS {
     tagST_QV_SIZE stBoard;        // --calibrate: inner corners of the chessboard, columns x rows
     double dSquare;               // --calibrate: side of a square (0: not given)
     std::string strProfileOut;    // --calibrate: where the profile block goes
-    int32_t iFdcMethod;           // --fdc-method: LDC_FDC_HOMOGRAPHY or LDC_FDC_MESH, -1 as configured
-    std::string strLibraryConfig; // what the library reads: --config, or its copy with --fdc-method's key
+    std::vector<std::pair<std::string, std::string>> vstSets;   // --set KEY=VALUE, in order
+    std::string strReport;        // --batch: the HTML report
+    int32_t iPngWidth;            // --png-width: written pictures scaled to this width (0: as is)
+    int32_t iSampleFrames;        // --render-sample --frames N: N dumps with varied people (0: the sample)
 } tagST_QV_OPTIONS;
 
 // "L,T,R,B": four integers, blanks allowed around the commas.
@@ -106,11 +109,6 @@ std::string JoinLines(const std::string &strText);
 
 // Which way the frame driver took the frame and why, in words, from its plan and the instance's
 // decision fields after the frame.
-// The configuration's text with FDCMethod set to iMethod: the key replaced where it stands, else
-// added to the face-correction section (made when missing). Text without </Config> comes back
-// as it is, for the library to refuse.
-std::string ConfigWithFdcMethod(const std::string &strXml, int32_t iMethod);
-
 std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA &stPara);
 
 // How the line check treated the plan's line i: judged straight, the one that bent, or kept but
@@ -123,6 +121,14 @@ typedef enum tagE_QV_LINE_STATE {
 E_QV_LINE_STATE PlanLineState(const tagST_LDC_PLAN &stPlan, int32_t i);
 // How many of the kept lines the plan holds.
 int32_t PlanLineCount(const tagST_LDC_PLAN &stPlan);
+
+// The configuration text with the element at strKey set to strValue. strKey is the path the
+// library reads ("/Config/FaceDistortionCorrection/FOVLost", the root optional), matched as the
+// library matches it: names without regard to case, the first of repeated elements. A missing
+// last element is added to its parent (*pbAdded). False with the reason when a parent is missing
+// or the value would change the document's structure.
+bool SetConfigValue(const std::string &strXml, const std::string &strKey, const std::string &strValue,
+                    std::string *pstrOut, bool *pbAdded, std::string *pstrError);
 
 // Parses argv; on false *pstrError says why. --help wins over everything else.
 bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOptions, std::string *pstrError);

@@ -108,31 +108,74 @@ void DrawPerson(SceneCanvas &stC, double dU, double dV, double dA, const cv::Sca
 
 }  // namespace
 
-void RenderSample(const tagST_RADIAL_MODEL &stModel, tagST_QV_SIZE stSize, cv::Mat *pstRecorded,
-                  std::vector<ST_FACE_RECT> *pvstFaces)
+namespace {
+
+// The corrected position whose lens image is the recorded pixel (dX, dY); false beyond what the
+// model can correct.
+bool CorrectedPosition(const tagST_RADIAL_MODEL &stModel, float fRMax, double dX, double dY, double *pdQx,
+                       double *pdQy)
+{
+    const double dDx = dX - stModel.fCx;
+    const double dDy = dY - stModel.fCy;
+    const double dRho = hypot(dDx, dDy);
+    const float fR = InvertRadialModel(&stModel, (float)dRho, fRMax);
+    const double dScale = (dRho > 0 && fR >= 0) ? fR / dRho : 1.0;
+    *pdQx = stModel.fCx + dDx * dScale;
+    *pdQy = stModel.fCy + dDy * dScale;
+    return fR >= 0;
+}
+
+// A small deterministic generator, so that a varied batch is the same on every machine.
+struct Lcg {
+    uint32_t uState;
+    double Next()
+    {
+        uState = uState * 1664525u + 1013904223u;
+        return (uState >> 8) / 16777216.0;
+    }
+    double Range(double dLo, double dHi) { return dLo + (dHi - dLo) * Next(); }
+};
+
+}  // namespace
+
+std::vector<tagST_QV_PERSON> SamplePeople()
+{
+    return {{0.125, 0.44, 0.052, cv::Scalar(150, 90, 40)}, {0.865, 0.47, 0.058, cv::Scalar(60, 120, 60)}};
+}
+
+std::vector<tagST_QV_PERSON> VariedPeople(int32_t iFrame)
+{
+    Lcg stRand = {0x9E3779B9u ^ (uint32_t)iFrame * 2654435761u};
+    const cv::Scalar astShirt[4] = {cv::Scalar(150, 90, 40), cv::Scalar(60, 120, 60), cv::Scalar(40, 60, 160),
+                                    cv::Scalar(120, 120, 120)};
+    // Every fourth frame without anyone; the others with one to three people, spread across the
+    // frame from left to right so that they seldom overlap.
+    const int32_t iPeople = iFrame % 4 == 0 ? 0 : 1 + (int32_t)(stRand.Next() * 3.0);
+    std::vector<tagST_QV_PERSON> vstPeople;
+    for (int32_t i = 0; i < iPeople; i++) {
+        const double dSlot = (i + 0.5) / iPeople;
+        const double dU = std::min(0.95, std::max(0.05, dSlot + stRand.Range(-0.45, 0.45) / iPeople));
+        vstPeople.push_back({dU, stRand.Range(0.22, 0.62), stRand.Range(0.03, 0.085), astShirt[(iFrame + i) % 4]});
+    }
+    return vstPeople;
+}
+
+void PrepareRecording(const tagST_RADIAL_MODEL &stModel, tagST_QV_SIZE stSize, tagST_QV_RECORDING *pstRec)
 {
     const int32_t iW = stSize.iWidth;
     const int32_t iH = stSize.iHeight;
     const float fRMax = 4.0f * (float)std::max(iW, iH);
+    pstRec->stModel = stModel;
+    pstRec->stSize = stSize;
 
     // Corrected positions of the frame's border: the canvas must hold all of them.
     double dMinX = 0, dMinY = 0, dMaxX = iW, dMaxY = iH;
-    auto corrected = [&](double dX, double dY, double *pdQx, double *pdQy) {
-        const double dDx = dX - stModel.fCx;
-        const double dDy = dY - stModel.fCy;
-        const double dRho = hypot(dDx, dDy);
-        const float fR = InvertRadialModel(&stModel, (float)dRho, fRMax);
-        const double dScale = (dRho > 0 && fR >= 0) ? fR / dRho : 1.0;
-        *pdQx = stModel.fCx + dDx * dScale;
-        *pdQy = stModel.fCy + dDy * dScale;
-        return fR >= 0;
-    };
     for (int32_t i = 0; i <= 64; i++) {
         const double adX[4] = {iW * i / 64.0, iW * i / 64.0, 0, (double)iW};
         const double adY[4] = {0, (double)iH, iH * i / 64.0, iH * i / 64.0};
         for (int32_t k = 0; k < 4; k++) {
             double dQx, dQy;
-            if (corrected(adX[k], adY[k], &dQx, &dQy)) {
+            if (CorrectedPosition(stModel, fRMax, adX[k], adY[k], &dQx, &dQy)) {
                 dMinX = std::min(dMinX, dQx);
                 dMaxX = std::max(dMaxX, dQx);
                 dMinY = std::min(dMinY, dQy);
@@ -140,15 +183,43 @@ void RenderSample(const tagST_RADIAL_MODEL &stModel, tagST_QV_SIZE stSize, cv::M
             }
         }
     }
+    pstRec->dOx = floor(dMinX) - 4;
+    pstRec->dOy = floor(dMinY) - 4;
+    pstRec->stCanvas = cv::Size((int32_t)ceil(dMaxX - pstRec->dOx) + 8, (int32_t)ceil(dMaxY - pstRec->dOy) + 8);
+
+    // Each recorded pixel shows the scene at the corrected position whose lens image it is.
+    pstRec->stMapX.create(iH, iW, CV_32FC1);
+    pstRec->stMapY.create(iH, iW, CV_32FC1);
+    for (int32_t y = 0; y < iH; y++) {
+        float *pfX = pstRec->stMapX.ptr<float>(y);
+        float *pfY = pstRec->stMapY.ptr<float>(y);
+        for (int32_t x = 0; x < iW; x++) {
+            double dQx, dQy;
+            if (CorrectedPosition(stModel, fRMax, x, y, &dQx, &dQy)) {
+                pfX[x] = (float)(dQx - pstRec->dOx);
+                pfY[x] = (float)(dQy - pstRec->dOy);
+            } else {
+                pfX[x] = -1.0f;
+                pfY[x] = -1.0f;
+            }
+        }
+    }
+}
+
+void RenderSample(const tagST_QV_RECORDING &stRec, const std::vector<tagST_QV_PERSON> &vstPeople,
+                  cv::Mat *pstRecorded, std::vector<ST_FACE_RECT> *pvstFaces)
+{
+    const tagST_RADIAL_MODEL &stModel = stRec.stModel;
+    const int32_t iW = stRec.stSize.iWidth;
+    const int32_t iH = stRec.stSize.iHeight;
     SceneCanvas stC;
     stC.dW = iW;
     stC.dH = iH;
-    stC.dOx = floor(dMinX) - 4;
-    stC.dOy = floor(dMinY) - 4;
-    const int32_t iCw = (int32_t)ceil(dMaxX - stC.dOx) + 8;
-    const int32_t iCh = (int32_t)ceil(dMaxY - stC.dOy) + 8;
+    stC.dOx = stRec.dOx;
+    stC.dOy = stRec.dOy;
+    const int32_t iCw = stRec.stCanvas.width;
+    const int32_t iCh = stRec.stCanvas.height;
     stC.stImage.create(iCh, iCw, CV_8UC3);
-
     // Sky, lighter towards the horizon.
     for (int32_t y = 0; y < iCh; y++) {
         const double dT = std::min(1.0, std::max(0.0, (y + stC.dOy) / (0.62 * iH)));
@@ -188,46 +259,24 @@ void RenderSample(const tagST_RADIAL_MODEL &stModel, tagST_QV_SIZE stSize, cv::M
     stC.Line(0.515, 0.22, 0.515, 0.78, cv::Scalar(50, 50, 50), 0.005);
     stC.Line(0.515, 0.22, 0.545, 0.22, cv::Scalar(50, 50, 50), 0.004);
 
-    // Two people near the borders; the face rectangles are the skin ellipses' boxes.
-    struct Face {
-        double dU, dV, dA;
-        cv::Scalar stShirt;
-    };
-    const Face astFaces[2] = {{0.125, 0.44, 0.052, cv::Scalar(150, 90, 40)}, {0.865, 0.47, 0.058, cv::Scalar(60, 120, 60)}};
-    for (const Face &stFace : astFaces) {
-        DrawPerson(stC, stFace.dU, stFace.dV, stFace.dA, stFace.stShirt);
+    for (const tagST_QV_PERSON &stPerson : vstPeople) {
+        DrawPerson(stC, stPerson.dU, stPerson.dV, stPerson.dA, stPerson.stShirt);
     }
     const double dBlur = iW / 2500.0;
     if (dBlur >= 0.5) {
         cv::GaussianBlur(stC.stImage, stC.stImage, cv::Size(0, 0), dBlur);
     }
 
-    // Recording: each recorded pixel shows the scene at the corrected position whose lens image
-    // it is, found by inverting the radial model on the radius.
-    cv::Mat stMapX(iH, iW, CV_32FC1), stMapY(iH, iW, CV_32FC1);
-    for (int32_t y = 0; y < iH; y++) {
-        float *pfX = stMapX.ptr<float>(y);
-        float *pfY = stMapY.ptr<float>(y);
-        for (int32_t x = 0; x < iW; x++) {
-            double dQx, dQy;
-            if (corrected(x, y, &dQx, &dQy)) {
-                pfX[x] = (float)(dQx - stC.dOx);
-                pfY[x] = (float)(dQy - stC.dOy);
-            } else {
-                pfX[x] = -1.0f;
-                pfY[x] = -1.0f;
-            }
-        }
-    }
-    cv::remap(stC.stImage, *pstRecorded, stMapX, stMapY, cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar(0, 0, 0));
+    cv::remap(stC.stImage, *pstRecorded, stRec.stMapX, stRec.stMapY, cv::INTER_LINEAR, cv::BORDER_CONSTANT,
+              cv::Scalar(0, 0, 0));
 
     // The face boxes go forward through the model: the recorded position of a corrected point.
     pvstFaces->clear();
-    for (const Face &stFace : astFaces) {
-        const double dA = stFace.dA * iW;
+    for (const tagST_QV_PERSON &stPerson : vstPeople) {
+        const double dA = stPerson.dA * iW;
         const double dB = 1.36 * dA;
-        const double dCx = stFace.dU * iW;
-        const double dCy = stFace.dV * iH;
+        const double dCx = stPerson.dU * iW;
+        const double dCy = stPerson.dV * iH;
         double dL = 1e9, dT = 1e9, dR = -1e9, dBot = -1e9;
         for (int32_t i = 0; i < 256; i++) {
             const double dT01 = i / 256.0;

@@ -2,6 +2,7 @@
 
 #include <math.h>
 #include <string.h>
+#include <stdlib.h>
 
 #include "vkt_zb_ldc.h"   // LDC_MAX_FACES, LDC_MAX_IMAGE_SIZE
 
@@ -9,12 +10,16 @@
 #define LDC_MESH_MIN_CELLS 8         // the coarsest level of the cascade has at least this many
 #define LDC_MESH_MAX_CELLS 256
 #define LDC_MESH_MAX_LEVELS 6
-#define LDC_MESH_MAX_ITERATIONS 100  // per solve: bounds the time whatever the input
+#define LDC_MESH_MAX_ITERATIONS 100  // per conjugate-gradient solve on the finest grid
+#define LDC_MESH_ITERATION_BUDGET 80   // on the finest grid over all rounds: bounds the time whatever
+                                       // the input (a still scene takes 10 to 30)
+#define LDC_MESH_START_ITERATIONS 20   // per coarser grid of a cold start's cascade
 #define LDC_MESH_TOLERANCE 1e-4      // relative residual at which a solve stops
 #define LDC_MESH_START_TOLERANCE 1e-2     // the coarser grids only give the finest its start
 #define LDC_MESH_COARSEST_TOLERANCE 1e-3  // the V-cycle's solve on its coarsest grid
 #define LDC_MESH_LENS_STEPS 12       // Newton steps of the inverse lens model
 #define LDC_MESH_SAMPLES_PER_CELL 1  // line-term samples per cell along a segment
+#define LDC_MESH_SCAN_SEGMENTS 1024  // segments looked at for the line term, the longest taken first
 #define LDC_MESH_MAX_SAMPLES 16384   // line-term samples over all levels
 #define LDC_MESH_FIT_STEPS 12        // bisection steps of a crowded face's strength
 #define LDC_MESH_MAX_FOLD_TERMS 4096 // cell corners the fold guard holds at most
@@ -31,7 +36,8 @@ static const float kFaceBand = 0.2f;           // ... and gone this much farther
 static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
 static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
 static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
-static const float kLineWeight = 20.0f;        // a straight segment's pull toward staying straight
+static const float kLineWeight = 50.0f;        // a straight segment's pull toward staying straight
+static const float kLineClear = 1.5f;          // segments keep this elliptic distance from every face
 static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
                                                // or grows much, and both gaps stretch alike)
 static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
@@ -77,6 +83,12 @@ typedef struct tagST_MESH_FACE_FIT {
     float fMovePerStrength;
     float afBound[4];   // left, top, right, bottom
 } tagST_MESH_FACE_FIT;
+
+// A segment offered to the line term: its length in recorded pixels and its place in the input.
+typedef struct tagST_MESH_SEGMENT_ORDER {
+    float fLength;
+    int32_t iIndex;
+} tagST_MESH_SEGMENT_ORDER;
 
 // A straight segment of the line term: its samples' displacement across it should stay an
 // affine function of the position along it (the segment stays straight, across faces too).
@@ -210,12 +222,13 @@ uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells)
     }
     tagST_MESH_GRID stFine;
     GridOfCells(iWidth, iHeight, aiCells[0], &stFine);
-    // The levels' arrays, the segments and samples of every level, the fold terms, a copy of
-    // the warm start and the fold guard's corner marks.
+    // The levels' arrays, the segments and samples of every level, the fold terms, the segments'
+    // order, a copy of the warm start and the fold guard's corner marks.
     return uFloats * (uint32_t)sizeof(float) +
            (uint32_t)iLevels * LDC_MESH_MAX_SEGMENTS * (uint32_t)sizeof(tagST_MESH_LINE) +
            LDC_MESH_MAX_SAMPLES * (uint32_t)sizeof(tagST_MESH_SAMPLE) +
            LDC_MESH_MAX_FOLD_TERMS * (uint32_t)sizeof(tagST_MESH_FOLD_TERM) +
+           LDC_MESH_SCAN_SEGMENTS * (uint32_t)sizeof(tagST_MESH_SEGMENT_ORDER) +
            (uint32_t)VertexCount(&stFine) * (2u * (uint32_t)sizeof(float) + 4u);
 }
 
@@ -619,28 +632,27 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
     return iJ * pstGrid->iCols + iI;
 }
 
-// Line terms: each segment goes to corrected pixels (where it is straight) and is sampled every
-// half cell. A segment that runs into a face's pull is left out whole: held straight, it would
-// pin the face's surroundings and the face's correction would bend the rest of the frame instead.
+// Line terms: the longest segments that keep clear of the faces, each taken to corrected pixels
+// (where it is straight) and sampled once a cell. A segment that comes near a face is left out
+// whole: held straight, it would pin the face's surroundings, and the face's correction would
+// bend the rest of the frame instead.
 // The energy is weight * length * the integral along the segment of (d . n - its best affine
 // fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
 // line. Returns the samples used.
 static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
-                              tagST_MESH_LEVEL *pstLevel, tagST_MESH_SAMPLE *pstSamples, int32_t iRoom)
+                              const tagST_MESH_SEGMENT_ORDER *pstOrder, int32_t iSegments, tagST_MESH_LEVEL *pstLevel,
+                              tagST_MESH_SAMPLE *pstSamples, int32_t iRoom)
 {
     const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
     pstLevel->iLines = 0;
-    const int32_t iSegments = pstIn->pstLines == NULL || pstIn->iLineNum < 0 || !(kLineWeight > 0.0f)
-                                  ? 0
-                                  : (pstIn->iLineNum < LDC_MESH_MAX_SEGMENTS ? pstIn->iLineNum : LDC_MESH_MAX_SEGMENTS);
     const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
     const float fSpacing = (pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY) /
                            (float)LDC_MESH_SAMPLES_PER_CELL;
     pstLevel->fLineWeight =
         kLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
     int32_t iUsed = 0;
-    for (int32_t l = 0; l < iSegments; l++) {
-        const stLine *pstSegment = &pstIn->pstLines[l];
+    for (int32_t l = 0; l < iSegments && pstLevel->iLines < LDC_MESH_MAX_SEGMENTS; l++) {
+        const stLine *pstSegment = &pstIn->pstLines[pstOrder[l].iIndex];
         float fX0, fY0, fX1, fY1;
         InverseLens(&pstIn->stLens, (float)pstSegment->Pnt0.x, (float)pstSegment->Pnt0.y, &fX0, &fY0);
         InverseLens(&pstIn->stLens, (float)pstSegment->Pnt1.x, (float)pstSegment->Pnt1.y, &fX1, &fY1);
@@ -663,7 +675,7 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
                 continue;
             }
-            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f || fNearest < kLineClear) {
                 iUsed -= pstLine->iCount;   // the segment runs into a face: left to bend
                 pstLine->iCount = 0;
                 break;
@@ -1102,7 +1114,8 @@ static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_
 // Every level's terms for the faces: data, bending and line terms and the preconditioner.
 // Returns 0 when no face reaches a vertex of the finest level.
 static int32_t BuildLevels(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
-                           tagST_MESH_LEVEL *astLevels, int32_t iLevels, tagST_MESH_SAMPLE *pstSamples)
+                           const tagST_MESH_SEGMENT_ORDER *pstOrder, int32_t iSegments, tagST_MESH_LEVEL *astLevels,
+                           int32_t iLevels, tagST_MESH_SAMPLE *pstSamples)
 {
     int32_t iReached = 0;
     int32_t iUsed = 0;
@@ -1110,8 +1123,8 @@ static int32_t BuildLevels(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE 
         const int32_t iLevelReached = BuildDataTerms(pstIn, pstFaces, iFaces, &astLevels[l]);
         iReached = l == 0 ? iLevelReached : iReached;
         // Samples index from the pool's start; each level's lines take the next free ones.
-        const int32_t iLevelUsed = BuildLineTerms(pstIn, pstFaces, iFaces, &astLevels[l], pstSamples + iUsed,
-                                                  LDC_MESH_MAX_SAMPLES - iUsed);
+        const int32_t iLevelUsed = BuildLineTerms(pstIn, pstFaces, iFaces, pstOrder, iSegments, &astLevels[l],
+                                                  pstSamples + iUsed, LDC_MESH_MAX_SAMPLES - iUsed);
         for (int32_t n = 0; n < astLevels[l].iLines; n++) {
             astLevels[l].pstLines[n].iFirst += iUsed;
         }
@@ -1122,10 +1135,10 @@ static int32_t BuildLevels(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE 
     return iReached;
 }
 
-// The finest level from the start in its x, then as many rounds of the fold guard as it takes.
-// Returns the iterations.
+// The finest level from the start in its x, then as many rounds of the fold guard as it takes,
+// within iBudget iterations. Returns the iterations.
 static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const tagST_MESH_SAMPLE *pstSamples,
-                           float fLength, uint8_t *pucActive, float *pfResidual, int32_t *piFoldRounds)
+                           float fLength, int32_t iBudget, uint8_t *pucActive, float *pfResidual, int32_t *piFoldRounds)
 {
     tagST_MESH_LEVEL *pstFine = &astLevels[0];
     memset(pucActive, 0, 4u * (uint32_t)pstFine->iVertices);
@@ -1136,8 +1149,10 @@ static int32_t SolveFinest(tagST_MESH_LEVEL *astLevels, int32_t iLevels, const t
             break;
         }
         BuildPreconditioner(pstFine, pstSamples);
-        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE, LDC_MESH_MAX_ITERATIONS, pfResidual);
-        if (iRound + 1 >= kFoldGuardRounds) {
+        const int32_t iLeft = iBudget - iIter;
+        iIter += ConjugateGradients(astLevels, pstSamples, 0, iLevels, LDC_MESH_TOLERANCE,
+                                    iLeft < LDC_MESH_MAX_ITERATIONS ? iLeft : LDC_MESH_MAX_ITERATIONS, pfResidual);
+        if (iRound + 1 >= kFoldGuardRounds || iIter >= iBudget) {
             break;
         }
         *piFoldRounds = iRound + 1;
@@ -1190,6 +1205,35 @@ static float SmallestAreaRatio(const tagST_MESH_GRID *pstGrid, const float *pfMe
     return fMin / (fSx * fSy);
 }
 
+static int CompareSegments(const void *pvA, const void *pvB)
+{
+    const tagST_MESH_SEGMENT_ORDER *pstA = (const tagST_MESH_SEGMENT_ORDER *)pvA;
+    const tagST_MESH_SEGMENT_ORDER *pstB = (const tagST_MESH_SEGMENT_ORDER *)pvB;
+    if (pstA->fLength != pstB->fLength) {
+        return pstA->fLength > pstB->fLength ? -1 : 1;
+    }
+    return pstA->iIndex < pstB->iIndex ? -1 : (pstA->iIndex > pstB->iIndex ? 1 : 0);
+}
+
+// The segments offered, longest first (a line finder lists them by angle: the first ones alone
+// would all run one way); equal lengths keep the input's order. Returns their number.
+static int32_t OrderSegments(const tagST_MESH_INPUT *pstIn, tagST_MESH_SEGMENT_ORDER *pstOrder)
+{
+    if (pstIn->pstLines == NULL || pstIn->iLineNum <= 0 || !(kLineWeight > 0.0f)) {
+        return 0;
+    }
+    const int32_t iSegments = pstIn->iLineNum < LDC_MESH_SCAN_SEGMENTS ? pstIn->iLineNum : LDC_MESH_SCAN_SEGMENTS;
+    for (int32_t l = 0; l < iSegments; l++) {
+        const stLine *pstSegment = &pstIn->pstLines[l];
+        const double dDx = (double)pstSegment->Pnt1.x - (double)pstSegment->Pnt0.x;
+        const double dDy = (double)pstSegment->Pnt1.y - (double)pstSegment->Pnt0.y;
+        pstOrder[l].fLength = (float)sqrt(dDx * dDx + dDy * dDy);
+        pstOrder[l].iIndex = l;
+    }
+    qsort(pstOrder, (size_t)iSegments, sizeof(pstOrder[0]), CompareSegments);
+    return iSegments;
+}
+
 int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *pucWork, uint32_t uWorkBytes,
                       tagST_MESH_STATS *pstStats)
 {
@@ -1220,7 +1264,9 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
     tagST_MESH_SAMPLE *pstSamples = (tagST_MESH_SAMPLE *)(pstLines + iLevels * LDC_MESH_MAX_SEGMENTS);
     tagST_MESH_LEVEL *pstFine = &astLevels[0];
     pstFine->pstFolds = (tagST_MESH_FOLD_TERM *)(pstSamples + LDC_MESH_MAX_SAMPLES);
-    float *pfStart = (float *)(pstFine->pstFolds + LDC_MESH_MAX_FOLD_TERMS);
+    tagST_MESH_SEGMENT_ORDER *pstOrder = (tagST_MESH_SEGMENT_ORDER *)(pstFine->pstFolds + LDC_MESH_MAX_FOLD_TERMS);
+    const int32_t iSegments = OrderSegments(pstIn, pstOrder);
+    float *pfStart = (float *)(pstOrder + LDC_MESH_SCAN_SEGMENTS);
     uint8_t *pucActive = (uint8_t *)(pfStart + 2 * pstFine->iVertices);
     const int32_t iV = pstFine->iVertices;
     const uint32_t uMeshBytes = (uint32_t)iV * 2u * (uint32_t)sizeof(float);
@@ -1242,7 +1288,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
     float fStrength = pstIn->fStrength;
     for (int32_t iRound = 0;; iRound++) {
         const int32_t iFaces = PrepareFaces(pstIn, fStrength, astFaces);
-        if (iFaces == 0 || BuildLevels(pstIn, astFaces, iFaces, astLevels, iLevels, pstSamples) == 0) {
+        if (iFaces == 0 || BuildLevels(pstIn, astFaces, iFaces, pstOrder, iSegments, astLevels, iLevels, pstSamples) == 0) {
             memset(pfMesh, 0, uMeshBytes);   // no face to correct: exactly lens correction alone
             memset(pstStats, 0, sizeof(*pstStats));
             return LDC_MESH_OK;
@@ -1261,12 +1307,15 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
             for (int32_t l = iLevels - 1; l > 0; l--) {
                 float fResidual;
                 pstStats->iCoarseIterations +=
-                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_START_TOLERANCE, LDC_MESH_MAX_ITERATIONS, &fResidual);
+                    ConjugateGradients(astLevels, pstSamples, l, iLevels, LDC_MESH_START_TOLERANCE,
+                                       LDC_MESH_START_ITERATIONS, &fResidual);
                 ProlongVector(&astLevels[l], astLevels[l].pfX, &astLevels[l - 1], astLevels[l - 1].pfX, 0);
             }
         }
-        pstStats->iIterations += SolveFinest(astLevels, iLevels, pstSamples, LengthScale(astFaces, iFaces), pucActive,
-                                             &pstStats->fResidual, &pstStats->iFoldRounds);
+        pstStats->iIterations +=
+            SolveFinest(astLevels, iLevels, pstSamples, LengthScale(astFaces, iFaces),
+                        LDC_MESH_ITERATION_BUDGET - pstStats->iIterations, pucActive, &pstStats->fResidual,
+                        &pstStats->iFoldRounds);
         for (int32_t v = 0; v < iV; v++) {
             pfMesh[2 * v] = pstFine->pfX[Unknown(pstFine, v, 0)];
             pfMesh[2 * v + 1] = pstFine->pfX[Unknown(pstFine, v, 1)];
@@ -1282,7 +1331,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         if (SmallestAreaRatio(&pstFine->stGrid, pfMesh) >= kMinAreaRatio) {
             return LDC_MESH_OK;
         }
-        if (iRound + 1 == LDC_MESH_FOLD_ROUNDS) {
+        if (iRound + 1 == LDC_MESH_FOLD_ROUNDS || pstStats->iIterations >= LDC_MESH_ITERATION_BUDGET) {
             memset(pfMesh, 0, uMeshBytes);
             return LDC_MESH_ERR_FOLD;
         }

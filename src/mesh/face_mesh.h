@@ -36,7 +36,7 @@
 #define LDC_MESH_ERR_NUMERIC (-2)   // the solve left non-finite values; the mesh is zeroed
 #define LDC_MESH_ERR_FOLD (-3)      // even the weakest correction tried folds the map; the mesh is zeroed
 
-#define LDC_MESH_MAX_SEGMENTS 64    // straight segments used by the line term
+#define LDC_MESH_MAX_SEGMENTS 64    // straight segments used by the line term at most (the longest)
 
 typedef struct tagST_MESH_GRID {
     int32_t iCols;     // vertices per row; the first column lies on x = 0, the last on x = width - 1
@@ -80,7 +80,8 @@ uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells);
 
 // Solves the mesh into pfMesh (FaceMeshBytes) using pucWork (FaceMeshWorkBytes, 8-byte aligned).
 // Without faces of any weight (none, all degenerate or outside, or strength 0) the mesh is
-// exactly zero. A map that folds is solved again at a lower strength, a few times at most.
+// exactly zero. A map that folds is solved again at a lower strength, a few times at most and
+// within one budget of iterations for all rounds, so the time is bounded whatever the faces.
 // Returns LDC_MESH_OK or a negative code; after a failure the mesh is zero, so a caller that
 // renders it anyway gets lens correction alone.
 int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *pucWork, uint32_t uWorkBytes,

@@ -28,9 +28,11 @@
 #define LDC_MESH_FOLD_SHRINK 0.75f
 #define LDC_MESH_STENCIL 7           // coefficient planes of the symmetric 13-point stencil
 
-// The energy's weights, all relative to the background's pull (1) and measured in the length of
-// the smallest face's radius, so that the balance is the same at every frame and grid size.
+// The energy's weights, measured in the length of the smallest face's radius, so that the balance
+// is the same at every frame and grid size.
 static const float kFaceWeight = 512.0f;       // a face's pull toward its map: it wins inside the face
+static const float kBackgroundWeight = 5.0f;   // the pull toward perspective away from the faces:
+                                               // keeps the lines there straight
 static const float kFaceInner = 0.8f;          // the pull is full up to this elliptic distance ...
 static const float kFaceBand = 0.2f;           // ... and gone this much farther out
 static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
@@ -575,7 +577,7 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             iReached += fShare > 0.0f ? 1 : 0;
             const float fFace = kFaceWeight * fShare;
             pstLevel->apfStencil[0][v] =
-                fFace + SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
+                fFace + kBackgroundWeight * SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 0)] = fFace * fTx;
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 1)] = fFace * fTy;
             pfBend[v] = fBend * (1.0f - fShare);
@@ -874,7 +876,7 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
 // terms couple; and the right-hand side with the fold terms' share. Zero on the frame's edge.
 static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples)
 {
-    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows, iC = iCols;
+    const int32_t iC = pstLevel->stGrid.iCols;
     float *pfDiagX = pstLevel->pfDiagInv + pstLevel->iMargin, *pfDiagY = pfDiagX + pstLevel->iPlane;
     const float *pfC = pstLevel->apfStencil[0], *pfE = pstLevel->apfStencil[1], *pfEE = pstLevel->apfStencil[2];
     const float *pfS = pstLevel->apfStencil[3], *pfSS = pstLevel->apfStencil[4], *pfSE = pstLevel->apfStencil[5];
@@ -919,7 +921,6 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
             pstLevel->pfRhs[n] = bHeld ? 0.0f : pstLevel->pfRhs[n];
         }
     }
-    (void)iRows;
 }
 
 // Dot products in double over four interleaved partial sums, added in a fixed order: the same

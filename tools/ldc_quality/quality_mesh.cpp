@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <random>
 
-#include "records/ldc_para.h"
 #include "linedetect/downscale.h"
 #include "linedetect/line_detect.h"
 #include "linedetect/sobel.h"
+#include "records/ldc_para.h"
 
 namespace {
 

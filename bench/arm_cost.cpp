@@ -1,5 +1,7 @@
 // ARM cost driver: one 4000 x 3000 NV21 frame through the remap kernel, the warp kernel,
-// IQV_LDC_Process on the face path and on the lens-only path, and OpenCV's remap and
+// IQV_LDC_Process on the face path, on the lens-only path and with the face mesh (FDCMethod 1: a
+// first frame, solved cold; the same frame again, only rendered; the face moved, solved from the
+// last mesh), and OpenCV's remap and
 // warpPerspective (one thread), each call inside its own region of the instruction-counting QEMU
 // plugin (bench/arm_cost.sh builds and runs this under qemu-arm / qemu-aarch64).
 //
@@ -44,6 +46,9 @@ enum eRegion {
     REGION_LENS = 4,
     REGION_CV_REMAP = 5,
     REGION_CV_WARP = 6,
+    REGION_MESH_FIRST = 7,
+    REGION_MESH_STILL = 8,
+    REGION_MESH_MOVED = 9,
 };
 
 // The plugin's markers: getppid ignores its arguments, so without the plugin nothing happens.
@@ -143,13 +148,15 @@ private:
 };
 
 // The sample configuration's 4000 x 3000 profile with one face corrected at degree 0.3 under
-// the given field-of-view budget (100: no face fit, the warp matrix stays the identity).
-std::string WriteConfig(const std::string &sDir, const char *pcName, int iFovLost)
+// the given field-of-view budget (100: no face fit, the warp matrix stays the identity), by the
+// given method.
+std::string WriteConfig(const std::string &sDir, const char *pcName, int iFovLost, int iMethod = LDC_FDC_HOMOGRAPHY)
 {
     const std::string sText =
         "<?xml version=\"1.0\"?>\n<Config><Global><GolbalFDCFlag>0</GolbalFDCFlag><FDCAreaRestrictedFlag>0"
         "</FDCAreaRestrictedFlag></Global><FaceDistortionCorrection><CorrectionDegree>0.3</CorrectionDegree>"
-        "<FOVLost>" + std::to_string(iFovLost) + "</FOVLost></FaceDistortionCorrection>"
+        "<FOVLost>" + std::to_string(iFovLost) + "</FOVLost><FDCMethod>" + std::to_string(iMethod) +
+        "</FDCMethod></FaceDistortionCorrection>"
         "<DistortionCorrection1><ImageWidth>4000</ImageWidth><ImageHeight>3000</ImageHeight>"
         "<CameraMatrix>3349.47331 0 2139.26969 0 3349.47331 1472.31769 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221"
@@ -173,9 +180,10 @@ void *CreateInstance(const std::string &sConfig)
 }
 
 // One measured IQV_LDC_Process call; returns the library's log of it.
-std::string MeasureProcess(int iRegion, void *pHandle, Frame *pstIn, Frame *pstOut, const std::string &sLog)
+std::string MeasureProcess(int iRegion, void *pHandle, Frame *pstIn, Frame *pstOut, const std::string &sLog,
+                           const ST_FACE_RECT *pstFace = &kFace)
 {
-    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &kFace};
+    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, pstFace};
     Capture stCapture(sLog);
     OpenRegion(iRegion);
     const int32_t iRet = IQV_LDC_Process(pHandle, &stInfo, pstIn->Data(), pstOut->Data());
@@ -297,6 +305,22 @@ int main(int argc, char **argv)
     }
     printf("info lens-only path: FOVLost 100, no face fit, identity matrix (one pass)\n");
 
+    // The face mesh: a first frame (a photo: solved from nothing), the same frame again (a still
+    // preview: the mesh is kept, only rendered), then the face 64 pixels to the right (solved
+    // from the last frame's mesh).
+    void *pMeshHandle = CreateInstance(WriteConfig(sDir, "mesh.xml", 60, LDC_FDC_MESH));
+    Frame stMesh;
+    const ST_FACE_RECT stMoved = {kFace.iLeft + 64, kFace.iTop, kFace.iRight + 64, kFace.iBottom};
+    const std::string sMeshLog = MeasureProcess(REGION_MESH_FIRST, pMeshHandle, &stIn, &stMesh, sDir + "/mesh_first.log");
+    MeasureProcess(REGION_MESH_STILL, pMeshHandle, &stIn, &stMesh, sDir + "/mesh_still.log");
+    const std::string sMovedLog =
+        MeasureProcess(REGION_MESH_MOVED, pMeshHandle, &stIn, &stMesh, sDir + "/mesh_moved.log", &stMoved);
+    const char *pcMeshLine = "I/ZB5QU_QVLDC: The face mesh corrects 1 faces";
+    if (sMeshLog.find(pcMeshLine) == std::string::npos || sMovedLog.find(pcMeshLine) == std::string::npos) {
+        Fail("the face mesh path was not taken (see " + sDir + "/mesh_first.log, mesh_moved.log)");
+    }
+    printf("info face mesh: FDCMethod 1, degree 0.3: a first frame, the same frame again, the face moved by 64 px\n");
+
     // The remap kernel alone, with the lens-only instance (its model, rectangle and working
     // buffer), into a copy of the input as the driver frames the rectangle: the lens-only output
     // must be exactly this frame.
@@ -363,7 +387,11 @@ int main(int argc, char **argv)
     printf("region %d %ld process_lens\n", REGION_LENS, kPixels);
     printf("region %d %ld opencv_remap\n", REGION_CV_REMAP, kPixels);
     printf("region %d %ld opencv_warpPerspective\n", REGION_CV_WARP, kPixels);
+    printf("region %d %ld process_mesh_first\n", REGION_MESH_FIRST, kPixels);
+    printf("region %d %ld process_mesh_still\n", REGION_MESH_STILL, kPixels);
+    printf("region %d %ld process_mesh_moved\n", REGION_MESH_MOVED, kPixels);
     IQV_LDC_Delete(pFaceHandle);
     IQV_LDC_Delete(pLensHandle);
+    IQV_LDC_Delete(pMeshHandle);
     return 0;
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # ARM cost meter: exact ARM instructions per output pixel of the remap kernel, the warp kernel and
-# IQV_LDC_Process (face path and lens only) on a 4000 x 3000 NV21 frame, beside OpenCV's remap
+# IQV_LDC_Process (face path, lens only, face mesh) on a 4000 x 3000 NV21 frame, beside OpenCV's remap
 # and warpPerspective on the same emulated CPU, for armhf and arm64.
 #
 # Host timings of the NEON code run through SIMDe on x86-64 say little about ARM; instruction
@@ -246,6 +246,9 @@ ROWS=("remap kernel (DistortionCorrect_neon)|remap_kernel"
       "warp kernel (AffineTransform_neon)|warp_kernel"
       "IQV_LDC_Process, face path|process_face"
       "IQV_LDC_Process, lens only|process_lens"
+      "IQV_LDC_Process, mesh, first frame|process_mesh_first"
+      "IQV_LDC_Process, mesh, still frame|process_mesh_still"
+      "IQV_LDC_Process, mesh, face moved|process_mesh_moved"
       "OpenCV remap|opencv_remap"
       "OpenCV warpPerspective|opencv_warpPerspective"
       "OpenCV remap + warpPerspective|opencv_remap opencv_warpPerspective")
@@ -260,6 +263,12 @@ for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_face opencv_rema
 echo
 printf '%-44s' "lens only / OpenCV remap"
 for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_lens opencv_remap)"; done
+echo
+printf '%-44s' "mesh still / lens only"
+for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_mesh_still process_lens)"; done
+echo
+printf '%-44s' "mesh moved / (OpenCV remap + warpPerspective)"
+for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_mesh_moved opencv_remap opencv_warpPerspective)"; done
 echo
 echo "Pixels: ${COUNT[${ARCHS[0]}:pixels]} (4000 x 3000 luma; each call also does its chroma)."
 printf 'Worker threads started per call:'

@@ -2,7 +2,10 @@
 // right of centre, CorrectionDegree 0.3, FOVLost 60, so the lens remap and the projective warp
 // both run. Beside it, in the same binary on the same frame: OpenCV's remap with precomputed
 // fixed-point maps followed by warpPerspective through the same homography (linear luma, nearest
-// chroma, two threads), and a plain copy of the frame (the bandwidth floor).
+// chroma, two threads), and a plain copy of the frame (the bandwidth floor). Then the same frame
+// and face with the lens remap alone (FOVLost 100) and with the face mesh (FDCMethod 1): a
+// still preview, where the mesh is kept and only rendered, and a moving face, solved every frame
+// from the last frame's mesh.
 #include <benchmark/benchmark.h>
 
 #include <math.h>
@@ -29,27 +32,28 @@ const int kH = 3000;
 const ST_FACE_RECT kFace = {3000, 900, 3479, 1379};
 
 struct Scene {
-    std::string sConfig;
+    std::string sConfig, sLensConfig, sMeshConfig;
     void *pHandle = NULL;
+    void *pLens = NULL;   // FOVLost 100: the lens remap alone
+    void *pMesh = NULL;   // FDCMethod 1
     std::vector<uint8_t> vIn;
     std::vector<uint8_t> vOut;
     float afH[9];
     cv::Mat mMapXY, mMapA, mChromaMapXY, mChromaMapA;
 };
 
-std::string WriteConfig()
+std::string WriteConfig(const std::string &sName, const std::string &sFaceKeys)
 {
     // The sample configuration's 4000 x 3000 profile with the face correction of this case.
     const std::string sText =
         "<?xml version=\"1.0\"?>\n<Config><Global><GolbalFDCFlag>0</GolbalFDCFlag><FDCAreaRestrictedFlag>0"
-        "</FDCAreaRestrictedFlag></Global><FaceDistortionCorrection><CorrectionDegree>0.3</CorrectionDegree>"
-        "<FOVLost>60</FOVLost></FaceDistortionCorrection>"
+        "</FDCAreaRestrictedFlag></Global><FaceDistortionCorrection>" + sFaceKeys + "</FaceDistortionCorrection>"
         "<DistortionCorrection1><ImageWidth>4000</ImageWidth><ImageHeight>3000</ImageHeight>"
         "<CameraMatrix>3349.47331 0 2139.26969 0 3349.47331 1472.31769 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221"
         "</DistortionCoefficients><GlobalFDCCoefficients>6.4e-9 2.56e-16 0 0.000298554</GlobalFDCCoefficients>"
         "</DistortionCorrection1></Config>\n";
-    const std::string sPath = "/tmp/ldc_process_bench_" + std::to_string(getpid()) + ".xml";
+    const std::string sPath = "/tmp/ldc_process_bench_" + sName + std::to_string(getpid()) + ".xml";
     FILE *pFile = fopen(sPath.c_str(), "wb");
     fwrite(sText.data(), 1, sText.size(), pFile);
     fclose(pFile);
@@ -81,18 +85,29 @@ void FaceHomography(const tagST_LDC_PARA *pstPara, float *pfH)
     HomographyEstimation(&stPairs, pfH, aucScratch);
 }
 
+void *CreateInstance(const std::string &sConfig)
+{
+    char acPath[256] = {0};
+    snprintf(acPath, sizeof(acPath), "%s", sConfig.c_str());
+    ST_LDC_INPUT_PARA stPara = {kW, kH, acPath, LDC_PIC_NV21};
+    void *pHandle = NULL;
+    if (IQV_LDC_Create(&pHandle, &stPara) != LDC_OK) {
+        fprintf(stderr, "cannot create the instance\n");
+        abort();
+    }
+    return pHandle;
+}
+
 Scene &GetScene()
 {
     static Scene *pstScene = [] {
         Scene *p = new Scene();
-        p->sConfig = WriteConfig();
-        char acPath[256] = {0};
-        snprintf(acPath, sizeof(acPath), "%s", p->sConfig.c_str());
-        ST_LDC_INPUT_PARA stPara = {kW, kH, acPath, LDC_PIC_NV21};
-        if (IQV_LDC_Create(&p->pHandle, &stPara) != LDC_OK) {
-            fprintf(stderr, "cannot create the instance\n");
-            abort();
-        }
+        p->sConfig = WriteConfig("", "<CorrectionDegree>0.3</CorrectionDegree><FOVLost>60</FOVLost>");
+        p->sLensConfig = WriteConfig("lens_", "<CorrectionDegree>0.3</CorrectionDegree><FOVLost>100</FOVLost>");
+        p->sMeshConfig = WriteConfig("mesh_", "<CorrectionDegree>0.3</CorrectionDegree><FDCMethod>1</FDCMethod>");
+        p->pHandle = CreateInstance(p->sConfig);
+        p->pLens = CreateInstance(p->sLensConfig);
+        p->pMesh = CreateInstance(p->sMeshConfig);
         p->vIn.resize((size_t)kW * kH * 3 / 2);
         for (size_t i = 0; i < p->vIn.size(); i++) {
             p->vIn[i] = (uint8_t)((i * 2654435761u) >> 24);
@@ -141,6 +156,41 @@ void BM_IQV_LDC_Process(benchmark::State &state)
     }
 }
 
+void BM_IQV_LDC_Process_LensOnly(benchmark::State &state)
+{
+    Scene &stScene = GetScene();
+    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &kFace};
+    for (auto _ : state) {
+        IQV_LDC_Process(stScene.pLens, &stInfo, stScene.vIn.data(), stScene.vOut.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+// The face held where it is: the track keeps it, the mesh is not solved again.
+void BM_IQV_LDC_Process_MeshStill(benchmark::State &state)
+{
+    Scene &stScene = GetScene();
+    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &kFace};
+    for (auto _ : state) {
+        IQV_LDC_Process(stScene.pMesh, &stInfo, stScene.vIn.data(), stScene.vOut.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+// The face 64 pixels right and back every other frame, beyond the track's dead band: a solve
+// from the last frame's mesh every frame.
+void BM_IQV_LDC_Process_MeshMoving(benchmark::State &state)
+{
+    Scene &stScene = GetScene();
+    ST_FACE_RECT astFaces[2] = {kFace, {kFace.iLeft + 64, kFace.iTop, kFace.iRight + 64, kFace.iBottom}};
+    int32_t iFrame = 0;
+    for (auto _ : state) {
+        ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &astFaces[iFrame++ & 1]};
+        IQV_LDC_Process(stScene.pMesh, &stInfo, stScene.vIn.data(), stScene.vOut.data());
+        benchmark::ClobberMemory();
+    }
+}
+
 void BM_OpenCvRemapThenWarp(benchmark::State &state)
 {
     Scene &stScene = GetScene();
@@ -177,6 +227,9 @@ void BM_FrameCopy(benchmark::State &state)
 BENCHMARK(BM_IQV_LDC_Process)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_OpenCvRemapThenWarp)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_FrameCopy)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_IQV_LDC_Process_LensOnly)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_IQV_LDC_Process_MeshStill)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_IQV_LDC_Process_MeshMoving)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 }  // namespace
 
@@ -197,7 +250,15 @@ int main(int argc, char **argv)
     benchmark::RunSpecifiedBenchmarks(&stReporter);
     stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process", "BM_OpenCvRemapThenWarp");
     stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process", "BM_FrameCopy");
-    IQV_LDC_Delete(GetScene().pHandle);
-    unlink(GetScene().sConfig.c_str());
+    stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process_MeshStill", "BM_IQV_LDC_Process_LensOnly");
+    stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process_MeshMoving", "BM_IQV_LDC_Process_LensOnly");
+    stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process_MeshMoving", "BM_OpenCvRemapThenWarp");
+    stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process_MeshStill", "BM_OpenCvRemapThenWarp");
+    for (void *pHandle : {GetScene().pHandle, GetScene().pLens, GetScene().pMesh}) {
+        IQV_LDC_Delete(pHandle);
+    }
+    for (const std::string *psPath : {&GetScene().sConfig, &GetScene().sLensConfig, &GetScene().sMeshConfig}) {
+        unlink(psPath->c_str());
+    }
     return 0;
 }

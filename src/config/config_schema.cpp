@@ -181,6 +181,7 @@ int32_t ParseConfigFile(const char *pcPath, tagST_LDC_PARA *pstPara)
     pstPara->fCorrectionDegree =
         stCfg.GetFloat("/Config/FaceDistortionCorrection/CorrectionDegree", 0.0f);
     pstPara->iFOVLost = stCfg.GetInteger("/Config/FaceDistortionCorrection/FOVLost", 10);
+    pstPara->iFDCMethod = stCfg.GetInteger("/Config/FaceDistortionCorrection/FDCMethod", LDC_FDC_HOMOGRAPHY);
     pstPara->iBendDecideMode = stCfg.GetInteger("/Config/LineDetection/BendDecideMode", 0);
     pstPara->iBinarizationThresh = stCfg.GetInteger("/Config/LineDetection/BinarizationThresh", 100);
     pstPara->fConnectLineRatio = stCfg.GetFloat("/Config/LineDetection/ConnectLineRatio", 0.5f);
@@ -203,6 +204,7 @@ int32_t ParseConfigFile(const char *pcPath, tagST_LDC_PARA *pstPara)
     pstPara->iFDCAreaRestrictedFlag = NormaliseFlag(pstPara->iFDCAreaRestrictedFlag);
     pstPara->iGolbalFDCFlag = ClampInt(pstPara->iGolbalFDCFlag, 0, 2);
     pstPara->iFOVLost = ClampInt(pstPara->iFOVLost, 0, 100);
+    pstPara->iFDCMethod = ClampInt(pstPara->iFDCMethod, LDC_FDC_HOMOGRAPHY, LDC_FDC_MESH);
     pstPara->iBendDecideMode = ClampInt(pstPara->iBendDecideMode, 0, 1);
     pstPara->iBinarizationThresh = ClampInt(pstPara->iBinarizationThresh, 0, 255);
     pstPara->fRestrictedAreaRatio = ClampRatio(pstPara->fRestrictedAreaRatio);

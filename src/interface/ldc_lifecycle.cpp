@@ -9,6 +9,7 @@
 #include "config/config_schema.h"
 #include "geometry/lens_model.h"
 #include "interface/diagnostics.h"
+#include "interface/ldc_mesh.h"
 #include "linedetect/line_detect.h"
 #include "platform/platform.h"
 #include "records/ldc_para.h"
@@ -57,7 +58,8 @@ static void ComputeValidAreas(tagST_LDC_PARA *pstPara)
 static int32_t AllocWorkBuf(tagST_LDC_PARA *pstPara)
 {
     int32_t iOffset = 0;
-    const uint32_t uSize = (uint32_t)GetWorkBufSize(pstPara->iImgWidth, pstPara->iImgHeight);
+    // Zero-filled: the mesh part of an FDCMethod 1 instance starts as an empty track.
+    const uint32_t uSize = LdcWorkBufBytes(pstPara);
     const uintptr_t uBlock = MemoMalloc(uSize, LDC_WORKBUF_ALIGN, &iOffset);
     if (uBlock == 0) {
         return LDC_ERR_MEMORY;

@@ -7,6 +7,7 @@
 
 #include "boundscheck/bounds_check.h"
 #include "geometry/homography.h"
+#include "interface/ldc_mesh.h"
 #include "platform/neon.h"
 #include "platform/platform.h"
 #include "records/work_buffer.h"
@@ -306,7 +307,9 @@ void PlanFrame(tagST_LDC_PARA *pstPara, const ST_FACE_RECT *pstFaces, int32_t iF
                tagST_LDC_PLAN *pstPlan)
 {
     DecideCorrections(pstPara, pstFaces, iFaceNum, pstPlan);
-    if (ChooseMode(pstPara, pucLuma, pstPlan)) {
+    if (pstPara->iFDCMethod == LDC_FDC_MESH) {
+        PlanFaceMesh(pstPara, pstPlan);
+    } else if (ChooseMode(pstPara, pucLuma, pstPlan)) {
         pstPlan->ePath = LDC_PATH_GLOBAL;
         pstPlan->iFovLost = StretchAreaMatrix(pstPara, pstPlan->afMatrix);
     } else if (pstPara->iFDCEnable == 1 && PlanFaceHomography(pstPara, pstPlan)) {

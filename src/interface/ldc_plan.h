@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "linedetect/line_detect.h"
+#include "mesh/face_mesh.h"
 #include "records/ldc_para.h"
 #include "records/lines.h"
 #include "vkt_zb_ldc.h"
@@ -19,7 +20,8 @@ typedef enum tagE_LDC_PATH {
     LDC_PATH_LENS,       // face correction with a budget of 100 %: no fit, the lens remap alone
     LDC_PATH_FACE,       // the face homography on the lens-corrected frame
     LDC_PATH_GLOBAL,     // the line check found no bending line: the global correction
-    LDC_PATH_FALLBACK    // a refused face correction falls back to the stretched remap (mode 2)
+    LDC_PATH_FALLBACK,   // a refused face correction falls back to the stretched remap (mode 2)
+    LDC_PATH_MESH        // FDCMethod 1: the lens remap through the face mesh
 } E_LDC_PATH;
 
 // The first check that turned face correction off, or refused its homography.
@@ -31,7 +33,8 @@ typedef enum tagE_LDC_REFUSAL {
     LDC_REFUSAL_MULTI_FACES,   // several faces and MultiFacesFDCFlag off
     LDC_REFUSAL_CENTRE,        // restricted area: no face reaches beyond the central square
     LDC_REFUSAL_FOV,           // the last fit still cost more field of view than FOVLost
-    LDC_REFUSAL_FACE_EDGE      // the fit pushed the outer edge of face iRefusedFace out
+    LDC_REFUSAL_FACE_EDGE,     // the fit pushed the outer edge of face iRefusedFace out
+    LDC_REFUSAL_MESH           // the face mesh solve failed (iMeshStatus): the lens remap alone
 } E_LDC_REFUSAL;
 
 typedef struct tagST_LDC_PLAN {
@@ -50,6 +53,14 @@ typedef struct tagST_LDC_PLAN {
     stLine astLines[LDC_PLAN_MAX_LINES];    // its first kept lines, frame pixels
     int32_t iFaceNum;                       // valid faces
     int32_t aiFaceRect[LDC_MAX_FACES][4];   // the valid faces, widened by an eighth on every side
+    // FDCMethod 1:
+    int32_t iMeshFaces;                     // faces the track handed to the solve, fading ones included
+    int32_t iMeshStatus;                    // the solve's LDC_MESH_OK or error code
+    tagST_MESH_STATS stMeshStats;
+    tagST_MESH_GRID stMeshGrid;
+    float fMeshStep;                        // the largest step the mesh shown took toward the solution
+    const float *pfMesh;                    // the mesh the frame is rendered through (the instance's,
+                                            // until its next frame); NULL off the mesh path
 } tagST_LDC_PLAN;
 
 // An empty plan: the copy path, the identity matrix, nothing refused, no line check.

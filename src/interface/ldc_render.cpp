@@ -1,8 +1,11 @@
-// The render step of the frame driver: remap and warp as the plan says, or copy.
+// The render step of the frame driver: remap (through the face mesh on the mesh path) and warp as
+// the plan says, or copy.
 #include "interface/ldc_render.h"
 
 #include "boundscheck/bounds_check.h"
 #include "geometry/distortion_correct.h"
+#include "interface/ldc_mesh.h"
+#include "mesh/mesh_render.h"
 #include "records/work_buffer.h"
 #include "warp/affine_transform.h"
 #include "warp/fill_blank.h"
@@ -49,11 +52,18 @@ static void PrepareIntermediate(const tagST_LDC_PARA *pstPara, tagST_PIC *pstIn,
     }
 }
 
-static void Remap(tagST_LDC_PARA *pstPara, const tagST_PIC *pstIn, const tagST_PIC *pstDst)
+// The lens remap, through the plan's face mesh when it has one.
+static void Remap(tagST_LDC_PARA *pstPara, const tagST_LDC_PLAN *pstPlan, const tagST_PIC *pstIn,
+                  const tagST_PIC *pstDst)
 {
     uint8_t *const apucIn[3] = {pstIn->pY, pstIn->pU, pstIn->pV};
     uint8_t *const apucDst[3] = {pstDst->pY, pstDst->pU, pstDst->pV};
-    DistortionCorrect_neon(pstPara->ePicType == LDC_PIC_YUV420, pstPara, apucIn, apucDst);
+    const int32_t iPlanar = pstPara->ePicType == LDC_PIC_YUV420;
+    if (pstPlan->pfMesh != NULL) {
+        (void)MeshRemap_neon(iPlanar, pstPara, pstPlan->pfMesh, apucIn, apucDst, LdcMeshScratch(pstPara));
+    } else {
+        DistortionCorrect_neon(iPlanar, pstPara, apucIn, apucDst);
+    }
 }
 
 // Whether the warp would reproduce the intermediate image byte for byte, so that the remap can
@@ -75,21 +85,21 @@ static int32_t WarpIsACopy(const tagST_LDC_PARA *pstPara, const float *pfMatrix)
 
 // The remap from the input into the intermediate image at the start of the working buffer, then
 // the warp of the whole intermediate image into the output.
-static void RemapAndWarp(tagST_LDC_PARA *pstPara, tagST_PIC *pstIn, tagST_PIC *pstInter, tagST_PIC *pstOut,
-                         const float *pfPlanMatrix)
+static void RemapAndWarp(tagST_LDC_PARA *pstPara, const tagST_LDC_PLAN *pstPlan, tagST_PIC *pstIn,
+                         tagST_PIC *pstInter, tagST_PIC *pstOut)
 {
     const int32_t iW = pstPara->iImgWidth;
     const int32_t iH = pstPara->iImgHeight;
     uint8_t *pucScratch = pstPara->pucWorkBuf + LDC_WORK_SCRATCH_OFFSET(iW, iH);
     PrepareIntermediate(pstPara, pstIn, pstInter);
-    Remap(pstPara, pstIn, pstInter);
+    Remap(pstPara, pstPlan, pstIn, pstInter);
     // The warp works on row pairs and column pairs: on a frame of odd size it would write a chroma
     // row past the end of the caller's output. It covers the even part; the odd last luma row or
     // column is taken from the input as it stands.
     tagST_REGISTRATION_AREA stArea = {0, 0, iW & ~1, iH & ~1};
     tagST_PIC stFrame = *pstOut;
     float afMatrix[9];
-    (void)memcpy_s(afMatrix, sizeof(afMatrix), pfPlanMatrix, sizeof(afMatrix));
+    (void)memcpy_s(afMatrix, sizeof(afMatrix), pstPlan->afMatrix, sizeof(afMatrix));
     AffineTransform_neon(pstPara, &stFrame, pstInter, pstOut, afMatrix, &stArea, pucScratch);
     if (iW & 1) {
         for (int32_t y = 0; y < iH; y++) {
@@ -116,9 +126,9 @@ void RenderFrame(tagST_LDC_PARA *pstPara, const tagST_LDC_PLAN *pstPlan, uint8_t
     if (WarpIsACopy(pstPara, pstPlan->afMatrix)) {
         // One pass: the bytes of the remap into the intermediate image and its identity warp.
         PrepareIntermediate(pstPara, &stIn, &stOut);
-        Remap(pstPara, &stIn, &stOut);
+        Remap(pstPara, pstPlan, &stIn, &stOut);
         return;
     }
     BuildPicture(&stInter, pstPara->pucWorkBuf, iW, iH, pstPara->ePicType);
-    RemapAndWarp(pstPara, &stIn, &stInter, &stOut, pstPlan->afMatrix);
+    RemapAndWarp(pstPara, pstPlan, &stIn, &stInter, &stOut);
 }

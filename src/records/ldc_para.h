@@ -11,6 +11,11 @@
 
 #define LDC_CFG_PATH_LEN 256
 
+// Face-correction methods (FDCMethod): the face homography, or the conformal face mesh, which an
+// instance takes only when its configuration asks for it.
+#define LDC_FDC_HOMOGRAPHY 0
+#define LDC_FDC_MESH 1
+
 // Picture descriptor: iWidth is also the row pitch of the luma plane and of an interleaved
 // chroma plane; planar chroma planes have a pitch of iWidth >> 1.
 typedef struct tagST_PIC {
@@ -85,6 +90,8 @@ typedef struct tagST_LDC_PARA {
     uint8_t *pucWorkBufRaw;             // the block to free
     int32_t aiThreadMask[4];
     int32_t aiThreadState[4];
+    int32_t iFDCMethod;                 // LDC_FDC_HOMOGRAPHY or LDC_FDC_MESH; last, so that the
+                                        // fields before it keep their places
 } tagST_LDC_PARA;
 
 #endif

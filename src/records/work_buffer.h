@@ -17,8 +17,20 @@
 //      LDC_WORK_SCRATCH_OFFSET(W, H)       LDC_WORKBUF_RESERVE bytes of scratch, taken in turn by
 //                                          the remap's column table, the homography fit and the
 //                                          warp's column table
+// 3. With FDCMethod 1 only, behind both parts (LdcMeshWorkOffset, interface/ldc_mesh.h), kept
+//    from frame to frame:
+//      +0                                  tagST_MESH_STATE: the frame size the rest belongs to
+//                                          and the face track
+//      + LDC_MESH_STATE_BYTES              the face mesh last solved, the next solve's warm start
+//                                          (two floats per vertex, both orientations' room)
+//      + LDC_MESH_STATE_BYTES + mesh       the face mesh last shown, which follows the solved one
+//      + LDC_MESH_STATE_BYTES + 2 mesh     scratch: the solve's work area, then the render's row
+//                                          table
+//    A zero-filled part is an empty track and no mesh; a frame of another size or orientation
+//    drops them.
 //
-// GetWorkBufSize (Create and Reset) is the larger of the two parts.
+// GetWorkBufSize (Create and Reset) is the larger of the first two parts; an instance with
+// FDCMethod 1 allocates the third behind it.
 #ifndef LDC_RECORDS_WORK_BUFFER_H
 #define LDC_RECORDS_WORK_BUFFER_H
 

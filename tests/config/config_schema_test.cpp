@@ -75,7 +75,7 @@ std::vector<float> SectionFields(const tagST_LDC_PARA &p)
             (float)p.iMultiFacesFDCFlag, (float)p.iGolbalFDCFlag, (float)p.iLDCAreaRestrictedFlag,
             (float)p.iFDCAreaRestrictedFlag, p.fRestrictedAreaRatio, p.fCorrectionDegree,
             (float)p.iFOVLost, (float)p.iBendDecideMode, (float)p.iBinarizationThresh,
-            p.fConnectLineRatio, p.fLineLengthRatio};
+            p.fConnectLineRatio, p.fLineLengthRatio, (float)p.iFDCMethod};
 }
 
 TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
@@ -83,7 +83,7 @@ TEST(ConfigSchema, MissingKeysTakeTheirDefaults)
     const ParseOutcome stOut = Parse(TestConfigPath("no_globals.xml"), 640, 480);
     ASSERT_EQ(Result(stOut), std::make_pair(0, std::string()));
     const tagST_LDC_PARA &p = stOut.stPara;
-    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f}), SectionFields(p));
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 1, 0, 0, 1.0f, 0.0f, 10, 0, 100, 0.5f, 0.5f, 0}), SectionFields(p));
     // SvmFactor is half of the shorter side.
     EXPECT_EQ((std::vector<int32_t>{0, 240, 0, 0}),
               (std::vector<int32_t>{p.iBendValue, p.iSvmFactor, p.stSvmModel.aiNSv[0], p.stSvmModel.aiNSv[1]}));
@@ -101,14 +101,14 @@ TEST(ConfigSchema, FlagsAndRangesAreNormalised)
         "<FDCAreaRestrictedFlag>-4</FDCAreaRestrictedFlag>"
         "<RestrictedAreaRatio>1.5</RestrictedAreaRatio></Global>"
         "<FaceDistortionCorrection><CorrectionDegree>2</CorrectionDegree>"
-        "<FOVLost>250</FOVLost></FaceDistortionCorrection>"
+        "<FOVLost>250</FOVLost><FDCMethod>5</FDCMethod></FaceDistortionCorrection>"
         // Mode 2 clamps to 1 but loads no classifier: there is none in this file.
         "<LineDetection><BendDecideMode>2</BendDecideMode>"
         "<BinarizationThresh>300</BinarizationThresh><ConnectLineRatio>7</ConnectLineRatio>"
         "<LineLengthRatio>1.0001</LineLengthRatio></LineDetection>");
     const ParseOutcome stHigh = Parse(strHigh, 640, 480);
     ASSERT_EQ(0, stHigh.iRet) << stHigh.strLog;
-    EXPECT_EQ((std::vector<float>{1, 1, 1, 0, 1, 2, 1, 1, 1.0f, 1.0f, 100, 1, 255, 1.0f, 1.0f}),
+    EXPECT_EQ((std::vector<float>{1, 1, 1, 0, 1, 2, 1, 1, 1.0f, 1.0f, 100, 1, 255, 1.0f, 1.0f, 1}),
               SectionFields(stHigh.stPara));
     EXPECT_EQ(0, stHigh.stPara.stSvmModel.aiNSv[0] | stHigh.stPara.stSvmModel.aiNSv[1]);
 
@@ -116,14 +116,14 @@ TEST(ConfigSchema, FlagsAndRangesAreNormalised)
         "clamp_low",
         "<Global><GolbalFDCFlag>-3</GolbalFDCFlag><RestrictedAreaRatio>-0.25</RestrictedAreaRatio>"
         "</Global><FaceDistortionCorrection><CorrectionDegree>nan</CorrectionDegree>"
-        "<FOVLost>-5</FOVLost></FaceDistortionCorrection>"
+        "<FOVLost>-5</FOVLost><FDCMethod>-1</FDCMethod></FaceDistortionCorrection>"
         "<LineDetection><BendDecideMode>-2</BendDecideMode>"
         "<BinarizationThresh>-1</BinarizationThresh><ConnectLineRatio>0.25</ConnectLineRatio>"
         "</LineDetection>");
     const ParseOutcome stLow = Parse(strLow, 640, 480);
     ASSERT_EQ(0, stLow.iRet) << stLow.strLog;
     // Keys left out keep their defaults; NaN is taken as 0; 0.25 lies inside its range.
-    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 0, 0, 0, 0.0f, 0.0f, 0, 0, 0, 0.25f, 0.5f}),
+    EXPECT_EQ((std::vector<float>{1, 1, 0, 1, 1, 0, 0, 0, 0.0f, 0.0f, 0, 0, 0, 0.25f, 0.5f, 0}),
               SectionFields(stLow.stPara));
 }
 

@@ -15,6 +15,7 @@
 
 #include "geometry/distortion_correct.h"
 #include "interface/ldc_process.h"
+#include "mesh/face_mesh.h"
 #include "records/ldc_para.h"
 #include "records/work_buffer.h"
 #include "vkt_zb_ldc.h"
@@ -76,7 +77,12 @@ std::string WriteConfig(const Keys &stKeys)
         "<DistortionCorrection4><ImageWidth>36</ImageWidth><ImageHeight>36</ImageHeight>"
         "<CameraMatrix>10 0 17 0 10 17 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>5 0 0 0 0</DistortionCoefficients>"
-        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection4></Config>\n";
+        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection4>"
+        // Symmetric about the frame's middle (no tangential terms): mirrored frames for the mesh.
+        "<DistortionCorrection5><ImageWidth>256</ImageWidth><ImageHeight>128</ImageHeight>"
+        "<CameraMatrix>150 0 127.5 0 150 63.5 0 0 1</CameraMatrix>"
+        "<DistortionCoefficients>-0.2 0.03 0 0 0</DistortionCoefficients>"
+        "<GlobalFDCCoefficients>1e-4 0 0 0.03</GlobalFDCCoefficients></DistortionCorrection5></Config>\n";
     char acPath[256] = {0};
     snprintf(acPath, sizeof(acPath), "/tmp/ldc_process_test_%d_%zu.xml", (int)getpid(),
              std::hash<std::string>()(sText));
@@ -556,6 +562,132 @@ TEST(Process, TransposedFrameAndSizeChange)
     ASSERT_EQ(stR.iRet, LDC_OK);
     EXPECT_EQ(pstPara->iImgWidth, 320);
     EXPECT_EQ(pstPara->iImgHeight, 240);
+}
+
+// FDCMethod 1. A strength of 0 leaves the mesh at zero: the lens remap's bytes, as the homography
+// gives with a full budget; no faces copy the frame as before. With strength the faces move, and
+// a still scene whose detector jitters by a few pixels gives the same bytes frame after frame.
+TEST(ProcessMesh, ZeroStrengthIsTheLensRemapNoFacesACopyAndAStillSceneHoldsStill)
+{
+    const Keys stMesh = {{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}};
+    const size_t uBytes = (size_t)kW * kH * 3 / 2;
+    for (int ePicType = 0; ePicType <= 2; ePicType += 2) {
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH, ePicType, false);
+        Instance stLens(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, kW, kH, ePicType);
+        const Result stLensR = Process(stLens, vIn, kW, kH, kOneFaceRight);
+        Instance stZero(Keys{{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "0"}},
+                        kW, kH, ePicType);
+        const Result stZeroR = Process(stZero, vIn, kW, kH, kOneFaceRight);
+        EXPECT_EQ(stZeroR.stPlan.ePath, LDC_PATH_MESH);
+        EXPECT_EQ(0, memcmp(stZeroR.vOut.data(), stLensR.vOut.data(), uBytes)) << "type " << ePicType;
+
+        Instance stInst(stMesh, kW, kH, ePicType);
+        const Result stNone = Process(stInst, vIn, kW, kH, {});
+        EXPECT_EQ(stNone.stPlan.ePath, LDC_PATH_COPY);
+        EXPECT_EQ(0, memcmp(stNone.vOut.data(), vIn.data(), uBytes));
+        const Result stFirst = Process(stInst, vIn, kW, kH, kOneFaceRight);
+        ASSERT_EQ(stFirst.stPlan.ePath, LDC_PATH_MESH) << stFirst.sLog;
+        EXPECT_EQ(stFirst.stPlan.iMeshStatus, LDC_MESH_OK);
+        EXPECT_TRUE(Contains(stFirst.sLog, "I/ZB5QU_QVLDC: The face mesh corrects 1 faces")) << stFirst.sLog;
+        EXPECT_NE(0, memcmp(stFirst.vOut.data(), stLensR.vOut.data(), uBytes)) << "the mesh moved nothing";
+        EXPECT_TRUE(GuardIntact(stFirst.vOut, uBytes, 0x5A));
+        for (int i = 1; i <= 4; i++) {
+            const int iJ = (i & 1) ? 2 : -2;
+            const ST_FACE_RECT stJittered = {480 + iJ, 180 - iJ, 579 + iJ, 299 + iJ};
+            const Result stR = Process(stInst, vIn, kW, kH, {stJittered});
+            ASSERT_EQ(0, memcmp(stR.vOut.data(), stFirst.vOut.data(), uBytes)) << "frame " << i << ", type " << ePicType;
+        }
+        // The other orientation drops the state and renders through a mesh of its own.
+        std::vector<uint8_t> vTall = RenderFrame(kH, kW, ePicType, false);
+        const Result stTall = Process(stInst, vTall, kH, kW, {{300, 480, 419, 579}});
+        EXPECT_EQ(stTall.stPlan.ePath, LDC_PATH_MESH);
+        EXPECT_TRUE(GuardIntact(stTall.vOut, uBytes, 0x5A));
+    }
+}
+
+// After a cut the mesh shown moves toward the new solution by at most the step bound a frame and
+// settles within a few dozen frames; a face the detector loses fades out on the mesh path.
+TEST(ProcessMesh, SceneCutMovesTheMeshInBoundedStepsAndSettles)
+{
+    Instance stInst(Keys{{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}});
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    ASSERT_EQ(Process(stInst, vIn, kW, kH, kOneFaceRight).stPlan.ePath, LDC_PATH_MESH);
+    const float fBound = FaceMeshStepBound(kW, kH);
+    int iSettled = -1;
+    for (int i = 0; i < 60 && iSettled < 0; i++) {
+        const Result stR = Process(stInst, vIn, kW, kH, {{40, 170, 139, 289}});
+        ASSERT_EQ(stR.stPlan.ePath, LDC_PATH_MESH) << "frame " << i;
+        ASSERT_LE(stR.stPlan.fMeshStep, fBound * 1.0001f) << "frame " << i;
+        iSettled = stR.stPlan.fMeshStep == 0.0f ? i : -1;
+    }
+    EXPECT_GT(iSettled, 2) << "a cut converged in one jump";
+    EXPECT_GE(iSettled, 0) << "the mesh never settled";
+    const Result stLost = Process(stInst, vIn, kW, kH, {});
+    EXPECT_EQ(stLost.stPlan.ePath, LDC_PATH_MESH);
+    EXPECT_EQ(stLost.stPlan.iMeshFaces, 1);
+}
+
+// A lens symmetric about the frame's middle, the frame and its faces mirrored left to right: the
+// mesh is the mirror of the first one's and so is the output. Not to the byte: the solve's sums
+// run in one fixed order, which the mirror reverses; a 2 x 2 block's right pixels sit one source
+// pixel right of its left ones, which the mirror swaps; and chroma is the nearest sample, so a
+// position on the rounding edge takes the neighbouring sample.
+TEST(ProcessMesh, MirroredFrameAndFacesGiveTheMirroredOutput)
+{
+    const int iW = 256, iH = 128;
+    const Keys stMesh = {{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}};
+    Instance stA(stMesh, iW, iH), stB(stMesh, iW, iH);
+    std::vector<uint8_t> vIn = RenderFrame(iW, iH, LDC_PIC_NV21, false);
+    for (int i = 0; i < iW * iH / 2; i++) {   // smooth chroma: the usual ramp wraps around sharply
+        vIn[(size_t)iW * iH + i] = (uint8_t)(128 + 40 * sin((i % iW) * 0.05) * cos((i / iW) * 0.09));
+    }
+    // Byte x of a chroma row: VU pairs swap places, each pair kept in its order.
+    auto chromaMirror = [&](int x) { return iW - 2 - (x & ~1) + (x & 1); };
+    auto mirror = [&](const uint8_t *pucFrom, uint8_t *pucTo) {
+        for (int y = 0; y < iH; y++) {
+            for (int x = 0; x < iW; x++) {
+                pucTo[y * iW + x] = pucFrom[y * iW + iW - 1 - x];
+                pucTo[iW * iH + (y >> 1) * iW + x] = pucFrom[iW * iH + (y >> 1) * iW + chromaMirror(x)];
+            }
+        }
+    };
+    std::vector<uint8_t> vMirror(vIn);
+    mirror(vIn.data(), vMirror.data());
+    const std::vector<ST_FACE_RECT> vFaces = {{190, 30, 239, 89}, {20, 60, 59, 109}};
+    std::vector<ST_FACE_RECT> vMirrored;
+    for (const ST_FACE_RECT &f : vFaces) {
+        vMirrored.push_back({iW - 1 - f.iRight, f.iTop, iW - 1 - f.iLeft, f.iBottom});
+    }
+    const Result stR = Process(stA, vIn, iW, iH, vFaces);
+    const Result stM = Process(stB, vMirror, iW, iH, vMirrored);
+    ASSERT_EQ(stR.stPlan.ePath, LDC_PATH_MESH) << stR.sLog;
+    ASSERT_EQ(stM.stPlan.ePath, LDC_PATH_MESH) << stM.sLog;
+    const int32_t *piArea = stA.Para()->aiLDCArea;
+    ASSERT_EQ(piArea[0] + piArea[2], iW - 1) << "the lens rectangle is not symmetric";
+    const tagST_MESH_GRID &stGrid = stR.stPlan.stMeshGrid;
+    float fAsymmetry = 0.0f, fLargest = 0.0f;
+    for (int j = 0; j < stGrid.iRows; j++) {
+        for (int i = 0; i < stGrid.iCols; i++) {
+            const float *pfA = stR.stPlan.pfMesh + 2 * (j * stGrid.iCols + i);
+            const float *pfB = stM.stPlan.pfMesh + 2 * (j * stGrid.iCols + stGrid.iCols - 1 - i);
+            fAsymmetry = fmaxf(fAsymmetry, fmaxf(fabsf(pfA[0] + pfB[0]), fabsf(pfA[1] - pfB[1])));
+            fLargest = fmaxf(fLargest, fmaxf(fabsf(pfA[0]), fabsf(pfA[1])));
+        }
+    }
+    EXPECT_GT(fLargest, 1.0f) << "the faces did not move";
+    EXPECT_LE(fAsymmetry, 0.1f * fLargest);
+    std::vector<uint8_t> vBack(vIn.size());
+    mirror(stM.vOut.data(), vBack.data());
+    const uint8_t *pucOut = stR.vOut.data();
+    for (int y = 0; y < iH; y++) {
+        for (int x = 0; x < iW; x++) {
+            ASSERT_LE(abs((int)vBack[y * iW + x] - (int)pucOut[y * iW + x]), 2) << "luma x " << x << ", y " << y;
+        }
+    }
+    // The chroma pattern changes by at most 4 from one sample to the next.
+    for (size_t i = (size_t)iW * iH; i < (size_t)iW * iH * 3 / 2; i++) {
+        ASSERT_LE(abs((int)vBack[i] - (int)pucOut[i]), 4) << "chroma byte " << i % iW << ", row " << (i / iW) % iH;
+    }
 }
 
 }  // namespace

@@ -151,15 +151,16 @@ TEST(QvldcParse, PlanInWords)
     std::set<std::string> setTexts;
     tagST_LDC_PLAN stPlan;
     InitFramePlan(&stPlan);
-    for (int32_t ePath = LDC_PATH_COPY; ePath <= LDC_PATH_FALLBACK; ePath++) {
-        for (int32_t eWhy = LDC_REFUSAL_NONE; eWhy <= LDC_REFUSAL_FACE_EDGE; eWhy++) {
+    for (int32_t ePath = LDC_PATH_COPY; ePath <= LDC_PATH_MESH; ePath++) {
+        for (int32_t eWhy = LDC_REFUSAL_NONE; eWhy <= LDC_REFUSAL_MESH; eWhy++) {
             stPlan.ePath = ePath;
             stPlan.eRefusal = eWhy;
             setTexts.insert(DescribePlanPath(stPlan, stPara));
         }
     }
-    // Copy and fallback name each of the eight reasons; the lens, face and global paths give one each.
-    EXPECT_EQ(setTexts.size(), 8u + 8u + 3u);
+    // Copy and fallback name each of the nine reasons; the lens path names a failed mesh or the
+    // full budget, the face, global and mesh paths give one each.
+    EXPECT_EQ(setTexts.size(), 9u + 9u + 2u + 3u);
     stPlan.ePath = LDC_PATH_COPY;
     stPlan.bNotFinite = 1;
     EXPECT_EQ(0u, setTexts.count(DescribePlanPath(stPlan, stPara)));

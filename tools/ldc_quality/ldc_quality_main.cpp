@@ -36,15 +36,19 @@ typedef struct tagST_QQ_ROW {
     int32_t iFOVLost;
     float fCorrectionDegree;
     int32_t iBendValue;
+    int32_t iFDCMethod;
 } tagST_QQ_ROW;
 
 const tagST_QQ_ROW kRows[] = {
     // A budget of 100 accepts the identity without a fit: the lens remap alone.
-    {"lens", 1, 0, 100, 0.3f, 0},
+    {"lens", 1, 0, 100, 0.3f, 0, LDC_FDC_HOMOGRAPHY},
     // Today's face homography with the sample configuration's strength and budget.
-    {"homography", 1, 0, 10, 0.3f, 0},
+    {"homography", 1, 0, 10, 0.3f, 0, LDC_FDC_HOMOGRAPHY},
     // Several faces and a line check that tolerates any bend: the global correction.
-    {"global", 1, 1, 10, 0.3f, 1000000},
+    {"global", 1, 1, 10, 0.3f, 1000000, LDC_FDC_HOMOGRAPHY},
+    // The face mesh inside the library (FDCMethod 1) at the mesh rows' default strength: its
+    // solve, its track's first frame and its one-pass render on the resampling core.
+    {"library", 1, 0, 10, 1.0f, 0, LDC_FDC_MESH},
 };
 
 typedef struct tagST_QQ_OPTIONS {
@@ -80,7 +84,7 @@ void Usage()
             "  (default: the library's) and renders it in float; its line term gets no segments (mesh), the\n"
             "  segments the library's line finder finds on the recorded frame (mesh+found) or the scene's own\n"
             "  lines (mesh+scene). --line-detail lists the most bent lines of each mesh row; --mesh-only leaves\n"
-            "  out the library's rows.\n");
+            "  out the library's rows (lens, homography, global, and library: FDCMethod 1 at strength 1).\n");
 }
 
 bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
@@ -180,7 +184,7 @@ std::string WriteConfig(const std::string &strPath, const tagST_QS_LENS &stLens,
             "<MultiFacesFDCFlag>1</MultiFacesFDCFlag><GolbalFDCFlag>%d</GolbalFDCFlag>"
             "<LDCAreaRestrictedFlag>0</LDCAreaRestrictedFlag><FDCAreaRestrictedFlag>0</FDCAreaRestrictedFlag></Global>\n"
             "  <FaceDistortionCorrection><CorrectionDegree>%.9g</CorrectionDegree><FOVLost>%d</FOVLost>"
-            "</FaceDistortionCorrection>\n"
+            "<FDCMethod>%d</FDCMethod></FaceDistortionCorrection>\n"
             "  <LineDetection><BendDecideMode>0</BendDecideMode></LineDetection>\n"
             "  <DistortionCorrection1><ImageWidth>%d</ImageWidth><ImageHeight>%d</ImageHeight>\n"
             "    <CameraMatrix>%.9g 0 %.9g 0 %.9g %.9g 0 0 1</CameraMatrix>\n"
@@ -188,7 +192,7 @@ std::string WriteConfig(const std::string &strPath, const tagST_QS_LENS &stLens,
             "    <GlobalFDCCoefficients>%.9g %.9g %.9g %.9g</GlobalFDCCoefficients>\n"
             "    <BendValue>%d</BendValue></DistortionCorrection1>\n"
             "</Config>\n",
-            stRow.iLDCFlag, stRow.iGolbalFDCFlag, stRow.fCorrectionDegree, stRow.iFOVLost, stLens.iWidth,
+            stRow.iLDCFlag, stRow.iGolbalFDCFlag, stRow.fCorrectionDegree, stRow.iFOVLost, stRow.iFDCMethod, stLens.iWidth,
             stLens.iHeight, stLens.dFx, stLens.dU0, stLens.dFx, stLens.dV0, stLens.adK[0], stLens.adK[1],
             stLens.adK[2], stLens.adGlobal[0], stLens.adGlobal[1], stLens.adGlobal[2], stLens.adGlobal[3],
             stRow.iBendValue);
@@ -201,6 +205,9 @@ std::string PathOf(const tagST_LDC_PARA *pstPara, const tagST_QQ_ROW &stRow)
 {
     if (pstPara->iFDCMode == 1 && pstPara->iLDCEnable == 0) {
         return "global";
+    }
+    if (pstPara->iLDCEnable == 1 && stRow.iFDCMethod == LDC_FDC_MESH) {
+        return "mesh";   // or the lens alone after a failed solve, which the library logs
     }
     if (pstPara->iLDCEnable == 1) {
         return stRow.iFOVLost > 99 ? "lens" : "lens+H";

@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/objdetect.hpp>
 
+#include "geometry/lens_model.h"
 #include "linedetect/line_bend.h"
 #include "qvldc_io.h"
 #include "qvldc_view.h"
@@ -207,8 +208,36 @@ static void DrawRect(cv::Mat &stImage, int32_t iL, int32_t iT, int32_t iR, int32
     cv::rectangle(stImage, cv::Point(iL, iT), cv::Point(iR, iB), stColor, iThick, cv::LINE_8);
 }
 
+// The mesh's grid lines where they sample the input: each vertex displaced by the mesh, then
+// through the lens model, as the render maps an output position.
+static void DrawMesh(cv::Mat &stOut, const tagST_LDC_PARA &stPara, const tagST_MESH_GRID &stGrid,
+                     const std::vector<float> &vfMesh, const cv::Scalar &stColor, int32_t iThick)
+{
+    tagST_RADIAL_MODEL stLens;
+    GetRadialModel(&stPara, 1, &stLens);
+    auto source = [&](int32_t i, int32_t j) {
+        const float *pf = &vfMesh[2 * ((size_t)j * stGrid.iCols + i)];
+        const float fDx = ((float)i * stGrid.fStepX + pf[0]) - stLens.fCx;
+        const float fDy = ((float)j * stGrid.fStepY + pf[1]) - stLens.fCy;
+        const float fF = RadialFactorSerial(&stLens, fDx * fDx + fDy * fDy);
+        return cv::Point(cvRound(stLens.fCx + fF * fDx), cvRound(stLens.fCy + fF * fDy));
+    };
+    // Every iStride-th grid line, about 16 along the longer side, each traced through all its vertices.
+    const int32_t iStride = std::max(1, (std::max(stGrid.iCols, stGrid.iRows) - 1) / 16);
+    for (int32_t j = 0; j < stGrid.iRows; j++) {
+        for (int32_t i = 0; i < stGrid.iCols; i++) {
+            if (j % iStride == 0 && i + 1 < stGrid.iCols) {
+                cv::line(stOut, source(i, j), source(i + 1, j), stColor, iThick, cv::LINE_AA);
+            }
+            if (i % iStride == 0 && j + 1 < stGrid.iRows) {
+                cv::line(stOut, source(i, j), source(i, j + 1), stColor, iThick, cv::LINE_AA);
+            }
+        }
+    }
+}
+
 cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
-                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan,
+                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan, const std::vector<float> &vfMesh,
                     const tagST_QV_DECISION &stDecision)
 {
     cv::Mat stOut = stBefore.clone();
@@ -244,6 +273,9 @@ cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vs
                 stOut.setTo(astLineColor[eState], stMask);
             }
         }
+    }
+    if (!vfMesh.empty() && vfMesh.size() >= 2 * (size_t)stPlan.stMeshGrid.iCols * stPlan.stMeshGrid.iRows) {
+        DrawMesh(stOut, stPara, stPlan.stMeshGrid, vfMesh, cv::Scalar(0, 140, 255), std::max(1, iThick / 2));
     }
     DrawRect(stOut, stPara.aiLDCArea[0], stPara.aiLDCArea[1], stPara.aiLDCArea[2], stPara.aiLDCArea[3], stCyan, iThick);
     DrawRect(stOut, stPara.aiGlobalFDCArea[0], stPara.aiGlobalFDCArea[1], stPara.aiGlobalFDCArea[2],

@@ -53,9 +53,11 @@ bool DetectFaces(const cv::Mat &stBgr, const std::string &strCascade, std::vecto
 // The input frame with the faces as given (thin white) and as the frame's plan widened them
 // (thick yellow), the instance's valid areas (cyan: lens, magenta: global face correction), the
 // lines the line check judged (green straight, red the one that bent, grey kept but not judged;
-// painted with the library's DrawLine) and the decision text.
+// painted with the library's DrawLine), the face mesh vfMesh on the plan's grid (orange: where
+// the output's grid lines sample the input, through the mesh and the lens model; empty: none)
+// and the decision text.
 cv::Mat DrawOverlay(const cv::Mat &stBefore, const std::vector<ST_FACE_RECT> &vstFaces,
-                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan,
+                    const tagST_LDC_PARA &stPara, const tagST_LDC_PLAN &stPlan, const std::vector<float> &vfMesh,
                     const tagST_QV_DECISION &stDecision);
 
 #endif

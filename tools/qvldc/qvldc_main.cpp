@@ -147,7 +147,8 @@ struct FrameResult {
     std::string strLog;
     int32_t iTimeMs = -1;         // as the library logged it
     tagST_LDC_PARA stPara = {};   // the instance's decision fields after the frame
-    tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame
+    tagST_LDC_PLAN stPlan = {};   // the driver's plan of the frame (its mesh pointer cleared)
+    std::vector<float> vfMesh;    // the face mesh the frame was rendered through, if any
     std::string strPath;          // which way the frame went and why, in words
     tagST_QV_VIEW stView;         // what the output shows of the input
     std::vector<std::string> vstrLibrary;   // the library's error lines and other output, folded
@@ -174,6 +175,15 @@ std::vector<std::string> DecisionLines(const FrameResult &stResult, const tagST_
                  (double)stPlan.fFitDegree, stPlan.iFitStatus, stPlan.iFitFovLost);
     }
     vstrLines.push_back(acLine);
+    if (stPlan.ePath == LDC_PATH_MESH || stPlan.eRefusal == LDC_REFUSAL_MESH) {
+        const tagST_MESH_STATS &stStats = stPlan.stMeshStats;
+        snprintf(acLine, sizeof(acLine),
+                 "face mesh: %d face(s) tracked, %dx%d vertices, status %d, strength %.3f, %d iteration(s) in %d "
+                 "round(s), step %.2f px",
+                 stPlan.iMeshFaces, stPlan.stMeshGrid.iCols, stPlan.stMeshGrid.iRows, stPlan.iMeshStatus,
+                 (double)stStats.fStrength, stStats.iIterations, stStats.iRounds, (double)stPlan.fMeshStep);
+        vstrLines.push_back(acLine);
+    }
     if (stPlan.bLineCheck) {
         const tagST_LINE_CHECK &stCheck = stPlan.stLineCheck;
         snprintf(acLine, sizeof(acLine), "line check: %d lines kept, %d judged, %d drawn -> %s", stCheck.iKept,
@@ -206,6 +216,12 @@ FrameResult ProcessFrame(void *pHandle, const tagST_QV_FRAME &stIn, tagST_QV_FRA
     PassLibraryOutput(stResult.strLog, bEcho, &stResult.vstrLibrary);
     stResult.iTimeMs = LibraryTimeMs(stResult.strLog);
     stResult.stPara = *(const tagST_LDC_PARA *)pHandle;
+    // The mesh lives in the instance's working buffer until its next frame: keep a copy.
+    if (stResult.stPlan.pfMesh != NULL) {
+        const tagST_MESH_GRID &stGrid = stResult.stPlan.stMeshGrid;
+        stResult.vfMesh.assign(stResult.stPlan.pfMesh, stResult.stPlan.pfMesh + 2 * (size_t)stGrid.iCols * stGrid.iRows);
+        stResult.stPlan.pfMesh = NULL;
+    }
     stResult.strPath = DescribePlanPath(stResult.stPlan, stResult.stPara);
     MeasureView(stResult.stPlan, stResult.stPara, &stResult.stView);
     return stResult;
@@ -216,7 +232,7 @@ cv::Mat MakeOverlay(const FrameResult &stResult, const tagST_QV_FRAME &stIn, con
 {
     tagST_QV_DECISION stDecision;
     stDecision.vstrLines = DecisionLines(stResult, stIn, iISO, vstFaces);
-    return DrawOverlay(stBefore, vstFaces, stResult.stPara, stResult.stPlan, stDecision);
+    return DrawOverlay(stBefore, vstFaces, stResult.stPara, stResult.stPlan, stResult.vfMesh, stDecision);
 }
 
 int CreateInstance(const tagST_QV_OPTIONS &stOpt, int32_t iW, int32_t iH, void **ppHandle)

@@ -307,6 +307,8 @@ static std::string RefusalText(const tagST_LDC_PLAN &stPlan)
         return "the face correction cost too much field of view";
     case LDC_REFUSAL_FACE_EDGE:
         return "the face correction pushed the outer edge of face " + std::to_string(stPlan.iRefusedFace + 1) + " out";
+    case LDC_REFUSAL_MESH:
+        return "the face mesh solve failed (" + std::to_string(stPlan.iMeshStatus) + ")";
     default:
         return "no correction applies";
     }
@@ -317,7 +319,10 @@ std::string DescribePlanPath(const tagST_LDC_PLAN &stPlan, const tagST_LDC_PARA 
     const std::string strModel = stPara.iLDCEnable == 1 ? " (lens model over its valid area)" : " (global face model)";
     switch (stPlan.ePath) {
     case LDC_PATH_LENS:
-        return "lens remap alone: a field-of-view budget of 100% makes no face fit";
+        return stPlan.eRefusal == LDC_REFUSAL_MESH ? "lens remap alone: " + RefusalText(stPlan)
+                                                   : "lens remap alone: a field-of-view budget of 100% makes no face fit";
+    case LDC_PATH_MESH:
+        return "face mesh with the lens remap in one pass (FDCMethod 1)";
     case LDC_PATH_FACE:
         return "face homography on the lens-corrected frame";
     case LDC_PATH_GLOBAL:
@@ -368,8 +373,9 @@ const char *UsageText()
 "  --overlay FILE        input frame with the faces (thin: as given, thick: widened by the\n"
 "                        library), the valid areas (cyan: lens, magenta: global face\n"
 "                        correction), the lines the line check kept (green: judged straight\n"
-"                        enough, red: the one that would bend, faint grey: not judged) and\n"
-"                        the decision\n"
+"                        enough, red: the one that would bend, faint grey: not judged), on\n"
+"                        the face mesh path the mesh's grid where the output samples the\n"
+"                        input (orange), and the decision\n"
 "  --png-width N         write --out-png, --before-png and --overlay N pixels wide\n"
 "  --quiet               do not repeat the library's log, print only the decision\n"
 "\n"

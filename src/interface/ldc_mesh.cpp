@@ -1,0 +1,183 @@
+#include "interface/ldc_mesh.h"
+
+#include "boundscheck/bounds_check.h"
+#include "geometry/lens_model.h"
+#include "interface/ldc_lifecycle.h"
+#include "mesh/face_mesh.h"
+#include "mesh/mesh_render.h"
+#include "platform/platform.h"
+
+static uint32_t MaxU32(uint32_t uA, uint32_t uB)
+{
+    return uA > uB ? uA : uB;
+}
+
+static uint32_t Align16(uint32_t u)
+{
+    return (u + 15u) & ~15u;
+}
+
+// Room for the mesh and for the scratch, whichever orientation the instance is in.
+static uint32_t MeshBytes(int32_t iWidth, int32_t iHeight)
+{
+    return Align16(MaxU32(FaceMeshBytes(iWidth, iHeight, 0), FaceMeshBytes(iHeight, iWidth, 0)));
+}
+
+static uint32_t ScratchBytes(int32_t iWidth, int32_t iHeight)
+{
+    const uint32_t uSolve = MaxU32(FaceMeshWorkBytes(iWidth, iHeight, 0), FaceMeshWorkBytes(iHeight, iWidth, 0));
+    const uint32_t uRows = MaxU32(MeshRowTableBytes(iWidth, iHeight), MeshRowTableBytes(iHeight, iWidth));
+    return Align16(MaxU32(uSolve, uRows));
+}
+
+uint32_t LdcMeshWorkOffset(int32_t iWidth, int32_t iHeight)
+{
+    return Align16(MaxU32((uint32_t)GetWorkBufSize(iWidth, iHeight), (uint32_t)GetWorkBufSize(iHeight, iWidth)));
+}
+
+uint32_t LdcMeshWorkBytes(int32_t iWidth, int32_t iHeight)
+{
+    return (uint32_t)LDC_MESH_STATE_BYTES + 2 * MeshBytes(iWidth, iHeight) + ScratchBytes(iWidth, iHeight);
+}
+
+uint32_t LdcWorkBufBytes(const tagST_LDC_PARA *pstPara)
+{
+    const int32_t iW = pstPara->iImgWidth;
+    const int32_t iH = pstPara->iImgHeight;
+    if (pstPara->iFDCMethod != LDC_FDC_MESH) {
+        return (uint32_t)GetWorkBufSize(iW, iH);
+    }
+    return LdcMeshWorkOffset(iW, iH) + LdcMeshWorkBytes(iW, iH);
+}
+
+static uint8_t *MeshPart(const tagST_LDC_PARA *pstPara)
+{
+    return pstPara->pucWorkBuf + LdcMeshWorkOffset(pstPara->iImgWidth, pstPara->iImgHeight);
+}
+
+tagST_MESH_STATE *LdcMeshState(const tagST_LDC_PARA *pstPara)
+{
+    return (tagST_MESH_STATE *)MeshPart(pstPara);
+}
+
+float *LdcMeshSolved(const tagST_LDC_PARA *pstPara)
+{
+    return (float *)(MeshPart(pstPara) + LDC_MESH_STATE_BYTES);
+}
+
+float *LdcMeshShown(const tagST_LDC_PARA *pstPara)
+{
+    return (float *)(MeshPart(pstPara) + LDC_MESH_STATE_BYTES + MeshBytes(pstPara->iImgWidth, pstPara->iImgHeight));
+}
+
+uint8_t *LdcMeshScratch(const tagST_LDC_PARA *pstPara)
+{
+    return MeshPart(pstPara) + LDC_MESH_STATE_BYTES + 2 * MeshBytes(pstPara->iImgWidth, pstPara->iImgHeight);
+}
+
+// The state of a frame of the instance's size and orientation: a track and a mesh of another
+// size or orientation are dropped.
+static tagST_MESH_STATE *FrameState(const tagST_LDC_PARA *pstPara)
+{
+    const int32_t iW = pstPara->iImgWidth;
+    const int32_t iH = pstPara->iImgHeight;
+    tagST_MESH_STATE *pstState = LdcMeshState(pstPara);
+    if (pstState->iWidth != iW || pstState->iHeight != iH) {
+        const uint32_t uMeshBytes = MeshBytes(iW, iH);
+        (void)memset_s(LdcMeshSolved(pstPara), uMeshBytes, 0, uMeshBytes);
+        (void)memset_s(LdcMeshShown(pstPara), uMeshBytes, 0, uMeshBytes);
+        FaceTrackReset(&pstState->stTrack);
+        pstState->iWidth = iW;
+        pstState->iHeight = iH;
+        pstState->bWarm = 0;
+        pstState->bShown = 0;
+    }
+    return pstState;
+}
+
+// Feeds the track this frame's faces. On the first frame they are fed until they reach full
+// strength: nothing was shown before, so a fade-in would only weaken a photo's correction.
+static int32_t TrackFaces(tagST_MESH_STATE *pstState, const tagST_LDC_PARA *pstPara, int32_t bFaces,
+                          int32_t (*paiFaces)[4], float *pfFade)
+{
+    const int32_t (*paiIn)[4] = bFaces ? pstPara->aiFaceRect : NULL;
+    const int32_t iIn = bFaces ? pstPara->iFaceNum : 0;
+    const int32_t iFeeds = pstState->bShown ? 1 : LDC_TRACK_FADE_FRAMES;
+    int32_t iTracked = 0;
+    for (int32_t i = 0; i < iFeeds; i++) {
+        iTracked = FaceTrackUpdate(&pstState->stTrack, paiIn, iIn, paiFaces, pfFade);
+    }
+    return iTracked;
+}
+
+void PlanFaceMesh(tagST_LDC_PARA *pstPara, tagST_LDC_PLAN *pstPlan)
+{
+    const int32_t iW = pstPara->iImgWidth;
+    const int32_t iH = pstPara->iImgHeight;
+    tagST_MESH_STATE *pstState = FrameState(pstPara);
+    float *pfSolved = LdcMeshSolved(pstPara);
+    float *pfShown = LdcMeshShown(pstPara);
+    FaceMeshGrid(iW, iH, 0, &pstPlan->stMeshGrid);
+    // The mesh takes the global correction's place too: no line check, no global mode.
+    pstPara->iFDCMode = 0;
+    const int32_t bFaces = (pstPara->iFDCEnable == 1);
+    int32_t aaiFaces[LDC_MAX_FACES][4];
+    float afFade[LDC_MAX_FACES];
+    const int32_t iTracked = TrackFaces(pstState, pstPara, bFaces, aaiFaces, afFade);
+    pstPlan->iMeshFaces = iTracked;
+    // A face the detector lost fades out over the next frames rather than leaving the frame in one
+    // jump; every other refusal stands as the checks made it.
+    if (!bFaces && !(pstPlan->eRefusal == LDC_REFUSAL_NO_FACE && iTracked > 0)) {
+        pstPara->iLDCEnable = 0;
+        return;
+    }
+    pstPara->iLDCEnable = 1;
+    tagST_MESH_INPUT stIn;
+    (void)memset_s(&stIn, sizeof(stIn), 0, sizeof(stIn));
+    stIn.iWidth = iW;
+    stIn.iHeight = iH;
+    stIn.fFocal = pstPara->afCameraMatrix[0];
+    GetRadialModel(pstPara, 1, &stIn.stLens);
+    stIn.iFaceNum = iTracked;
+    stIn.paiFaces = aaiFaces;
+    stIn.pfFaceStrength = afFade;
+    stIn.fStrength = FaceTrackStrength(&pstState->stTrack, pstPara->fCorrectionDegree);
+    // No line term: on the rendered scenes (ldc_quality) the line finder's segments moved the
+    // lines' straightness by less than 0.15 px per 1000 px either way, for a line check per solve.
+    // A still scene (the track held every face) keeps its solution: no solve, the same mesh.
+    int32_t iRet = LDC_MESH_OK;
+    if (pstState->stTrack.bChanged || !pstState->bWarm) {
+        stIn.pfWarmStart = pstState->bWarm ? pfSolved : NULL;
+        iRet = FaceMeshSolve(&stIn, pfSolved, LdcMeshScratch(pstPara), ScratchBytes(iW, iH), &pstPlan->stMeshStats);
+        if (pstPlan->stMeshStats.iRounds > 0) {
+            FaceTrackSolved(&pstState->stTrack, stIn.fStrength,
+                            iRet == LDC_MESH_OK ? pstPlan->stMeshStats.fStrength : 0.0f);
+        }
+        pstState->bWarm = (iRet == LDC_MESH_OK && pstPlan->stMeshStats.iRounds > 0);
+    }
+    pstPlan->iMeshStatus = iRet;
+    if (iRet != LDC_MESH_OK) {
+        // The solve zeroed its mesh and the frame shows the lens alone: the next mesh shown
+        // follows from there, a bounded step at a time.
+        const uint32_t uMeshBytes = MeshBytes(iW, iH);
+        (void)memset_s(pfShown, uMeshBytes, 0, uMeshBytes);
+        LdcLog(LDC_LOG_ERROR, "The face mesh failed (%d), only the lens is corrected!\n", iRet);
+        pstPlan->eRefusal = LDC_REFUSAL_MESH;
+        pstPlan->ePath = LDC_PATH_LENS;
+        return;
+    }
+    if (pstState->bShown) {
+        pstPlan->fMeshStep = FaceMeshFollow(&pstPlan->stMeshGrid, pfSolved, pfShown, FaceMeshStepBound(iW, iH));
+    } else {
+        (void)memcpy_s(pfShown, MeshBytes(iW, iH), pfSolved, FaceMeshBytes(iW, iH, 0));
+        pstState->bShown = 1;
+    }
+    LdcLog(LDC_LOG_INFO, "The face mesh corrects %d faces at strength %.2f in %d iterations\n", iTracked,
+           (double)pstPlan->stMeshStats.fStrength, pstPlan->stMeshStats.iIterations);
+    // The mesh holds the frame's edge where lens correction alone puts it: nothing of the field of
+    // view is lost, whatever FOVLost allows.
+    pstPlan->iFovLost = 0;
+    LdcLog(LDC_LOG_INFO, "FOV is lost %d%%\n", pstPlan->iFovLost);
+    pstPlan->ePath = LDC_PATH_MESH;
+    pstPlan->pfMesh = pfShown;
+}

@@ -572,7 +572,7 @@ TEST(ProcessMesh, ZeroStrengthIsTheLensRemapNoFacesACopyAndAStillSceneHoldsStill
     const Keys stMesh = {{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}};
     const size_t uBytes = (size_t)kW * kH * 3 / 2;
     for (int ePicType = 0; ePicType <= 2; ePicType += 2) {
-        std::vector<uint8_t> vIn = RenderFrame(kW, kH, ePicType, false);
+        std::vector<uint8_t> vIn = RenderFrame(kW, kH);
         Instance stLens(Keys{{"FaceDistortionCorrection/FOVLost", "100"}}, kW, kH, ePicType);
         const Result stLensR = Process(stLens, vIn, kW, kH, kOneFaceRight);
         Instance stZero(Keys{{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "0"}},
@@ -598,7 +598,7 @@ TEST(ProcessMesh, ZeroStrengthIsTheLensRemapNoFacesACopyAndAStillSceneHoldsStill
             ASSERT_EQ(0, memcmp(stR.vOut.data(), stFirst.vOut.data(), uBytes)) << "frame " << i << ", type " << ePicType;
         }
         // The other orientation drops the state and renders through a mesh of its own.
-        std::vector<uint8_t> vTall = RenderFrame(kH, kW, ePicType, false);
+        std::vector<uint8_t> vTall = RenderFrame(kH, kW);
         const Result stTall = Process(stInst, vTall, kH, kW, {{300, 480, 419, 579}});
         EXPECT_EQ(stTall.stPlan.ePath, LDC_PATH_MESH);
         EXPECT_TRUE(GuardIntact(stTall.vOut, uBytes, 0x5A));
@@ -610,7 +610,7 @@ TEST(ProcessMesh, ZeroStrengthIsTheLensRemapNoFacesACopyAndAStillSceneHoldsStill
 TEST(ProcessMesh, SceneCutMovesTheMeshInBoundedStepsAndSettles)
 {
     Instance stInst(Keys{{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}});
-    std::vector<uint8_t> vIn = RenderFrame(kW, kH, LDC_PIC_NV21, false);
+    std::vector<uint8_t> vIn = RenderFrame(kW, kH);
     ASSERT_EQ(Process(stInst, vIn, kW, kH, kOneFaceRight).stPlan.ePath, LDC_PATH_MESH);
     const float fBound = FaceMeshStepBound(kW, kH);
     int iSettled = -1;
@@ -637,7 +637,7 @@ TEST(ProcessMesh, MirroredFrameAndFacesGiveTheMirroredOutput)
     const int iW = 256, iH = 128;
     const Keys stMesh = {{"FaceDistortionCorrection/FDCMethod", "1"}, {"FaceDistortionCorrection/CorrectionDegree", "1"}};
     Instance stA(stMesh, iW, iH), stB(stMesh, iW, iH);
-    std::vector<uint8_t> vIn = RenderFrame(iW, iH, LDC_PIC_NV21, false);
+    std::vector<uint8_t> vIn = RenderFrame(iW, iH);
     for (int i = 0; i < iW * iH / 2; i++) {   // smooth chroma: the usual ramp wraps around sharply
         vIn[(size_t)iW * iH + i] = (uint8_t)(128 + 40 * sin((i % iW) * 0.05) * cos((i / iW) * 0.09));
     }

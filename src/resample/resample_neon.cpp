@@ -25,6 +25,34 @@ static inline uint8x8_t GatherPairs(const uint8_t *pucSrc, const int32_t aiOffse
                         LoadPair(pucSrc + aiOffset[3]));
 }
 
+// A 32-bit load from any byte address.
+typedef uint32_t tUnalignedU32 __attribute__((aligned(1), may_alias));
+
+// Rows 0..2 of a group from four word loads per row: bytes 0, 1 of block k's word are its left
+// pair (lanes 2k, 2k + 1 of avucA[row]) and bytes 1, 2 its right pair (avucB[row]); byte 3 is not
+// used. Lane loads that step down the rows keep the words out of the core registers.
+static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const int32_t aiOffset[4], uint8x8_t avucA[3],
+                                  uint8x8_t avucB[3])
+{
+    const uint8_t *apucRow[4];
+    for (int32_t k = 0; k < 4; k++) {
+        apucRow[k] = pucSrc + aiOffset[k];
+    }
+    uint32x4_t vuWords = vdupq_n_u32(0);
+    for (int32_t r = 0; r < 3; r++) {
+        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[0], vuWords, 0);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[1], vuWords, 1);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[2], vuWords, 2);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[3], vuWords, 3);
+        for (int32_t k = 0; k < 4; k++) {
+            apucRow[k] += iPitch;
+        }
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
+}
+
 static inline uint32_t GatherBytes(const uint8_t *pucSrc, const int32_t aiOffset[4])
 {
     return (uint32_t)pucSrc[aiOffset[0]] | ((uint32_t)pucSrc[aiOffset[1]] << 8) |
@@ -122,15 +150,11 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         } else if (bContiguous || pstSrc->bShortFrame) {
             GatherRowsClamped(pstSrc, iW, aiOffset, bContiguous, avucA, avucB);
         } else {
+            // Byte 3 of the words: a clamped offset leaves room for it (W H + W + 1 at most).
             for (int32_t k = 0; k < 4; k++) {
-                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 3);
+                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 4);
             }
-            const uint8_t *pucRow = pucSrcY;
-            for (int32_t r = 0; r < 3; r++, pucRow += iW) {
-                __builtin_prefetch(pucRow + aiOffset[0] + RESAMPLE_PREFETCH_SRC);
-                avucA[r] = GatherPairs(pucRow, aiOffset);
-                avucB[r] = GatherPairs(pucRow + 1, aiOffset);
-            }
+            GatherRowWords(pucSrcY, iW, aiOffset, avucA, avucB);
         }
 
         // Each block's weights on both of its columns: (f0 f0 f1 f1 f2 f2 f3 f3); 0..127.

@@ -148,7 +148,15 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
                 avucB[r] = vld1_u8(pucRow + 1);
             }
         } else if (bContiguous || pstSrc->bShortFrame) {
-            GatherRowsClamped(pstSrc, iW, aiOffset, bContiguous, avucA, avucB);
+            // Through arrays of their own: rows whose address escapes would live in memory on
+            // every path.
+            uint8x8_t avucClampedA[3];
+            uint8x8_t avucClampedB[3];
+            GatherRowsClamped(pstSrc, iW, aiOffset, bContiguous, avucClampedA, avucClampedB);
+            for (int32_t r = 0; r < 3; r++) {
+                avucA[r] = avucClampedA[r];
+                avucB[r] = avucClampedB[r];
+            }
         } else {
             // Byte 3 of the words: a clamped offset leaves room for it (W H + W + 1 at most).
             for (int32_t k = 0; k < 4; k++) {

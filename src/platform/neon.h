@@ -172,4 +172,25 @@ static inline float32x4_t VrecpsqF32(float32x4_t a, float32x4_t b)
 #endif
 }
 
+#if defined(__aarch64__)
+// Lanes of magnitude in [2^-125, 2^125). For such a d, VrecpeqF32 is the native estimate, and the
+// steps r (2 - d r) from it meet no denormal, infinity or NaN (r stays above 2^-126), so there
+// VrecpsqF32 is a plain multiply and subtract: the unguarded pair below gives the same floats.
+static inline uint32x4_t VisRecipPlainF32(float32x4_t v)
+{
+    const float32x4_t vAbs = vabsq_f32(v);
+    return vandq_u32(vcgeq_f32(vAbs, vdupq_n_f32(2.35098870e-38f)), vcltq_f32(vAbs, vdupq_n_f32(4.25352959e+37f)));
+}
+
+static inline float32x4_t VrecpeqPlainF32(float32x4_t v)
+{
+    return vrecpeq_f32(v);
+}
+
+static inline float32x4_t VrecpsqPlainF32(float32x4_t a, float32x4_t b)
+{
+    return vsubq_f32(vdupq_n_f32(2.0f), vmulq_f32(a, b));
+}
+#endif
+
 #endif

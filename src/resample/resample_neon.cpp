@@ -25,15 +25,32 @@ static inline uint8x8_t GatherPairs(const uint8_t *pucSrc, const int32_t aiOffse
                         LoadPair(pucSrc + aiOffset[3]));
 }
 
+#if !defined(__aarch64__)
 // A 32-bit load from any byte address.
 typedef uint32_t tUnalignedU32 __attribute__((aligned(1), may_alias));
+#endif
 
-// Rows 0..2 of a group from four word loads per row: bytes 0, 1 of block k's word are its left
+// Rows 0..2 of a group from one word per block and row: bytes 0, 1 of block k's word are its left
 // pair (lanes 2k, 2k + 1 of avucA[row]) and bytes 1, 2 its right pair (avucB[row]); byte 3 is not
-// used. Lane loads that step down the rows keep the words out of the core registers.
+// used.
 static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const int32_t aiOffset[4], uint8x8_t avucA[3],
                                   uint8x8_t avucB[3])
 {
+#if defined(__aarch64__)
+    // Eight-byte loads at register offsets from each row's start need no address arithmetic;
+    // their first words are zipped into the lanes.
+    for (int32_t r = 0; r < 3; r++, pucSrc += iPitch) {
+        __builtin_prefetch(pucSrc + aiOffset[0] + RESAMPLE_PREFETCH_SRC);
+        const uint32x2_t vu01 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[0])),
+                                          vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[1])));
+        const uint32x2_t vu23 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[2])),
+                                          vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[3])));
+        const uint32x4_t vuWords = vcombine_u32(vu01, vu23);
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
+#else
+    // Lane loads that step down the rows keep the words out of the core registers.
     const uint8_t *apucRow[4];
     for (int32_t k = 0; k < 4; k++) {
         apucRow[k] = pucSrc + aiOffset[k];
@@ -51,6 +68,7 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
         avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
         avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
     }
+#endif
 }
 
 static inline uint32_t GatherBytes(const uint8_t *pucSrc, const int32_t aiOffset[4])
@@ -158,9 +176,10 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
                 avucB[r] = avucClampedB[r];
             }
         } else {
-            // Byte 3 of the words: a clamped offset leaves room for it (W H + W + 1 at most).
+            // The words' loads (eight bytes on arm64) stay in the block: a clamped offset is at
+            // most W H - W - 2, so they end by W H + W + 5, and groups mean W >= 8.
             for (int32_t k = 0; k < 4; k++) {
-                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 4);
+                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 8);
             }
             GatherRowWords(pucSrcY, iW, aiOffset, avucA, avucB);
         }

@@ -129,6 +129,8 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
     const tagST_SOURCE_EXTENT *pstSrc = &pstPlanes->stExtent;
     const int32_t iW = pstPlanes->iWidth;
     const int32_t iChromaLast = pstSrc->iChromaLast;
+    const int32_t iWideLast = pstSrc->iWideLast;
+    const int32_t bShortFrame = pstSrc->bShortFrame;
     const uint8_t *pucSrcY = pstPlanes->pucSrcY;
     const uint8_t *pucSrcU = pstPlanes->pucSrcU;
     const uint8_t *pucSrcV = pstPlanes->pucSrcV;
@@ -157,7 +159,7 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         // Row r of the group: A holds the left and B the right neighbour of every output column.
         uint8x8_t avucA[3];
         uint8x8_t avucB[3];
-        if (bContiguous && aiOffset[0] <= pstSrc->iWideLast) {
+        if (bContiguous && aiOffset[0] <= iWideLast) {
             const uint8_t *pucRow = pucSrcY + aiOffset[0];
             for (int32_t r = 0; r < 3; r++, pucRow += iW) {
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucRow, 9);
@@ -165,12 +167,14 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
                 avucA[r] = vld1_u8(pucRow);
                 avucB[r] = vld1_u8(pucRow + 1);
             }
-        } else if (bContiguous || pstSrc->bShortFrame) {
-            // Through arrays of their own: rows whose address escapes would live in memory on
-            // every path.
+        } else if (bContiguous || bShortFrame) {
+            // Through arrays of their own: rows and offsets whose address escapes would live in
+            // memory on every path.
             uint8x8_t avucClampedA[3];
             uint8x8_t avucClampedB[3];
-            GatherRowsClamped(pstSrc, iW, aiOffset, bContiguous, avucClampedA, avucClampedB);
+            int32_t aiClampedOffset[4];
+            vst1q_s32(aiClampedOffset, viOffset);
+            GatherRowsClamped(pstSrc, iW, aiClampedOffset, bContiguous, avucClampedA, avucClampedB);
             for (int32_t r = 0; r < 3; r++) {
                 avucA[r] = avucClampedA[r];
                 avucB[r] = avucClampedB[r];

@@ -14,8 +14,9 @@ static inline float32x4_t Reciprocal(float32x4_t vDen)
     return vmulq_f32(vR, VrecpsqF32(vDen, vR));
 }
 
-#if defined(__aarch64__)
-// The same for denominators that VisRecipPlainF32 admits, without arm64's guards.
+#if !defined(__arm__)
+// The same for denominators that VisRecipPlainF32 admits, without the guards of arm64 and the
+// host.
 static inline float32x4_t ReciprocalPlain(float32x4_t vDen)
 {
     float32x4_t vR = VrecpeqPlainF32(vDen);
@@ -52,7 +53,7 @@ void AffineMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_
     const float32x4_t vDen = (iFirst == 0) ? vaddq_f32(vmulq_n_f32(vreinterpretq_f32_u8(vld1q_u8(pucColumns)), pfM[6]),
                                                        vdupq_n_f32(stRow.fDen))
                                            : vld1q_f32(pstRow->afCarry);
-#if defined(__aarch64__)
+#if !defined(__arm__)
     // Each lane's denominators move monotonically along the run (the same step added each time),
     // so when the first and the one after the last have one sign and VisRecipPlainF32 admits both,
     // it admits all of them; otherwise the run is done again with the guards.

@@ -25,7 +25,7 @@ static inline uint8x8_t GatherPairs(const uint8_t *pucSrc, const int32_t aiOffse
                         LoadPair(pucSrc + aiOffset[3]));
 }
 
-#if !defined(__aarch64__)
+#if !defined(__arm__) && !defined(__aarch64__)
 // A 32-bit load from any byte address.
 typedef uint32_t tUnalignedU32 __attribute__((aligned(1), may_alias));
 #endif
@@ -49,8 +49,27 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
         avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
         avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
     }
+#elif defined(__arm__)
+    // Lane loads straight from memory, each block's address stepping down the rows (a lane load
+    // without an alignment hint takes any address).
+    const uint8_t *apucRow[4];
+    for (int32_t k = 0; k < 4; k++) {
+        apucRow[k] = pucSrc + aiOffset[k];
+    }
+    uint32x4_t vuWords = vdupq_n_u32(0);
+    for (int32_t r = 0; r < 3; r++) {
+        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[0], vuWords, 0);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[1], vuWords, 1);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[2], vuWords, 2);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[3], vuWords, 3);
+        for (int32_t k = 0; k < 4; k++) {
+            apucRow[k] += iPitch;
+        }
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
 #else
-    // Lane loads that step down the rows keep the words out of the core registers.
     const uint8_t *apucRow[4];
     for (int32_t k = 0; k < 4; k++) {
         apucRow[k] = pucSrc + aiOffset[k];

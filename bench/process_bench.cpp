@@ -1,7 +1,8 @@
 // The whole correction of a 4000 x 3000 NV21 frame on the accepted face path: one 480-pixel face
 // right of centre, CorrectionDegree 0.3, FOVLost 60, so the lens remap and the projective warp
-// both run. Beside it, in the same binary on the same frame: OpenCV's remap with precomputed
-// fixed-point maps followed by warpPerspective through the same homography (linear luma, nearest
+// both run; and the lens-only path of the same frame (FOVLost 100: no fit, the remap alone).
+// Beside them, in the same binary on the same frame: OpenCV's remap with precomputed fixed-point
+// maps, alone and followed by warpPerspective through the same homography (linear luma, nearest
 // chroma, two threads), and a plain copy of the frame (the bandwidth floor).
 #include <benchmark/benchmark.h>
 
@@ -30,26 +31,28 @@ const ST_FACE_RECT kFace = {3000, 900, 3479, 1379};
 
 struct Scene {
     std::string sConfig;
+    std::string sLensConfig;
     void *pHandle = NULL;
+    void *pLensHandle = NULL;
     std::vector<uint8_t> vIn;
     std::vector<uint8_t> vOut;
     float afH[9];
     cv::Mat mMapXY, mMapA, mChromaMapXY, mChromaMapA;
 };
 
-std::string WriteConfig()
+std::string WriteConfig(int iFovLost)
 {
     // The sample configuration's 4000 x 3000 profile with the face correction of this case.
     const std::string sText =
         "<?xml version=\"1.0\"?>\n<Config><Global><GolbalFDCFlag>0</GolbalFDCFlag><FDCAreaRestrictedFlag>0"
         "</FDCAreaRestrictedFlag></Global><FaceDistortionCorrection><CorrectionDegree>0.3</CorrectionDegree>"
-        "<FOVLost>60</FOVLost></FaceDistortionCorrection>"
+        "<FOVLost>" + std::to_string(iFovLost) + "</FOVLost></FaceDistortionCorrection>"
         "<DistortionCorrection1><ImageWidth>4000</ImageWidth><ImageHeight>3000</ImageHeight>"
         "<CameraMatrix>3349.47331 0 2139.26969 0 3349.47331 1472.31769 0 0 1</CameraMatrix>"
         "<DistortionCoefficients>-0.26637261 -0.038588899 0.23839153 0.0017831947 -0.000281221"
         "</DistortionCoefficients><GlobalFDCCoefficients>6.4e-9 2.56e-16 0 0.000298554</GlobalFDCCoefficients>"
         "</DistortionCorrection1></Config>\n";
-    const std::string sPath = "/tmp/ldc_process_bench_" + std::to_string(getpid()) + ".xml";
+    const std::string sPath = "/tmp/ldc_process_bench_" + std::to_string(getpid()) + "_" + std::to_string(iFovLost) + ".xml";
     FILE *pFile = fopen(sPath.c_str(), "wb");
     fwrite(sText.data(), 1, sText.size(), pFile);
     fclose(pFile);
@@ -81,18 +84,27 @@ void FaceHomography(const tagST_LDC_PARA *pstPara, float *pfH)
     HomographyEstimation(&stPairs, pfH, aucScratch);
 }
 
+// An instance of the frame's profile with the given FOVLost; its configuration's path to *psConfig.
+void *CreateInstance(int iFovLost, std::string *psConfig)
+{
+    *psConfig = WriteConfig(iFovLost);
+    char acPath[256] = {0};
+    snprintf(acPath, sizeof(acPath), "%s", psConfig->c_str());
+    ST_LDC_INPUT_PARA stPara = {kW, kH, acPath, LDC_PIC_NV21};
+    void *pHandle = NULL;
+    if (IQV_LDC_Create(&pHandle, &stPara) != LDC_OK) {
+        fprintf(stderr, "cannot create the instance\n");
+        abort();
+    }
+    return pHandle;
+}
+
 Scene &GetScene()
 {
     static Scene *pstScene = [] {
         Scene *p = new Scene();
-        p->sConfig = WriteConfig();
-        char acPath[256] = {0};
-        snprintf(acPath, sizeof(acPath), "%s", p->sConfig.c_str());
-        ST_LDC_INPUT_PARA stPara = {kW, kH, acPath, LDC_PIC_NV21};
-        if (IQV_LDC_Create(&p->pHandle, &stPara) != LDC_OK) {
-            fprintf(stderr, "cannot create the instance\n");
-            abort();
-        }
+        p->pHandle = CreateInstance(60, &p->sConfig);
+        p->pLensHandle = CreateInstance(100, &p->sLensConfig);
         p->vIn.resize((size_t)kW * kH * 3 / 2);
         for (size_t i = 0; i < p->vIn.size(); i++) {
             p->vIn[i] = (uint8_t)((i * 2654435761u) >> 24);
@@ -104,6 +116,13 @@ Scene &GetScene()
         tagST_LDC_PARA *pstPara = (tagST_LDC_PARA *)p->pHandle;
         if (pstPara->iLDCEnable != 1) {
             fprintf(stderr, "the face correction was not accepted\n");
+            abort();
+        }
+        // The lens-only instance remaps the same frame without a fit.
+        std::vector<uint8_t> vLensOut(p->vIn.size());
+        IQV_LDC_Process(p->pLensHandle, &stInfo, p->vIn.data(), vLensOut.data());
+        if (((tagST_LDC_PARA *)p->pLensHandle)->iLDCEnable != 1 || vLensOut == p->vOut) {
+            fprintf(stderr, "the lens-only path was not taken\n");
             abort();
         }
         FaceHomography(pstPara, p->afH);
@@ -137,6 +156,33 @@ void BM_IQV_LDC_Process(benchmark::State &state)
     ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &kFace};
     for (auto _ : state) {
         IQV_LDC_Process(stScene.pHandle, &stInfo, stScene.vIn.data(), stScene.vOut.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+void BM_IQV_LDC_Process_LensOnly(benchmark::State &state)
+{
+    Scene &stScene = GetScene();
+    ST_LDC_FRAME_INFO stInfo = {kW, kH, 100, 1, &kFace};
+    for (auto _ : state) {
+        IQV_LDC_Process(stScene.pLensHandle, &stInfo, stScene.vIn.data(), stScene.vOut.data());
+        benchmark::ClobberMemory();
+    }
+}
+
+// The peer of the lens-only path: OpenCV's remap of both planes.
+void BM_OpenCvRemap(benchmark::State &state)
+{
+    Scene &stScene = GetScene();
+    cv::setNumThreads(2);
+    cv::Mat mY(kH, kW, CV_8UC1, stScene.vIn.data());
+    cv::Mat mVu(kH / 2, kW / 2, CV_8UC2, stScene.vIn.data() + (size_t)kW * kH);
+    std::vector<uint8_t> vOut(stScene.vIn.size());
+    cv::Mat mOutY(kH, kW, CV_8UC1, vOut.data());
+    cv::Mat mOutVu(kH / 2, kW / 2, CV_8UC2, vOut.data() + (size_t)kW * kH);
+    for (auto _ : state) {
+        cv::remap(mY, mOutY, stScene.mMapXY, stScene.mMapA, cv::INTER_LINEAR);
+        cv::remap(mVu, mOutVu, stScene.mChromaMapXY, cv::noArray(), cv::INTER_NEAREST);
         benchmark::ClobberMemory();
     }
 }
@@ -176,6 +222,8 @@ void BM_FrameCopy(benchmark::State &state)
 
 BENCHMARK(BM_IQV_LDC_Process)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_OpenCvRemapThenWarp)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_IQV_LDC_Process_LensOnly)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_OpenCvRemap)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_FrameCopy)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 
 }  // namespace
@@ -197,7 +245,10 @@ int main(int argc, char **argv)
     benchmark::RunSpecifiedBenchmarks(&stReporter);
     stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process", "BM_OpenCvRemapThenWarp");
     stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process", "BM_FrameCopy");
+    stReporter.PrintRatio(stOut, "BM_IQV_LDC_Process_LensOnly", "BM_OpenCvRemap");
     IQV_LDC_Delete(GetScene().pHandle);
+    IQV_LDC_Delete(GetScene().pLensHandle);
     unlink(GetScene().sConfig.c_str());
+    unlink(GetScene().sLensConfig.c_str());
     return 0;
 }

@@ -172,4 +172,46 @@ static inline float32x4_t VrecpsqF32(float32x4_t a, float32x4_t b)
 #endif
 }
 
+#if !defined(__arm__)
+// Lanes of magnitude in [2^-125, 2^125). For such a d, VrecpeqF32 needs none of its special
+// cases, and the steps r (2 - d r) from it meet no denormal, infinity or NaN (r stays above
+// 2^-126), so there VrecpsqF32 is a plain multiply and subtract: the unguarded pair below gives
+// the same floats. (32-bit ARM's native pair needs no guards at all.)
+static inline uint32x4_t VisRecipPlainF32(float32x4_t v)
+{
+    const float32x4_t vAbs = vabsq_f32(v);
+    return vandq_u32(vcgeq_f32(vAbs, vdupq_n_f32(2.35098870e-38f)), vcltq_f32(vAbs, vdupq_n_f32(4.25352959e+37f)));
+}
+
+static inline float32x4_t VrecpeqPlainF32(float32x4_t v)
+{
+#if defined(__aarch64__)
+    return vrecpeq_f32(v);
+#else
+    // RecipEstimateF32's rule in lanes. Its integer quotient 2^19 / (2 (256 + f) + 1) comes from a
+    // float division: the quotient is at least 1 / 1023 away from an integer, far beyond the
+    // division's rounding, so truncating it gives the same integer.
+    const uint32x4_t vu = vreinterpretq_u32_f32(v);
+    const uint32x4_t vuA =
+        vaddq_u32(vshlq_n_u32(vshrq_n_u32(vandq_u32(vu, vdupq_n_u32(0x7FFFFFu)), 15), 1), vdupq_n_u32(513u));
+    float afA[4];
+    vst1q_f32(afA, vcvtq_f32_u32(vuA));
+    int32_t aiB[4];
+    for (int32_t k = 0; k < 4; k++) {
+        aiB[k] = (int32_t)(524288.0f / afA[k]);   // 512..1022
+    }
+    const uint32x4_t vuB = vreinterpretq_u32_s32(vld1q_s32(aiB));
+    const uint32x4_t vuEstimate = vandq_u32(vshrq_n_u32(vaddq_u32(vuB, vdupq_n_u32(1u)), 1), vdupq_n_u32(0xFFu));
+    const uint32x4_t vuExp = vsubq_u32(vdupq_n_u32(253u), vandq_u32(vshrq_n_u32(vu, 23), vdupq_n_u32(0xFFu)));
+    return vreinterpretq_f32_u32(vorrq_u32(vorrq_u32(vandq_u32(vu, vdupq_n_u32(0x80000000u)), vshlq_n_u32(vuExp, 23)),
+                                           vshlq_n_u32(vuEstimate, 15)));
+#endif
+}
+
+static inline float32x4_t VrecpsqPlainF32(float32x4_t a, float32x4_t b)
+{
+    return vsubq_f32(vdupq_n_f32(2.0f), vmulq_f32(a, b));
+}
+#endif
+
 #endif

@@ -127,7 +127,12 @@ static inline int32x4_t ResampleClampIndex_neon(float32x4_t vS, int32x4_t vInner
 {
     const int32x4_t vRaw = VcvtqS32F32(vS);
     const int32x4_t vIdx = vminq_s32(vmaxq_s32(vRaw, vdupq_n_s32(0)), vInner);
+#if defined(__aarch64__)
+    // One multiply-subtract; on 32-bit ARM its constant would take a register the samplers need.
+    const int32x4_t vFrac = vmlsq_n_s32(VcvtqS32F32Q7(vS), vRaw, 128);
+#else
     const int32x4_t vFrac = vsubq_s32(VcvtqS32F32Q7(vS), vshlq_n_s32(vRaw, 7));
+#endif
     *pvFrac = vandq_s32(vFrac, vreinterpretq_s32_u32(vceqq_s32(vIdx, vRaw)));
     return vIdx;
 }

@@ -25,6 +25,71 @@ static inline uint8x8_t GatherPairs(const uint8_t *pucSrc, const int32_t aiOffse
                         LoadPair(pucSrc + aiOffset[3]));
 }
 
+#if !defined(__arm__) && !defined(__aarch64__)
+// A 32-bit load from any byte address.
+typedef uint32_t tUnalignedU32 __attribute__((aligned(1), may_alias));
+#endif
+
+// Rows 0..2 of a group from one word per block and row: bytes 0, 1 of block k's word are its left
+// pair (lanes 2k, 2k + 1 of avucA[row]) and bytes 1, 2 its right pair (avucB[row]); byte 3 is not
+// used.
+static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const int32_t aiOffset[4], uint8x8_t avucA[3],
+                                  uint8x8_t avucB[3])
+{
+#if defined(__aarch64__)
+    // Eight-byte loads at register offsets from each row's start need no address arithmetic;
+    // their first words are zipped into the lanes.
+    for (int32_t r = 0; r < 3; r++, pucSrc += iPitch) {
+        __builtin_prefetch(pucSrc + aiOffset[0] + RESAMPLE_PREFETCH_SRC);
+        const uint32x2_t vu01 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[0])),
+                                          vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[1])));
+        const uint32x2_t vu23 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[2])),
+                                          vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[3])));
+        const uint32x4_t vuWords = vcombine_u32(vu01, vu23);
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
+#elif defined(__arm__)
+    // Lane loads straight from memory, each block's address stepping down the rows (a lane load
+    // without an alignment hint takes any address).
+    const uint8_t *apucRow[4];
+    for (int32_t k = 0; k < 4; k++) {
+        apucRow[k] = pucSrc + aiOffset[k];
+    }
+    uint32x4_t vuWords = vdupq_n_u32(0);
+    for (int32_t r = 0; r < 3; r++) {
+        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[0], vuWords, 0);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[1], vuWords, 1);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[2], vuWords, 2);
+        vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[3], vuWords, 3);
+        for (int32_t k = 0; k < 4; k++) {
+            apucRow[k] += iPitch;
+        }
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
+#else
+    const uint8_t *apucRow[4];
+    for (int32_t k = 0; k < 4; k++) {
+        apucRow[k] = pucSrc + aiOffset[k];
+    }
+    uint32x4_t vuWords = vdupq_n_u32(0);
+    for (int32_t r = 0; r < 3; r++) {
+        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[0], vuWords, 0);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[1], vuWords, 1);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[2], vuWords, 2);
+        vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[3], vuWords, 3);
+        for (int32_t k = 0; k < 4; k++) {
+            apucRow[k] += iPitch;
+        }
+        avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
+        avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
+    }
+#endif
+}
+
 static inline uint32_t GatherBytes(const uint8_t *pucSrc, const int32_t aiOffset[4])
 {
     return (uint32_t)pucSrc[aiOffset[0]] | ((uint32_t)pucSrc[aiOffset[1]] << 8) |
@@ -83,6 +148,8 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
     const tagST_SOURCE_EXTENT *pstSrc = &pstPlanes->stExtent;
     const int32_t iW = pstPlanes->iWidth;
     const int32_t iChromaLast = pstSrc->iChromaLast;
+    const int32_t iWideLast = pstSrc->iWideLast;
+    const int32_t bShortFrame = pstSrc->bShortFrame;
     const uint8_t *pucSrcY = pstPlanes->pucSrcY;
     const uint8_t *pucSrcU = pstPlanes->pucSrcU;
     const uint8_t *pucSrcV = pstPlanes->pucSrcV;
@@ -111,7 +178,7 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         // Row r of the group: A holds the left and B the right neighbour of every output column.
         uint8x8_t avucA[3];
         uint8x8_t avucB[3];
-        if (bContiguous && aiOffset[0] <= pstSrc->iWideLast) {
+        if (bContiguous && aiOffset[0] <= iWideLast) {
             const uint8_t *pucRow = pucSrcY + aiOffset[0];
             for (int32_t r = 0; r < 3; r++, pucRow += iW) {
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucRow, 9);
@@ -119,18 +186,25 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
                 avucA[r] = vld1_u8(pucRow);
                 avucB[r] = vld1_u8(pucRow + 1);
             }
-        } else if (bContiguous || pstSrc->bShortFrame) {
-            GatherRowsClamped(pstSrc, iW, aiOffset, bContiguous, avucA, avucB);
+        } else if (bContiguous || bShortFrame) {
+            // Through arrays of their own: rows and offsets whose address escapes would live in
+            // memory on every path.
+            uint8x8_t avucClampedA[3];
+            uint8x8_t avucClampedB[3];
+            int32_t aiClampedOffset[4];
+            vst1q_s32(aiClampedOffset, viOffset);
+            GatherRowsClamped(pstSrc, iW, aiClampedOffset, bContiguous, avucClampedA, avucClampedB);
+            for (int32_t r = 0; r < 3; r++) {
+                avucA[r] = avucClampedA[r];
+                avucB[r] = avucClampedB[r];
+            }
         } else {
+            // The words' loads (eight bytes on arm64) stay in the block: a clamped offset is at
+            // most W H - W - 2, so they end by W H + W + 5, and groups mean W >= 8.
             for (int32_t k = 0; k < 4; k++) {
-                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 3);
+                RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcY + aiOffset[k], 2 * iW + 8);
             }
-            const uint8_t *pucRow = pucSrcY;
-            for (int32_t r = 0; r < 3; r++, pucRow += iW) {
-                __builtin_prefetch(pucRow + aiOffset[0] + RESAMPLE_PREFETCH_SRC);
-                avucA[r] = GatherPairs(pucRow, aiOffset);
-                avucB[r] = GatherPairs(pucRow + 1, aiOffset);
-            }
+            GatherRowWords(pucSrcY, iW, aiOffset, avucA, avucB);
         }
 
         // Each block's weights on both of its columns: (f0 f0 f1 f1 f2 f2 f3 f3); 0..127.

@@ -188,25 +188,6 @@ TEST(Lifecycle, CreateAndResetLogAndFillAReadyInstance)
     EXPECT_EQ(kDeleteTrace, stDelete.strLog);
 }
 
-TEST(Lifecycle, CreateAcceptsTheLargestSizesAndEitherOrientation)
-{
-    // 5000 x 8 is a profile and serves 8 x 5000; the sample's landscape 4000 x 3000 serves a
-    // portrait request. The instance takes the profile's orientation.
-    const struct {
-        const std::string strPath;
-        int32_t iW, iH, iProfileW, iProfileH;
-    } astCases[] = {{TestConfigPath("camera_matrix_limits.xml"), 5000, 8, 5000, 8},
-                    {TestConfigPath("camera_matrix_limits.xml"), 8, 5000, 5000, 8},
-                    {SamplePath(), 3000, 4000, 4000, 3000}};
-    for (const auto &c : astCases) {
-        CreateArgs stArgs(c.strPath, c.iW, c.iH);
-        void *pHandle = nullptr;
-        ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet) << c.iW << "x" << c.iH;
-        ExpectReadyInstance(pHandle, c.iProfileW, c.iProfileH);
-        EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
-    }
-}
-
 // A configuration path that blocks Create or Reset must fail the run, not hang it.
 void ConfigWatchdogExpired(int)
 {

@@ -130,34 +130,50 @@ TEST(Lifecycle, WorkBufSizeCoversAFrameAndTheReserve)
                                     GetWorkBufSize(5, 5)}));
 }
 
-TEST(Lifecycle, CreateArgumentChecksInOrder)
+// Refusals of Create: the arguments in order (nothing logged after the head), then the camera
+// matrix of the chosen profile (after the parameter line, cleaned up through Delete).
+TEST(Lifecycle, CreateRefusalsInOrder)
 {
+    const std::string strLimits = TestConfigPath("camera_matrix_limits.xml");
     const struct {
         bool bNullHandle, bNullInput, bNullPath;
-        int32_t iWidth, iHeight, iType;
+        int32_t iWidth, iHeight, iType, iRet;
         const char *pcMessage;
     } astCases[] = {
-        {true, true, true, 0, 0, 9, "pHandle is NULL!"},
-        {false, true, true, 0, 0, 9, "InputPara is NULL!"},
-        {false, false, true, 0, 0, 9, "Config path is NULL!"},
-        {false, false, false, 0, 0, 9, "The width of image (0) should be in [0, 5000]!"},
-        {false, false, false, 5001, 480, 0, "The width of image (5001) should be in [0, 5000]!"},
-        {false, false, false, -640, 480, 0, "The width of image (-640) should be in [0, 5000]!"},
-        {false, false, false, 640, 0, 9, "The height of image (0) should be in [0, 5000]!"},
-        {false, false, false, 640, 5001, 0, "The height of image (5001) should be in [0, 5000]!"},
-        {false, false, false, 640, 480, -1, "The type of image (-1) should be 0, 1 or 2!"},
-        {false, false, false, 640, 480, 3, "The type of image (3) should be 0, 1 or 2!"},
+        {true, true, true, 0, 0, 9, LDC_ERR_PARAM, "pHandle is NULL!"},
+        {false, true, true, 0, 0, 9, LDC_ERR_PARAM, "InputPara is NULL!"},
+        {false, false, true, 0, 0, 9, LDC_ERR_PARAM, "Config path is NULL!"},
+        {false, false, false, 0, 0, 9, LDC_ERR_PARAM, "The width of image (0) should be in [0, 5000]!"},
+        {false, false, false, 5001, 480, 0, LDC_ERR_PARAM, "The width of image (5001) should be in [0, 5000]!"},
+        {false, false, false, -640, 480, 0, LDC_ERR_PARAM, "The width of image (-640) should be in [0, 5000]!"},
+        {false, false, false, 640, 0, 9, LDC_ERR_PARAM, "The height of image (0) should be in [0, 5000]!"},
+        {false, false, false, 640, 5001, 0, LDC_ERR_PARAM, "The height of image (5001) should be in [0, 5000]!"},
+        {false, false, false, 640, 480, -1, LDC_ERR_PARAM, "The type of image (-1) should be 0, 1 or 2!"},
+        {false, false, false, 640, 480, 3, LDC_ERR_PARAM, "The type of image (3) should be 0, 1 or 2!"},
+        // u0 -0.5 is held as 0 after the move to odd pixels.
+        {false, false, false, 640, 480, 0, LDC_ERR_CAMERA_MATRIX,
+         "(U0, V0) in the camera matrix (0.000000, 235.000000) should be in the area of the image!"},
+        {false, false, false, 1280, 720, 0, LDC_ERR_CAMERA_MATRIX,
+         "(U0, V0) in the camera matrix (639.000000, 721.000000) should be in the area of the image!"},
+        {false, false, false, 320, 240, 0, LDC_ERR_CAMERA_MATRIX,
+         "Alpha in the camera matrix (0.000000) should be positive number!"},
+        // fy is negative; the message quotes fx.
+        {false, false, false, 352, 288, 0, LDC_ERR_CAMERA_MATRIX,
+         "Alpha in the camera matrix (294.750000) should be positive number!"},
     };
     for (const auto &c : astCases) {
-        CreateArgs stArgs(SamplePath(), c.iWidth, c.iHeight, c.iType);
+        const bool bMatrix = (c.iRet == LDC_ERR_CAMERA_MATRIX);
+        CreateArgs stArgs(bMatrix ? strLimits : SamplePath(), c.iWidth, c.iHeight, c.iType);
         if (c.bNullPath) {
             stArgs.stInput.pucCfgPath = nullptr;
         }
         void *pHandle = kUntouched;
         const Call stCall = Create(c.bNullHandle ? nullptr : &pHandle, c.bNullInput ? nullptr : &stArgs.stInput);
-        EXPECT_EQ(LDC_ERR_PARAM, stCall.iRet) << c.pcMessage;
+        EXPECT_EQ(c.iRet, stCall.iRet) << c.pcMessage;
         EXPECT_EQ(kUntouched, pHandle) << c.pcMessage;
-        EXPECT_EQ(kCreateHead + E(c.pcMessage), stCall.strLog);
+        EXPECT_EQ(bMatrix ? kCreateHead + Params(strLimits, c.iWidth, c.iHeight) + E(c.pcMessage) + kDeleteTrace
+                          : kCreateHead + E(c.pcMessage),
+                  stCall.strLog);
     }
 }
 
@@ -186,25 +202,6 @@ TEST(Lifecycle, CreateAndResetLogAndFillAReadyInstance)
     const Call stDelete = Delete(pHandle);
     EXPECT_EQ(LDC_OK, stDelete.iRet);
     EXPECT_EQ(kDeleteTrace, stDelete.strLog);
-}
-
-TEST(Lifecycle, CreateAcceptsTheLargestSizesAndEitherOrientation)
-{
-    // 5000 x 8 is a profile and serves 8 x 5000; the sample's landscape 4000 x 3000 serves a
-    // portrait request. The instance takes the profile's orientation.
-    const struct {
-        const std::string strPath;
-        int32_t iW, iH, iProfileW, iProfileH;
-    } astCases[] = {{TestConfigPath("camera_matrix_limits.xml"), 5000, 8, 5000, 8},
-                    {TestConfigPath("camera_matrix_limits.xml"), 8, 5000, 5000, 8},
-                    {SamplePath(), 3000, 4000, 4000, 3000}};
-    for (const auto &c : astCases) {
-        CreateArgs stArgs(c.strPath, c.iW, c.iH);
-        void *pHandle = nullptr;
-        ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet) << c.iW << "x" << c.iH;
-        ExpectReadyInstance(pHandle, c.iProfileW, c.iProfileH);
-        EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
-    }
 }
 
 // A configuration path that blocks Create or Reset must fail the run, not hang it.
@@ -291,30 +288,6 @@ TEST(Lifecycle, UnusableAndHostileConfigPathsFailPromptly)
         unlink(strPath.c_str());
     }
     rmdir(strDir.c_str());
-}
-
-TEST(Lifecycle, CameraMatrixChecks)
-{
-    const struct {
-        int32_t iWidth, iHeight;
-        const char *pcMessage;
-    } astCases[] = {
-        // u0 -0.5 is held as 0 after the move to odd pixels.
-        {640, 480, "(U0, V0) in the camera matrix (0.000000, 235.000000) should be in the area of the image!"},
-        {1280, 720, "(U0, V0) in the camera matrix (639.000000, 721.000000) should be in the area of the image!"},
-        {320, 240, "Alpha in the camera matrix (0.000000) should be positive number!"},
-        // fy is negative; the message quotes fx.
-        {352, 288, "Alpha in the camera matrix (294.750000) should be positive number!"},
-    };
-    for (const auto &c : astCases) {
-        CreateArgs stArgs(TestConfigPath("camera_matrix_limits.xml"), c.iWidth, c.iHeight);
-        void *pHandle = kUntouched;
-        const Call stCall = Create(&pHandle, &stArgs.stInput);
-        EXPECT_EQ(LDC_ERR_CAMERA_MATRIX, stCall.iRet) << c.pcMessage;
-        EXPECT_EQ(kUntouched, pHandle);
-        EXPECT_EQ(kCreateHead + Params(stArgs.acPath, c.iWidth, c.iHeight) + E(c.pcMessage) + kDeleteTrace,
-                  stCall.strLog);
-    }
 }
 
 // Reset refuses what Create refuses, with its messages, and before anything changes, even when

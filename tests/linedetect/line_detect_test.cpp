@@ -231,20 +231,6 @@ TEST(JoinDetectedLines, CoverageOfInsideCoveringAndOverlappingPieces)
     EXPECT_EQ(2, Join({Ln(90, 0, 50, 50, 50), Ln(93, 60, 50, 100, 50)}, 0.5f, 0)[0]);
 }
 
-TEST(LineDetect, DenseNoiseStaysInsideTheBuffer)
-{
-    for (int iMode : {0, 1}) {
-        Frame f(640, 480);
-        f.luma = ldc_test::RandomBytes(f.luma.size(), 1234 + iMode);
-        f.para.iBendDecideMode = iMode;
-        f.para.iBinarizationThresh = 20;
-        f.para.fLineLengthRatio = 0.0f;
-        f.para.fConnectLineRatio = 0.0f;
-        const Detected r = f.Run();
-        EXPECT_TRUE(r.iResult == 0 || r.iResult == 1);
-    }
-}
-
 TEST(LineDetect, ClassifierModeUsesTheDefaultModel)
 {
     // Without a working buffer the correction is left out, in either mode, the model fixed all the same.

@@ -81,21 +81,16 @@ TEST(QvldcParse, DumpNames)
     EXPECT_EQ(3200, stName.iISO);
     EXPECT_EQ(0, stName.bInput);
 
-    ASSERT_TRUE(ParseDumpName(
-        "20261122_203847_coord_left=-5_top=2_right=30_bottom=40 left=100_top=200_right=300_bottom=400_ISO=50_org.yuv",
-        &stName));
-    ASSERT_EQ(2u, stName.vstFaces.size());
-    EXPECT_TRUE(SameFace(stName.vstFaces[0], {-5, 2, 30, 40}));
-    EXPECT_TRUE(SameFace(stName.vstFaces[1], {100, 200, 300, 400}));
-
-    // What the tool writes for the sample is what it reads back.
+    // What the tool writes for the sample (several faces, negative coordinates) is what it reads back.
     const std::vector<ST_FACE_RECT> vstFaces = {{1, 2, 3, 4}, {10, 20, 30, 40}, {-1, -2, 5, 6}};
     const std::string strName = FormatDumpName("20261122_120000", vstFaces, 400, 1);
     EXPECT_EQ("20261122_120000_coord_left=1_top=2_right=3_bottom=4 left=10_top=20_right=30_bottom=40 "
               "left=-1_top=-2_right=5_bottom=6_ISO=400_org.yuv", strName);
     ASSERT_TRUE(ParseDumpName(strName, &stName));
     ASSERT_EQ(3u, stName.vstFaces.size());
-    EXPECT_TRUE(SameFace(stName.vstFaces[2], vstFaces[2]));
+    for (size_t i = 0; i < 3; i++) {
+        EXPECT_TRUE(SameFace(stName.vstFaces[i], vstFaces[i])) << i;
+    }
     EXPECT_EQ("20261122_120000_coord__ISO=0_output.yuv", FormatDumpName("20261122_120000", {}, 0, 0));
 
     const char *apcBad[] = {

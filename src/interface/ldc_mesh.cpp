@@ -148,8 +148,10 @@ void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLA
     int32_t iRet = LDC_MESH_OK;
     if (pstState->stTrack.bChanged || !pstState->bWarm) {
         // The line finder's segments, in the line check's part of the working buffer (free while
-        // the mesh plans), keep the background's edges next to a face straight.
-        if (pucLuma != NULL && iTracked > 0) {
+        // the mesh plans), keep the background's edges next to a face straight. Opt-in: the
+        // finder is not mirror-symmetric and costs time, and the solution then depends on the
+        // frame the faces last changed in.
+        if (pstPara->iMeshLines == 1 && pucLuma != NULL && iTracked > 0) {
             stIn.iLineNum = FindFrameLines(pucLuma, pstPara);
             stIn.pstLines = (const stLine *)pstPara->pucWorkBuf;
         }

@@ -85,7 +85,8 @@ void Usage()
             "  (default: the library's) and renders it in float; its line term gets no segments (mesh), the\n"
             "  segments the library's line finder finds on the recorded frame (mesh+found) or the scene's own\n"
             "  lines (mesh+scene). --line-detail lists the most bent lines of each mesh row; --mesh-only leaves\n"
-            "  out the library's rows (lens, homography, global, and library: FDCMethod 1 at strength 1).\n");
+            "  out the library's rows (lens, homography, global, and library: FDCMethod 1 at strength 1 with\n"
+            "  MeshLines).\n");
 }
 
 bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)

@@ -182,6 +182,7 @@ int32_t ParseConfigFile(const char *pcPath, tagST_LDC_PARA *pstPara)
         stCfg.GetFloat("/Config/FaceDistortionCorrection/CorrectionDegree", 0.0f);
     pstPara->iFOVLost = stCfg.GetInteger("/Config/FaceDistortionCorrection/FOVLost", 10);
     pstPara->iFDCMethod = stCfg.GetInteger("/Config/FaceDistortionCorrection/FDCMethod", LDC_FDC_HOMOGRAPHY);
+    pstPara->iMeshLines = stCfg.GetInteger("/Config/FaceDistortionCorrection/MeshLines", 0);
     pstPara->iBendDecideMode = stCfg.GetInteger("/Config/LineDetection/BendDecideMode", 0);
     pstPara->iBinarizationThresh = stCfg.GetInteger("/Config/LineDetection/BinarizationThresh", 100);
     pstPara->fConnectLineRatio = stCfg.GetFloat("/Config/LineDetection/ConnectLineRatio", 0.5f);
@@ -202,6 +203,7 @@ int32_t ParseConfigFile(const char *pcPath, tagST_LDC_PARA *pstPara)
     pstPara->iMultiFacesFDCFlag = NormaliseFlag(pstPara->iMultiFacesFDCFlag);
     pstPara->iLDCAreaRestrictedFlag = NormaliseFlag(pstPara->iLDCAreaRestrictedFlag);
     pstPara->iFDCAreaRestrictedFlag = NormaliseFlag(pstPara->iFDCAreaRestrictedFlag);
+    pstPara->iMeshLines = NormaliseFlag(pstPara->iMeshLines);
     pstPara->iGolbalFDCFlag = ClampInt(pstPara->iGolbalFDCFlag, 0, 2);
     pstPara->iFOVLost = ClampInt(pstPara->iFOVLost, 0, 100);
     pstPara->iFDCMethod = ClampInt(pstPara->iFDCMethod, LDC_FDC_HOMOGRAPHY, LDC_FDC_MESH);

@@ -3,6 +3,7 @@
 #include "boundscheck/bounds_check.h"
 #include "geometry/lens_model.h"
 #include "interface/ldc_lifecycle.h"
+#include "linedetect/line_detect.h"
 #include "mesh/face_mesh.h"
 #include "mesh/mesh_render.h"
 #include "platform/platform.h"
@@ -110,7 +111,7 @@ static int32_t TrackFaces(tagST_MESH_STATE *pstState, const tagST_LDC_PARA *pstP
     return iTracked;
 }
 
-void PlanFaceMesh(tagST_LDC_PARA *pstPara, tagST_LDC_PLAN *pstPlan)
+void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLAN *pstPlan)
 {
     const int32_t iW = pstPara->iImgWidth;
     const int32_t iH = pstPara->iImgHeight;
@@ -142,11 +143,18 @@ void PlanFaceMesh(tagST_LDC_PARA *pstPara, tagST_LDC_PLAN *pstPlan)
     stIn.paiFaces = aaiFaces;
     stIn.pfFaceStrength = afFade;
     stIn.fStrength = FaceTrackStrength(&pstState->stTrack, pstPara->fCorrectionDegree);
-    // No line term: on the rendered scenes (ldc_quality) the line finder's segments moved the
-    // lines' straightness by less than 0.15 px per 1000 px either way, for a line check per solve.
-    // A still scene (the track held every face) keeps its solution: no solve, the same mesh.
+    // A still scene (the track held every face) keeps its solution: no solve, the same mesh, and
+    // no line finding either.
     int32_t iRet = LDC_MESH_OK;
     if (pstState->stTrack.bChanged || !pstState->bWarm) {
+        // The line finder's segments, in the line check's part of the working buffer (free while
+        // the mesh plans), keep the background's edges next to a face straight. Opt-in: the
+        // finder is not mirror-symmetric and costs time, and the solution then depends on the
+        // frame the faces last changed in.
+        if (pstPara->iMeshLines == 1 && pucLuma != NULL && iTracked > 0) {
+            stIn.iLineNum = FindFrameLines(pucLuma, pstPara);
+            stIn.pstLines = (const stLine *)pstPara->pucWorkBuf;
+        }
         stIn.pfWarmStart = pstState->bWarm ? pfSolved : NULL;
         iRet = FaceMeshSolve(&stIn, pfSolved, LdcMeshScratch(pstPara), ScratchBytes(iW, iH), &pstPlan->stMeshStats);
         if (pstPlan->stMeshStats.iRounds > 0) {

@@ -42,7 +42,8 @@ uint8_t *LdcMeshScratch(const tagST_LDC_PARA *pstPara);
 // Plans a frame of an instance with FDCMethod 1 after the driver's checks (DecideCorrections):
 // feeds the track, solves the mesh, moves the mesh shown toward it and chooses the mesh path,
 // the lens remap alone (the solve failed) or the copy (no face correction and no face fading
-// out).
-void PlanFaceMesh(tagST_LDC_PARA *pstPara, tagST_LDC_PLAN *pstPlan);
+// out). With MeshLines, a solve keeps the straight lines the line finder finds on pucLuma (the
+// frame's luma plane, or NULL for none) straight outside the faces.
+void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLAN *pstPlan);
 
 #endif

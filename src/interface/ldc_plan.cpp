@@ -308,7 +308,7 @@ void PlanFrame(tagST_LDC_PARA *pstPara, const ST_FACE_RECT *pstFaces, int32_t iF
 {
     DecideCorrections(pstPara, pstFaces, iFaceNum, pstPlan);
     if (pstPara->iFDCMethod == LDC_FDC_MESH) {
-        PlanFaceMesh(pstPara, pstPlan);
+        PlanFaceMesh(pstPara, pucLuma, pstPlan);
     } else if (ChooseMode(pstPara, pucLuma, pstPlan)) {
         pstPlan->ePath = LDC_PATH_GLOBAL;
         pstPlan->iFovLost = StretchAreaMatrix(pstPara, pstPlan->afMatrix);

@@ -186,6 +186,22 @@ int32_t JudgeLines(const tagST_LDC_PARA *pstPara, stLine *pstLines, int32_t iKep
     return iKept;
 }
 
+int32_t FindFrameLines(const uint8_t *pucLuma, const tagST_LDC_PARA *pstPara)
+{
+    if (pstPara->pucWorkBuf == NULL) {
+        return 0;
+    }
+    const int32_t iFactor = LineDetectFactor(pstPara->iImgWidth, pstPara->iImgHeight);
+    const int32_t iKept = FindLines(pucLuma, pstPara->iImgWidth, pstPara->iImgHeight, iFactor,
+                                    pstPara->iBinarizationThresh, pstPara->fConnectLineRatio,
+                                    pstPara->fLineLengthRatio, pstPara->pucWorkBuf);
+    stLine *pstLines = (stLine *)pstPara->pucWorkBuf;
+    for (int32_t i = 0; i < iKept; i++) {
+        ScaleLine(&pstLines[i], iFactor);
+    }
+    return iKept;
+}
+
 int32_t CheckLines(const uint8_t *pucLuma, tagST_LDC_PARA *pstPara, tagST_LINE_CHECK *pstCheck, stLine *pstLines,
                    int32_t iCap)
 {

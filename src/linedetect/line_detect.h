@@ -51,6 +51,11 @@ int32_t FindLines(const uint8_t *pucLuma, int32_t iWidth, int32_t iHeight, int32
 // passed before it (iKept when none bends).
 int32_t JudgeLines(const tagST_LDC_PARA *pstPara, stLine *pstLines, int32_t iKept, int32_t iFactor);
 
+// FindLines with the record's thresholds on its frame, the kept lines scaled to frame pixels at
+// the start of the record's working buffer (its line check part). Returns how many (0 without a
+// working buffer).
+int32_t FindFrameLines(const uint8_t *pucLuma, const tagST_LDC_PARA *pstPara);
+
 // Downscale factor of the check: 8 when both sides exceed 640, else 4.
 int32_t LineDetectFactor(int32_t iWidth, int32_t iHeight);
 

@@ -38,8 +38,7 @@ static const float kFaceBand = 0.2f;           // ... and gone this much farther
 static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
 static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
 static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
-static const float kLineWeight = 50.0f;        // a straight segment's pull toward staying straight
-static const float kLineClear = 1.5f;          // segments keep this elliptic distance from every face
+static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight
 static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
                                                // or grows much, and both gaps stretch alike)
 static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
@@ -634,10 +633,10 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
     return iJ * pstGrid->iCols + iI;
 }
 
-// Line terms: the longest segments that keep clear of the faces, each taken to corrected pixels
-// (where it is straight) and sampled once a cell. A segment that comes near a face is left out
-// whole: held straight, it would pin the face's surroundings, and the face's correction would
-// bend the rest of the frame instead.
+// Line terms: the longest segments, each taken to corrected pixels (where it is straight) and
+// sampled once a cell. Samples inside a face's pull are left out (the face's map wins there);
+// the rest of the segment, on both sides of a face it passes, stays on one line, so a building's
+// edge right beside a face stays straight.
 // The energy is weight * length * the integral along the segment of (d . n - its best affine
 // fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
 // line. Returns the samples used.
@@ -677,10 +676,8 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
                 continue;
             }
-            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f || fNearest < kLineClear) {
-                iUsed -= pstLine->iCount;   // the segment runs into a face: left to bend
-                pstLine->iCount = 0;
-                break;
+            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+                continue;
             }
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
             float fA, fB;

@@ -13,8 +13,8 @@
 //   background:  from a face radius beyond each face the displacement is pulled to zero
 //                (perspective, straight lines);
 //   smoothness:  neighbouring vertices bend alike, except inside faces;
-//   lines:       along each given straight segment that keeps clear of the faces the
-//                displacement across the segment stays affine, so the segment stays straight;
+//   lines:       along each given straight segment, outside the faces, the displacement
+//                across the segment stays affine, so the segment stays straight;
 //   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
 // with the frame's edge held in place, so that the output keeps the lens-only field of view. All
 // weights are measured in the smallest face's radius, so the balance is the same at every frame

@@ -92,6 +92,7 @@ typedef struct tagST_LDC_PARA {
     int32_t aiThreadState[4];
     int32_t iFDCMethod;                 // LDC_FDC_HOMOGRAPHY or LDC_FDC_MESH; last, so that the
                                         // fields before it keep their places
+    int32_t iMeshLines;                 // 1: a mesh solve keeps the line finder's lines straight
 } tagST_LDC_PARA;
 
 #endif

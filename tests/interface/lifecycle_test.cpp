@@ -16,6 +16,7 @@
 
 #include "config/xml_parser.h"
 #include "interface/ldc_lifecycle.h"
+#include "interface/ldc_mesh.h"
 #include "records/ldc_para.h"
 #include "support/harness.h"
 #include "support/malloc_fault.h"
@@ -374,7 +375,8 @@ TEST(Lifecycle, NullArgumentsOfResetAndDelete)
 
 TEST(Lifecycle, AllocationFailures)
 {
-    const size_t uWorkBufAlloc = (size_t)GetWorkBufSize(640, 480) + LDC_WORKBUF_ALIGN;
+    // The sample corrects faces by the face mesh: the mesh part sits behind the frame's part.
+    const size_t uWorkBufAlloc = (size_t)LdcMeshWorkOffset(640, 480) + LdcMeshWorkBytes(640, 480) + LDC_WORKBUF_ALIGN;
     CreateArgs stArgs(SamplePath(), 640, 480);
     // The record itself: the clean-up runs on the missing record before the message.
     void *pHandle = kUntouched;

@@ -47,7 +47,8 @@ const tagST_QQ_ROW kRows[] = {
     // Several faces and a line check that tolerates any bend: the global correction.
     {"global", 1, 1, 10, 0.3f, 1000000, LDC_FDC_HOMOGRAPHY},
     // The face mesh inside the library (FDCMethod 1) at the mesh rows' default strength: its
-    // solve, its track's first frame and its one-pass render on the resampling core.
+    // solve with the line finder's segments (MeshLines), its track's first frame and its
+    // one-pass render on the resampling core.
     {"library", 1, 0, 10, 1.0f, 0, LDC_FDC_MESH},
 };
 
@@ -84,7 +85,8 @@ void Usage()
             "  (default: the library's) and renders it in float; its line term gets no segments (mesh), the\n"
             "  segments the library's line finder finds on the recorded frame (mesh+found) or the scene's own\n"
             "  lines (mesh+scene). --line-detail lists the most bent lines of each mesh row; --mesh-only leaves\n"
-            "  out the library's rows (lens, homography, global, and library: FDCMethod 1 at strength 1).\n");
+            "  out the library's rows (lens, homography, global, and library: FDCMethod 1 at strength 1 with\n"
+            "  MeshLines).\n");
 }
 
 bool ParseOptions(int argc, char **argv, tagST_QQ_OPTIONS *pstOpt)
@@ -184,7 +186,7 @@ std::string WriteConfig(const std::string &strPath, const tagST_QS_LENS &stLens,
             "<MultiFacesFDCFlag>1</MultiFacesFDCFlag><GolbalFDCFlag>%d</GolbalFDCFlag>"
             "<LDCAreaRestrictedFlag>0</LDCAreaRestrictedFlag><FDCAreaRestrictedFlag>0</FDCAreaRestrictedFlag></Global>\n"
             "  <FaceDistortionCorrection><CorrectionDegree>%.9g</CorrectionDegree><FOVLost>%d</FOVLost>"
-            "<FDCMethod>%d</FDCMethod></FaceDistortionCorrection>\n"
+            "<FDCMethod>%d</FDCMethod><MeshLines>%d</MeshLines></FaceDistortionCorrection>\n"
             "  <LineDetection><BendDecideMode>0</BendDecideMode></LineDetection>\n"
             "  <DistortionCorrection1><ImageWidth>%d</ImageWidth><ImageHeight>%d</ImageHeight>\n"
             "    <CameraMatrix>%.9g 0 %.9g 0 %.9g %.9g 0 0 1</CameraMatrix>\n"
@@ -192,7 +194,8 @@ std::string WriteConfig(const std::string &strPath, const tagST_QS_LENS &stLens,
             "    <GlobalFDCCoefficients>%.9g %.9g %.9g %.9g</GlobalFDCCoefficients>\n"
             "    <BendValue>%d</BendValue></DistortionCorrection1>\n"
             "</Config>\n",
-            stRow.iLDCFlag, stRow.iGolbalFDCFlag, stRow.fCorrectionDegree, stRow.iFOVLost, stRow.iFDCMethod, stLens.iWidth,
+            stRow.iLDCFlag, stRow.iGolbalFDCFlag, stRow.fCorrectionDegree, stRow.iFOVLost, stRow.iFDCMethod,
+            stRow.iFDCMethod == LDC_FDC_MESH, stLens.iWidth,
             stLens.iHeight, stLens.dFx, stLens.dU0, stLens.dFx, stLens.dV0, stLens.adK[0], stLens.adK[1],
             stLens.adK[2], stLens.adGlobal[0], stLens.adGlobal[1], stLens.adGlobal[2], stLens.adGlobal[3],
             stRow.iBendValue);

@@ -12,7 +12,7 @@ namespace {
 const int32_t kNearBudgetPercent = 80;   // a loss of this share of the budget counts as near it
 
 // Path keys in the order the summary lists them.
-const int32_t kPathOrder[] = {LDC_PATH_FACE, LDC_PATH_LENS, LDC_PATH_GLOBAL, LDC_PATH_FALLBACK, LDC_PATH_COPY};
+const int32_t kPathOrder[] = {LDC_PATH_MESH, LDC_PATH_FACE, LDC_PATH_LENS, LDC_PATH_GLOBAL, LDC_PATH_FALLBACK, LDC_PATH_COPY};
 
 std::string Escape(const std::string &strText)
 {
@@ -186,7 +186,7 @@ std::string Row(size_t uIndex, const tagST_QV_REPORT_ROW &stRow)
 std::string Summary(const std::vector<tagST_QV_REPORT_ROW> &vstRows)
 {
     std::vector<double> vdFov, vdMs;
-    int32_t aiPaths[LDC_PATH_FALLBACK + 1] = {0};
+    int32_t aiPaths[LDC_PATH_MESH + 1] = {0};
     int32_t iRefused = 0, iNear = 0, iCut = 0, iBorder = 0;
     size_t uWorstFov = 0;
     for (size_t i = 0; i < vstRows.size(); i++) {
@@ -195,7 +195,7 @@ std::string Summary(const std::vector<tagST_QV_REPORT_ROW> &vstRows)
         if (stRow.iTimeMs >= 0) {
             vdMs.push_back(stRow.iTimeMs);
         }
-        if (stRow.stPlan.ePath >= 0 && stRow.stPlan.ePath <= LDC_PATH_FALLBACK) {
+        if (stRow.stPlan.ePath >= 0 && stRow.stPlan.ePath <= LDC_PATH_MESH) {
             aiPaths[stRow.stPlan.ePath]++;
         }
         iRefused += RowRefused(stRow);
@@ -269,6 +269,7 @@ const char *PathKey(int32_t ePath)
     case LDC_PATH_FACE: return "face";
     case LDC_PATH_GLOBAL: return "global";
     case LDC_PATH_FALLBACK: return "fallback";
+    case LDC_PATH_MESH: return "mesh";
     default: return "copy";
     }
 }

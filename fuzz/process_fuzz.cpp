@@ -50,7 +50,7 @@ std::string Configuration(int iW, int iH, int iW2, int iH2, FuzzedDataProvider &
              "<GolbalFDCFlag>%d</GolbalFDCFlag><LDCAreaRestrictedFlag>%d</LDCAreaRestrictedFlag>"
              "<FDCAreaRestrictedFlag>%d</FDCAreaRestrictedFlag><RestrictedAreaRatio>%g</RestrictedAreaRatio>"
              "</Global><FaceDistortionCorrection><CorrectionDegree>%g</CorrectionDegree><FOVLost>%d</FOVLost>"
-             "<FDCMethod>%d</FDCMethod></FaceDistortionCorrection><LineDetection><BendDecideMode>%d</BendDecideMode>"
+             "<FDCMethod>%d</FDCMethod><MeshLines>%d</MeshLines></FaceDistortionCorrection><LineDetection><BendDecideMode>%d</BendDecideMode>"
              "<BinarizationThresh>%d</BinarizationThresh><ConnectLineRatio>%g</ConnectLineRatio>"
              "<LineLengthRatio>%g</LineLengthRatio>%s</LineDetection>",
              fdp.ConsumeIntegralInRange<int>(0, 1), fdp.ConsumeIntegralInRange<int>(0, 1),
@@ -58,7 +58,7 @@ std::string Configuration(int iW, int iH, int iW2, int iH2, FuzzedDataProvider &
              fdp.ConsumeIntegralInRange<int>(-1, 3), fdp.ConsumeIntegralInRange<int>(0, 1),
              fdp.ConsumeIntegralInRange<int>(0, 1), fdp.ConsumeFloatingPointInRange<float>(-0.5f, 1.5f),
              fdp.ConsumeFloatingPointInRange<float>(-0.5f, 1.5f), fdp.ConsumeIntegralInRange<int>(-5, 120),
-             fdp.ConsumeIntegralInRange<int>(-1, 2), iBendMode, fdp.ConsumeIntegralInRange<int>(-10, 300), fdp.ConsumeFloatingPointInRange<float>(-0.5f, 1.5f),
+             fdp.ConsumeIntegralInRange<int>(-1, 2), fdp.ConsumeIntegralInRange<int>(-1, 2), iBendMode, fdp.ConsumeIntegralInRange<int>(-10, 300), fdp.ConsumeFloatingPointInRange<float>(-0.5f, 1.5f),
              fdp.ConsumeFloatingPointInRange<float>(-0.5f, 1.5f),
              iBendMode == 1 ? "<SVM><SvNumber>1 1</SvNumber><SvCoeff>2.5 -1.5</SvCoeff>"
                               "<SvValue>0.1 0.2 -0.3 0.4 -0.5 0.6 0.7 -0.8</SvValue></SVM>"

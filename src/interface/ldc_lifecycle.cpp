@@ -1,7 +1,5 @@
 // IQV_LDC_Create, IQV_LDC_Reset and IQV_LDC_Delete: an instance record filled from the
 // configuration, its camera matrix checked, its valid areas computed and one working buffer.
-#include "interface/ldc_lifecycle.h"
-
 #include <stdlib.h>
 #include <string.h>
 
@@ -9,19 +7,12 @@
 #include "config/config_schema.h"
 #include "geometry/lens_model.h"
 #include "interface/diagnostics.h"
-#include "interface/ldc_mesh.h"
+#include "interface/ldc_workbuf.h"
 #include "linedetect/line_detect.h"
 #include "platform/platform.h"
 #include "records/ldc_para.h"
 #include "runtime/runtime.h"
 #include "vkt_zb_ldc.h"
-
-int32_t GetWorkBufSize(int32_t iWidth, int32_t iHeight)
-{
-    const uint32_t uLineCheck = LineDetectWorkSize(iWidth, iHeight);
-    const uint32_t uFrame = (uint32_t)LDC_WORK_SCRATCH_OFFSET(iWidth, iHeight) + LDC_WORKBUF_RESERVE;
-    return (int32_t)(uLineCheck > uFrame ? uLineCheck : uFrame);
-}
 
 // fAlphaShown is the fx quoted by the message: Reset quotes its already cleared instance.
 static int32_t CheckCameraMatrix(const tagST_LDC_PARA *pstPara, float fAlphaShown)

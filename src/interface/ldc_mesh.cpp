@@ -2,79 +2,10 @@
 
 #include "boundscheck/bounds_check.h"
 #include "geometry/lens_model.h"
-#include "interface/ldc_lifecycle.h"
 #include "linedetect/line_detect.h"
 #include "mesh/face_mesh.h"
 #include "mesh/mesh_render.h"
 #include "platform/platform.h"
-
-static uint32_t MaxU32(uint32_t uA, uint32_t uB)
-{
-    return uA > uB ? uA : uB;
-}
-
-static uint32_t Align16(uint32_t u)
-{
-    return (u + 15u) & ~15u;
-}
-
-// Room for the mesh and for the scratch, whichever orientation the instance is in.
-static uint32_t MeshBytes(int32_t iWidth, int32_t iHeight)
-{
-    return Align16(MaxU32(FaceMeshBytes(iWidth, iHeight, 0), FaceMeshBytes(iHeight, iWidth, 0)));
-}
-
-static uint32_t ScratchBytes(int32_t iWidth, int32_t iHeight)
-{
-    const uint32_t uSolve = MaxU32(FaceMeshWorkBytes(iWidth, iHeight, 0), FaceMeshWorkBytes(iHeight, iWidth, 0));
-    const uint32_t uRows = MaxU32(MeshRowTableBytes(iWidth, iHeight), MeshRowTableBytes(iHeight, iWidth));
-    return Align16(MaxU32(uSolve, uRows));
-}
-
-uint32_t LdcMeshWorkOffset(int32_t iWidth, int32_t iHeight)
-{
-    return Align16(MaxU32((uint32_t)GetWorkBufSize(iWidth, iHeight), (uint32_t)GetWorkBufSize(iHeight, iWidth)));
-}
-
-uint32_t LdcMeshWorkBytes(int32_t iWidth, int32_t iHeight)
-{
-    return (uint32_t)LDC_MESH_STATE_BYTES + 2 * MeshBytes(iWidth, iHeight) + ScratchBytes(iWidth, iHeight);
-}
-
-uint32_t LdcWorkBufBytes(const tagST_LDC_PARA *pstPara)
-{
-    const int32_t iW = pstPara->iImgWidth;
-    const int32_t iH = pstPara->iImgHeight;
-    if (pstPara->iFDCMethod != LDC_FDC_MESH) {
-        return (uint32_t)GetWorkBufSize(iW, iH);
-    }
-    return LdcMeshWorkOffset(iW, iH) + LdcMeshWorkBytes(iW, iH);
-}
-
-static uint8_t *MeshPart(const tagST_LDC_PARA *pstPara)
-{
-    return pstPara->pucWorkBuf + LdcMeshWorkOffset(pstPara->iImgWidth, pstPara->iImgHeight);
-}
-
-tagST_MESH_STATE *LdcMeshState(const tagST_LDC_PARA *pstPara)
-{
-    return (tagST_MESH_STATE *)MeshPart(pstPara);
-}
-
-float *LdcMeshSolved(const tagST_LDC_PARA *pstPara)
-{
-    return (float *)(MeshPart(pstPara) + LDC_MESH_STATE_BYTES);
-}
-
-float *LdcMeshShown(const tagST_LDC_PARA *pstPara)
-{
-    return (float *)(MeshPart(pstPara) + LDC_MESH_STATE_BYTES + MeshBytes(pstPara->iImgWidth, pstPara->iImgHeight));
-}
-
-uint8_t *LdcMeshScratch(const tagST_LDC_PARA *pstPara)
-{
-    return MeshPart(pstPara) + LDC_MESH_STATE_BYTES + 2 * MeshBytes(pstPara->iImgWidth, pstPara->iImgHeight);
-}
 
 // The state of a frame of the instance's size and orientation: a track and a mesh of another
 // size or orientation are dropped.
@@ -84,7 +15,7 @@ static tagST_MESH_STATE *FrameState(const tagST_LDC_PARA *pstPara)
     const int32_t iH = pstPara->iImgHeight;
     tagST_MESH_STATE *pstState = LdcMeshState(pstPara);
     if (pstState->iWidth != iW || pstState->iHeight != iH) {
-        const uint32_t uMeshBytes = MeshBytes(iW, iH);
+        const uint32_t uMeshBytes = LdcMeshBytes(iW, iH);
         (void)memset_s(LdcMeshSolved(pstPara), uMeshBytes, 0, uMeshBytes);
         (void)memset_s(LdcMeshShown(pstPara), uMeshBytes, 0, uMeshBytes);
         FaceTrackReset(&pstState->stTrack);
@@ -156,7 +87,7 @@ void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLA
             stIn.pstLines = (const stLine *)pstPara->pucWorkBuf;
         }
         stIn.pfWarmStart = pstState->bWarm ? pfSolved : NULL;
-        iRet = FaceMeshSolve(&stIn, pfSolved, LdcMeshScratch(pstPara), ScratchBytes(iW, iH), &pstPlan->stMeshStats);
+        iRet = FaceMeshSolve(&stIn, pfSolved, LdcMeshScratch(pstPara), LdcMeshScratchBytes(iW, iH), &pstPlan->stMeshStats);
         if (pstPlan->stMeshStats.iRounds > 0) {
             FaceTrackSolved(&pstState->stTrack, stIn.fStrength,
                             iRet == LDC_MESH_OK ? pstPlan->stMeshStats.fStrength : 0.0f);
@@ -167,7 +98,7 @@ void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLA
     if (iRet != LDC_MESH_OK) {
         // The solve zeroed its mesh and the frame shows the lens alone: the next mesh shown
         // follows from there, a bounded step at a time.
-        const uint32_t uMeshBytes = MeshBytes(iW, iH);
+        const uint32_t uMeshBytes = LdcMeshBytes(iW, iH);
         (void)memset_s(pfShown, uMeshBytes, 0, uMeshBytes);
         LdcLog(LDC_LOG_ERROR, "The face mesh failed (%d), only the lens is corrected!\n", iRet);
         pstPlan->eRefusal = LDC_REFUSAL_MESH;
@@ -177,7 +108,7 @@ void PlanFaceMesh(tagST_LDC_PARA *pstPara, const uint8_t *pucLuma, tagST_LDC_PLA
     if (pstState->bShown) {
         pstPlan->fMeshStep = FaceMeshFollow(&pstPlan->stMeshGrid, pfSolved, pfShown, FaceMeshStepBound(iW, iH));
     } else {
-        (void)memcpy_s(pfShown, MeshBytes(iW, iH), pfSolved, FaceMeshBytes(iW, iH, 0));
+        (void)memcpy_s(pfShown, LdcMeshBytes(iW, iH), pfSolved, FaceMeshBytes(iW, iH, 0));
         pstState->bShown = 1;
     }
     LdcLog(LDC_LOG_INFO, "The face mesh corrects %d faces at strength %.2f in %d iterations\n", iTracked,

@@ -17,7 +17,7 @@
 //      LDC_WORK_SCRATCH_OFFSET(W, H)       LDC_WORKBUF_RESERVE bytes of scratch, taken in turn by
 //                                          the remap's column table, the homography fit and the
 //                                          warp's column table
-// 3. With FDCMethod 1 only, behind both parts (LdcMeshWorkOffset, interface/ldc_mesh.h), kept
+// 3. With FDCMethod 1 only, behind both parts (LdcMeshWorkOffset, interface/ldc_workbuf.h), kept
 //    from frame to frame:
 //      +0                                  tagST_MESH_STATE: the frame size the rest belongs to
 //                                          and the face track

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "config/xml_parser.h"
-#include "interface/ldc_lifecycle.h"
+#include "interface/ldc_workbuf.h"
 #include "interface/ldc_mesh.h"
 #include "records/ldc_para.h"
 #include "support/harness.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "interface/ldc_lifecycle.h"
+#include "interface/ldc_workbuf.h"
 #include "linedetect/line_detect.h"
 #include "linedetect/svm.h"
 #include "support/harness.h"

@@ -19,6 +19,14 @@ mkdir -p "$W"
   --quiet >"$W/out" 2>"$W/progress"
 python3 "$HERE/qvldc_report_check.py" "$W/report/batch.html" "$W/pictures/summary.csv" 50
 
+# Each dump is a capture of its own: the last frame alone gives the picture it gave in the batch
+# (a face mesh must not carry over from the frame before); with --stream it may.
+last=$(cd "$W/scene/dumps" && ls -- *_org.yuv | sort | tail -n 1)
+mkdir -p "$W/alone"
+cp -- "$W/scene/dumps/$last" "$W/alone/"
+"$Q" --batch "$W/alone" --config "$CONFIG" --out-dir "$W/alone_out" --quiet >/dev/null 2>&1
+cmp -- "$W/pictures/${last%.yuv}_after.png" "$W/alone_out/${last%.yuv}_after.png"
+
 lines=$(grep -c '; [0-9]*/50, [0-9.]* frames/s, [0-9]*:[0-9][0-9] left$' "$W/progress" || true)
 if [ "$lines" != 50 ]; then
   echo "expected 50 plain progress lines with rate and time left, found $lines:"

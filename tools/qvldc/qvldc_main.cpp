@@ -401,8 +401,14 @@ bool RunBatchFrame(const tagST_QV_OPTIONS &stOpt, const std::string &strName, Ba
         pstRun->vstrSkipped.push_back(strName + ": " + strError);
         return false;
     }
-    // One instance for the whole run: Process re-reads the configuration itself when the
-    // size changes, as it does on the phone.
+    // A capture of its own on a fresh instance: with the face mesh an instance carries the last
+    // frame's mesh and eases into a new scene, which unrelated dumps must not inherit. With
+    // --stream one instance takes every frame, as on the phone (a size change re-reads the
+    // configuration, the mesh follows).
+    if (pstRun->pHandle != NULL && !stOpt.bStream) {
+        DeleteInstance(pstRun->pHandle, 1);
+        pstRun->pHandle = NULL;
+    }
     if (pstRun->pHandle == NULL && CreateInstance(stOpt, stIn.iWidth, stIn.iHeight, &pstRun->pHandle) != LDC_OK) {
         pstRun->vstrSkipped.push_back(strName + ": IQV_LDC_Create failed");
         return false;

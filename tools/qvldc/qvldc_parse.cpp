@@ -381,6 +381,7 @@ const char *UsageText()
 "\n"
 "A directory of frames dumped by the library (persist.camera.zb5qu.qvldc.yuv=1):\n"
 "  qvldc --batch DIR --config FILE [--size WxH] [--format F] [--out-dir DIR] [--report FILE]\n"
+"              [--stream]\n"
 "    Processes every *_org.yuv; faces and ISO come from the file names, the size from --size\n"
 "    or from the file length and the configuration's profiles. Writes <name>_after.png,\n"
 "    <name>_overlay.png and summary.csv into --out-dir (default DIR/qvldc). Entries that are\n"
@@ -393,6 +394,10 @@ const char *UsageText()
 "                        the others in --out-dir), the decision and why, the faces, the lines\n"
 "                        the line check judged and the warnings; sortable by column, refused\n"
 "                        corrections and losses near the budget marked\n"
+"  --stream              the frames are one stream, in name order: one instance for all of them,\n"
+"                        as in a preview (a size change re-reads the configuration; the face\n"
+"                        mesh follows from frame to frame). Without it every frame is a capture\n"
+"                        of its own, on a fresh instance\n"
 "\n"
 "The project's sample scene (two faces near the border, straight architecture, recorded\n"
 "through the configured lens):\n"
@@ -587,6 +592,7 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     stOpt.iISO = 100;
     stOpt.bDetectFaces = 0;
     stOpt.bQuiet = 0;
+    stOpt.bStream = 0;
     stOpt.stBoard = {0, 0};
     stOpt.dSquare = 0.0;
     stOpt.iPngWidth = 0;
@@ -617,6 +623,10 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
         }
         if (strArg == "--quiet") {
             stOpt.bQuiet = 1;
+            continue;
+        }
+        if (strArg == "--stream") {
+            stOpt.bStream = 1;
             continue;
         }
         if (strArg.compare(0, 2, "--") != 0) {
@@ -737,6 +747,10 @@ bool ParseOptions(int iArgc, const char *const *ppcArgv, tagST_QV_OPTIONS *pstOp
     }
     if (!stOpt.strReport.empty() && stOpt.eMode != QV_MODE_BATCH) {
         *pstrError = "--report goes with --batch";
+        return false;
+    }
+    if (stOpt.bStream && stOpt.eMode != QV_MODE_BATCH) {
+        *pstrError = "--stream goes with --batch";
         return false;
     }
     if (stOpt.iSampleFrames > 0 && stOpt.eMode != QV_MODE_RENDER) {

@@ -54,6 +54,7 @@ typedef struct tagST_QV_OPTIONS {
     std::string strOverlayPng;
     std::string strOutDir;        // batch and render outputs
     int32_t bQuiet;               // keep the library's log to the summary
+    int32_t bStream;              // --batch: one instance for every frame, as a preview stream
     tagST_QV_SIZE stBoard;        // --calibrate: inner corners of the chessboard, columns x rows
     double dSquare;               // --calibrate: side of a square (0: not given)
     std::string strProfileOut;    // --calibrate: where the profile block goes

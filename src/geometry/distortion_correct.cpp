@@ -45,35 +45,12 @@ static int32_t RunDistortionCorrect(int32_t iPlanar, tagST_LDC_PARA *pstPara, ui
     const int32_t *piArea = bLens ? pstPara->aiLDCArea : pstPara->aiGlobalFDCArea;
     tagST_RADIAL_MODEL stModel;
     GetRadialModel(pstPara, bLens, &stModel);
-    uint8_t *pucColumns = pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH);
-    const int32_t iCols = piArea[2] + 1 - piArea[0];
-    if (iCols > 0) {
-        // An empty rectangle (a collapsed valid area) has no columns.
-        ResampleFillColumns(pucColumns, piArea[0], (iCols + RESAMPLE_GROUP_COLS - 1) / RESAMPLE_GROUP_COLS);
-    }
     tagST_RESAMPLE_JOB stJob;
-    (void)memset_s(&stJob, sizeof(stJob), 0, sizeof(stJob));
-    tagST_RESAMPLE_PLANES *pstPlanes = &stJob.stPlanes;
-    pstPlanes->pucSrcY = ppucSrc[0];
-    pstPlanes->pucSrcU = ppucSrc[1];
-    pstPlanes->pucSrcV = ppucSrc[2];
-    pstPlanes->pucDstY = ppucDst[0];
-    pstPlanes->pucDstU = ppucDst[1];
-    pstPlanes->pucDstV = ppucDst[2];
-    pstPlanes->iWidth = iW;
-    pstPlanes->iHeight = iH;
-    pstPlanes->bPlanar = iPlanar ? 1 : 0;
-    pstPlanes->iChromaRowWidth = iW;   // also for a planar frame of odd width: its rows as they always were
-    stJob.iLeft = piArea[0];
-    stJob.iTop = piArea[1];
-    stJob.iCols = iCols;
-    stJob.iRows = piArea[3] + 1 - piArea[1];
-    stJob.pucColumns = pucColumns;
+    ResampleAreaJob(iPlanar, iW, iH, ppucSrc, ppucDst, piArea, pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH),
+                    pstPara->aiThreadState, pstPara->aiThreadMask, &stJob);
     stJob.pStage = &stModel;
     stJob.pfnGroups = bNeon ? DistortionMapGroups_neon : DistortionMapGroups;
     stJob.pfnTail = DistortionMapTail;
-    stJob.piThreadState = pstPara->aiThreadState;
-    stJob.piThreadMask = pstPara->aiThreadMask;
     return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
 }
 

@@ -2,6 +2,7 @@
 // floats are those of DistortionMapGroups.
 #include "geometry/distortion_correct.h"
 #include "geometry/lens_model.h"
+#include "geometry/lens_model_neon.h"
 
 void DistortionMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
                               const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
@@ -21,10 +22,7 @@ void DistortionMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, in
         // The table is read as bytes: its offset in the working buffer follows the frame size.
         const float32x4_t vDx = vsubq_f32(vreinterpretq_f32_u8(vld1q_u8(pucColumns)), vCx);
         const float32x4_t vR2 = vaddq_f32(vmulq_f32(vDx, vDx), vR2y);
-        const float32x4_t vR4 = vmulq_f32(vR2, vR2);
-        const float32x4_t vR6 = vmulq_f32(vR4, vR2);
-        const float32x4_t vF = vaddq_f32(
-            vaddq_f32(vmulq_f32(vC1, vR2), vaddq_f32(vmulq_f32(vC2, vR4), vmulq_f32(vC3, vR6))), vdupq_n_f32(1.0f));
+        const float32x4_t vF = RadialFactorGroupedQ(vC1, vC2, vC3, vR2);
         vst1q_f32(pstPos[g].afX, vaddq_f32(vmulq_f32(vF, vDx), vCx));
         vst1q_f32(pstPos[g].afY, vaddq_f32(vmulq_f32(vF, vDy), vCy));
     }

@@ -120,34 +120,13 @@ static int32_t RunMeshRemap(int32_t iPlanar, tagST_LDC_PARA *pstPara, const floa
     FaceMeshGrid(iW, iH, 0, &stMesh.stGrid);
     MeshFillRows(&stMesh.stGrid, pfMesh, iH, (float *)pucRowTable);
     stMesh.pfRows = (const float *)pucRowTable;
-    uint8_t *pucColumns = pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH);
-    const int32_t iCols = piArea[2] + 1 - piArea[0];
-    if (iCols > 0) {
-        ResampleFillColumns(pucColumns, piArea[0], (iCols + RESAMPLE_GROUP_COLS - 1) / RESAMPLE_GROUP_COLS);
-    }
+    // The remap's job over the same rectangle, so that a zero mesh gives its bytes.
     tagST_RESAMPLE_JOB stJob;
-    (void)memset_s(&stJob, sizeof(stJob), 0, sizeof(stJob));
-    tagST_RESAMPLE_PLANES *pstPlanes = &stJob.stPlanes;
-    pstPlanes->pucSrcY = ppucSrc[0];
-    pstPlanes->pucSrcU = ppucSrc[1];
-    pstPlanes->pucSrcV = ppucSrc[2];
-    pstPlanes->pucDstY = ppucDst[0];
-    pstPlanes->pucDstU = ppucDst[1];
-    pstPlanes->pucDstV = ppucDst[2];
-    pstPlanes->iWidth = iW;
-    pstPlanes->iHeight = iH;
-    pstPlanes->bPlanar = iPlanar ? 1 : 0;
-    pstPlanes->iChromaRowWidth = iW;   // the remap's rows, so that a zero mesh gives its bytes
-    stJob.iLeft = piArea[0];
-    stJob.iTop = piArea[1];
-    stJob.iCols = iCols;
-    stJob.iRows = piArea[3] + 1 - piArea[1];
-    stJob.pucColumns = pucColumns;
+    ResampleAreaJob(iPlanar, iW, iH, ppucSrc, ppucDst, piArea, pstPara->pucWorkBuf + LDC_COLUMN_TABLE_OFFSET(iW, iH),
+                    pstPara->aiThreadState, pstPara->aiThreadMask, &stJob);
     stJob.pStage = &stMesh;
     stJob.pfnGroups = bNeon ? MeshMapGroups_neon : MeshMapGroups;
     stJob.pfnTail = MeshMapTail;
-    stJob.piThreadState = pstPara->aiThreadState;
-    stJob.piThreadMask = pstPara->aiThreadMask;
     return bNeon ? ResampleFrame_neon(&stJob) : ResampleFrame(&stJob);
 }
 

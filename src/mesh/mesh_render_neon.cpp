@@ -1,6 +1,7 @@
 // The mesh's positions of four blocks at a time; the floats are those of MeshMapGroups. 32-bit
 // NEON flushes denormal displacements to zero where the plain code keeps them: they vanish
 // against the principal point (at least 1) before anything depends on them.
+#include "geometry/lens_model_neon.h"
 #include "mesh/mesh_render.h"
 
 void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
@@ -50,10 +51,7 @@ void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t 
         const float32x4_t vDx = vsubq_f32(vaddq_f32(vX, vaddq_f32(vLeftX, vmulq_f32(vA, vStepX))), vCx);
         const float32x4_t vDy = vsubq_f32(vaddq_f32(vY, vaddq_f32(vLeftY, vmulq_f32(vA, vStepY))), vCy);
         const float32x4_t vR2 = vaddq_f32(vmulq_f32(vDx, vDx), vmulq_f32(vDy, vDy));
-        const float32x4_t vR4 = vmulq_f32(vR2, vR2);
-        const float32x4_t vR6 = vmulq_f32(vR4, vR2);
-        const float32x4_t vF = vaddq_f32(
-            vaddq_f32(vmulq_f32(vC1, vR2), vaddq_f32(vmulq_f32(vC2, vR4), vmulq_f32(vC3, vR6))), vdupq_n_f32(1.0f));
+        const float32x4_t vF = RadialFactorGroupedQ(vC1, vC2, vC3, vR2);
         vst1q_f32(pstPos[g].afX, vaddq_f32(vmulq_f32(vF, vDx), vCx));
         vst1q_f32(pstPos[g].afY, vaddq_f32(vmulq_f32(vF, vDy), vCy));
     }

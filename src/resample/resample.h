@@ -215,6 +215,14 @@ typedef struct tagST_RESAMPLE_JOB {
 // written bytewise (the table may start at any byte of a working buffer).
 void ResampleFillColumns(uint8_t *pucTable, int32_t iX, int32_t iEntries);
 
+// A job over the rectangle piArea (left, top, right, bottom; inclusive) of a frame of iWidth x
+// iHeight, whose planes are ppucSrc / ppucDst (luma, first chroma, second chroma; iPlanar: three
+// planes, chroma rows iWidth apart as the remap has always read them), with its column table built
+// at pucColumns and the instance's affinity slots; the caller adds the stage and its functions.
+void ResampleAreaJob(int32_t iPlanar, int32_t iWidth, int32_t iHeight, uint8_t *const *ppucSrc,
+                     uint8_t *const *ppucDst, const int32_t *piArea, uint8_t *pucColumns, int32_t *piThreadState,
+                     int32_t *piThreadMask, tagST_RESAMPLE_JOB *pstJob);
+
 // Rows [*piStart, *piEnd) of band iIndex of iCount over iRows rows from iTop: even shares, so that
 // every band starts on a row pair, and the last band takes the remainder.
 void ResampleBandRows(int32_t iTop, int32_t iRows, int32_t iIndex, int32_t iCount, int32_t *piStart,

@@ -25,6 +25,36 @@ void ResampleFillColumns(uint8_t *pucTable, int32_t iX, int32_t iEntries)
     }
 }
 
+void ResampleAreaJob(int32_t iPlanar, int32_t iWidth, int32_t iHeight, uint8_t *const *ppucSrc,
+                     uint8_t *const *ppucDst, const int32_t *piArea, uint8_t *pucColumns, int32_t *piThreadState,
+                     int32_t *piThreadMask, tagST_RESAMPLE_JOB *pstJob)
+{
+    const int32_t iCols = piArea[2] + 1 - piArea[0];
+    if (iCols > 0) {
+        // An empty rectangle (a collapsed valid area) has no columns.
+        ResampleFillColumns(pucColumns, piArea[0], (iCols + RESAMPLE_GROUP_COLS - 1) / RESAMPLE_GROUP_COLS);
+    }
+    (void)memset_s(pstJob, sizeof(*pstJob), 0, sizeof(*pstJob));
+    tagST_RESAMPLE_PLANES *pstPlanes = &pstJob->stPlanes;
+    pstPlanes->pucSrcY = ppucSrc[0];
+    pstPlanes->pucSrcU = ppucSrc[1];
+    pstPlanes->pucSrcV = ppucSrc[2];
+    pstPlanes->pucDstY = ppucDst[0];
+    pstPlanes->pucDstU = ppucDst[1];
+    pstPlanes->pucDstV = ppucDst[2];
+    pstPlanes->iWidth = iWidth;
+    pstPlanes->iHeight = iHeight;
+    pstPlanes->bPlanar = iPlanar ? 1 : 0;
+    pstPlanes->iChromaRowWidth = iWidth;   // also for a planar frame of odd width: its rows as they always were
+    pstJob->iLeft = piArea[0];
+    pstJob->iTop = piArea[1];
+    pstJob->iCols = iCols;
+    pstJob->iRows = piArea[3] + 1 - piArea[1];
+    pstJob->pucColumns = pucColumns;
+    pstJob->piThreadState = piThreadState;
+    pstJob->piThreadMask = piThreadMask;
+}
+
 void ResampleBandRows(int32_t iTop, int32_t iRows, int32_t iIndex, int32_t iCount, int32_t *piStart,
                       int32_t *piEnd)
 {

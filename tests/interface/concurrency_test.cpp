@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "records/ldc_para.h"
+#include "support/harness.h"
 #include "vkt_zb_ldc.h"
 
 namespace {
@@ -37,19 +38,10 @@ const int kResets = 6;   // per cycle, alternating 640 x 480 and 320 x 240; even
 const char *const kConfigs[] = {"encoding_gb2312.xml", "encoding_utf8_bom.xml", "encoding_iso8859_1.xml"};
 const float kDegrees[] = {0.5f, 0.25f, 0.25f};   // what each file says when read in its own encoding
 
-uint64_t Fnv1a(const void *pData, size_t uBytes, uint64_t uHash = 1469598103934665603ull)
-{
-    const uint8_t *puc = static_cast<const uint8_t *>(pData);
-    for (size_t i = 0; i < uBytes; i++) {
-        uHash = (uHash ^ puc[i]) * 1099511628211ull;
-    }
-    return uHash;
-}
-
 // The record as configured, up to its path (then come the working-buffer pointers).
 uint64_t RecordHash(void *pHandle)
 {
-    return Fnv1a(pHandle, offsetof(tagST_LDC_PARA, acCfgPath));
+    return ldc_test::Fnv1a(pHandle, offsetof(tagST_LDC_PARA, acCfgPath));
 }
 
 std::vector<uint8_t> TexturedFrame()
@@ -99,7 +91,7 @@ Outputs Cycles(const std::string &strConfig, const std::vector<uint8_t> &vIn)
             }
             if (r == 0 || r == kResets) {
                 stRun.iBadCalls += IQV_LDC_Process(pHandle, &stInfo, vSrc.data(), vOut.data()) != LDC_OK;
-                stRun.vuHashes.push_back(Fnv1a(vOut.data(), vOut.size()));
+                stRun.vuHashes.push_back(ldc_test::Fnv1a(vOut.data(), vOut.size()));
             }
         }
         stRun.iBadCalls += IQV_LDC_Delete(pHandle) != LDC_OK;

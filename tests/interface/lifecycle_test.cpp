@@ -132,10 +132,17 @@ TEST(Lifecycle, WorkBufSizeCoversAFrameAndTheReserve)
 }
 
 // Refusals of Create: the arguments in order (nothing logged after the head), then the camera
-// matrix of the chosen profile (after the parameter line, cleaned up through Delete).
-TEST(Lifecycle, CreateRefusalsInOrder)
+// matrix of the chosen profile (after the parameter line, cleaned up through Delete). Reset
+// refuses the same sizes and types with the same messages before anything changes, even where
+// the configuration holds a profile of that size.
+TEST(Lifecycle, CreateAndResetRefusalsInOrder)
 {
     const std::string strLimits = TestConfigPath("camera_matrix_limits.xml");
+    CreateArgs stLive(TestConfigPath("oversized_profiles.xml"), 640, 480, LDC_PIC_YUV420);
+    void *pLive = nullptr;
+    ASSERT_EQ(LDC_OK, Create(&pLive, &stLive.stInput).iRet);
+    std::vector<uint8_t> vucBefore(sizeof(tagST_LDC_PARA));
+    memcpy(vucBefore.data(), pLive, vucBefore.size());
     const struct {
         bool bNullHandle, bNullInput, bNullPath;
         int32_t iWidth, iHeight, iType, iRet;
@@ -145,9 +152,10 @@ TEST(Lifecycle, CreateRefusalsInOrder)
         {false, true, true, 0, 0, 9, LDC_ERR_PARAM, "InputPara is NULL!"},
         {false, false, true, 0, 0, 9, LDC_ERR_PARAM, "Config path is NULL!"},
         {false, false, false, 0, 0, 9, LDC_ERR_PARAM, "The width of image (0) should be in [0, 5000]!"},
-        {false, false, false, 5001, 480, 0, LDC_ERR_PARAM, "The width of image (5001) should be in [0, 5000]!"},
+        {false, false, false, 6000, 4000, 0, LDC_ERR_PARAM, "The width of image (6000) should be in [0, 5000]!"},
         {false, false, false, -640, 480, 0, LDC_ERR_PARAM, "The width of image (-640) should be in [0, 5000]!"},
         {false, false, false, 640, 0, 9, LDC_ERR_PARAM, "The height of image (0) should be in [0, 5000]!"},
+        {false, false, false, 4000, 6000, 0, LDC_ERR_PARAM, "The height of image (6000) should be in [0, 5000]!"},
         {false, false, false, 640, 5001, 0, LDC_ERR_PARAM, "The height of image (5001) should be in [0, 5000]!"},
         {false, false, false, 640, 480, -1, LDC_ERR_PARAM, "The type of image (-1) should be 0, 1 or 2!"},
         {false, false, false, 640, 480, 3, LDC_ERR_PARAM, "The type of image (3) should be 0, 1 or 2!"},
@@ -175,7 +183,14 @@ TEST(Lifecycle, CreateRefusalsInOrder)
         EXPECT_EQ(bMatrix ? kCreateHead + Params(strLimits, c.iWidth, c.iHeight) + E(c.pcMessage) + kDeleteTrace
                           : kCreateHead + E(c.pcMessage),
                   stCall.strLog);
+        if (!c.bNullPath && !bMatrix) {
+            const Call stReset = Reset(pLive, &stArgs.stInput);
+            EXPECT_EQ(c.iRet, stReset.iRet) << c.pcMessage;
+            EXPECT_EQ(E(c.pcMessage), stReset.strLog);
+            EXPECT_EQ(0, memcmp(vucBefore.data(), pLive, vucBefore.size())) << c.pcMessage;
+        }
     }
+    EXPECT_EQ(LDC_OK, Delete(pLive).iRet);
 }
 
 TEST(Lifecycle, CreateAndResetLogAndFillAReadyInstance)
@@ -289,33 +304,6 @@ TEST(Lifecycle, UnusableAndHostileConfigPathsFailPromptly)
         unlink(strPath.c_str());
     }
     rmdir(strDir.c_str());
-}
-
-// Reset refuses what Create refuses, with its messages, and before anything changes, even when
-// the configuration holds a profile of that size.
-TEST(Lifecycle, ResetRefusesWhatCreateRefusesAndKeepsTheInstance)
-{
-    CreateArgs stArgs(TestConfigPath("oversized_profiles.xml"), 640, 480, LDC_PIC_YUV420);
-    void *pHandle = nullptr;
-    ASSERT_EQ(LDC_OK, Create(&pHandle, &stArgs.stInput).iRet);
-    std::vector<uint8_t> vucBefore(sizeof(tagST_LDC_PARA));
-    memcpy(vucBefore.data(), pHandle, vucBefore.size());
-    const struct {
-        ST_LDC_INPUT_PARA stInput;
-        const char *pcMessage;
-    } astCases[] = {
-        {{50000, 50000, nullptr, 0}, "The width of image (50000) should be in [0, 5000]!"},
-        {{6000, 4000, nullptr, 1}, "The width of image (6000) should be in [0, 5000]!"},
-        {{4000, 6000, nullptr, 1}, "The height of image (6000) should be in [0, 5000]!"},
-        {{640, 480, nullptr, 3}, "The type of image (3) should be 0, 1 or 2!"},
-    };
-    for (auto c : astCases) {
-        const Call stCall = Reset(pHandle, &c.stInput);
-        EXPECT_EQ(LDC_ERR_PARAM, stCall.iRet) << c.pcMessage;
-        EXPECT_EQ(E(c.pcMessage), stCall.strLog);
-        EXPECT_EQ(0, memcmp(vucBefore.data(), pHandle, vucBefore.size())) << c.pcMessage;
-    }
-    EXPECT_EQ(LDC_OK, Delete(pHandle).iRet);
 }
 
 // A failed Reset keeps the path and the instance's own picture type, not the requested one.

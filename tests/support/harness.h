@@ -36,6 +36,16 @@
 
 namespace ldc_test {
 
+// 64-bit FNV-1a: a golden digest of bytes that every target defines identically.
+inline uint64_t Fnv1a(const void *pData, size_t uBytes, uint64_t uHash = 1469598103934665603ull)
+{
+    const uint8_t *puc = static_cast<const uint8_t *>(pData);
+    for (size_t i = 0; i < uBytes; i++) {
+        uHash = (uHash ^ puc[i]) * 1099511628211ull;
+    }
+    return uHash;
+}
+
 // mt19937's raw output is fixed by the standard (its distributions are not).
 inline std::vector<uint8_t> RandomBytes(size_t uBytes, uint32_t uSeed, uint8_t ucMask = 0xFF)
 {

@@ -241,12 +241,6 @@ TEST(QvldcParse, CommandLine)
         EXPECT_FALSE(Options(stCase.vpcArgs, &stOpt, &strError)) << stCase.pcError;
         EXPECT_NE(std::string::npos, strError.find(stCase.pcError)) << strError;
     }
-    // The help names every option the parser takes.
-    for (const char *pcOption : {"--in", "--batch", "--render-sample", "--config", "--size", "--format", "--iso",
-                                 "--face", "--faces-file", "--detect-faces", "--cascade", "--out-yuv", "--out-png",
-                                 "--before-png", "--overlay", "--out-dir", "--quiet"}) {
-        EXPECT_NE(nullptr, strstr(UsageText(), pcOption)) << pcOption;
-    }
 }
 
 TEST(QvldcParse, LensInverse)

@@ -37,7 +37,11 @@ static const float kFaceInner = 0.8f;          // the pull is full up to this el
 static const float kFaceBand = 0.2f;           // ... and gone this much farther out
 static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
 static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
-static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
+static const float kBendWeight = 2.0f;         // bending near the faces: how far a face's change spreads
+static const float kBendFar = 20.0f;           // bending away from them: the background's lines bend
+                                               // less, and what a face changes spreads wider and flatter
+static const float kBendFarStart = 1.5f;       // the stiffer bending starts this far out (elliptic
+static const float kBendFarBand = 1.0f;        // distance) and is full this much farther
 static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight
 static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
                                                // or grows much, and both gaps stretch alike)
@@ -56,6 +60,7 @@ static const float kFitTolerance = 0.15f;      // how far (share of the radius) 
 static const float kMaxStereo = 0.81f;         // (r_s / 2f)^2 beyond which a face's map is cut off
 static const float kMinAreaRatio = 0.1f;       // a cell may show at most ten times its area
 static const float kStepShare = 0.01f;         // the shown mesh moves 1 % of the longer side a frame at most
+
 
 // One face, in lens-corrected pixels.
 typedef struct tagST_MESH_FACE {
@@ -104,8 +109,7 @@ typedef struct tagST_MESH_LINE {
 
 typedef struct tagST_MESH_SAMPLE {
     int32_t iVertex;   // first vertex of the cell it lies in
-    float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1),
-                       // 0 for those on the frame's edge: held, they take no share of the term
+    float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1)
     float fT;          // position along the segment
     float fAcross;     // scratch: the displacement across the segment
 } tagST_MESH_SAMPLE;
@@ -550,7 +554,7 @@ static void AddSecondDifference(tagST_MESH_LEVEL *pstLevel, int32_t v, int32_t d
 // number of vertices a face reaches. The energy is an integral over the frame: per vertex (its
 // cell's share) the faces' pull toward their targets and the background's toward zero, and the
 // bending w |Hess d|^2 with w = weight * length^4 (second differences over step^2, squared),
-// off inside faces, so that every grid discretises the same energy.
+// off inside faces and stiffer away from them, so that every grid discretises the same energy.
 static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
                               tagST_MESH_LEVEL *pstLevel)
 {
@@ -564,7 +568,7 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     float *pfBend = pstLevel->pfRhs + pstLevel->iMargin;
     const float fLength = LengthScale(pstFaces, iFaces);
     const float fL2 = fLength * fLength * pstGrid->fInvStepX * pstGrid->fInvStepY;
-    const float fBend = kBendWeight * fL2 * fL2;
+    const float fL4 = fL2 * fL2;
     int32_t iReached = 0;
     for (int32_t j = 0; j < iRows; j++) {
         for (int32_t i = 0; i < iCols; i++) {
@@ -579,7 +583,8 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
                 fFace + kBackgroundWeight * SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 0)] = fFace * fTx;
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 1)] = fFace * fTy;
-            pfBend[v] = fBend * (1.0f - fShare);
+            const float fStiff = SmoothStep((fNearest - kBendFarStart) / kBendFarBand);
+            pfBend[v] = fL4 * (1.0f - fShare) * (kBendWeight + fStiff * (kBendFar - kBendWeight));
         }
     }
     for (int32_t j = 0; j < iRows; j++) {
@@ -614,11 +619,31 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     return iReached;
 }
 
-// Whether vertex v lies on the frame's edge (held in place).
-static int32_t OnBorder(const tagST_MESH_GRID *pstGrid, int32_t v)
+// Whether component c (0: x, 1: y) of vertex v is held: the frame's edge keeps its place across
+// the edge (the field of view stays that of lens correction alone) but slides along it, so that a
+// face beside the edge does not pin the background's displacement to zero there (which bent the
+// lines running from it across the frame).
+static int32_t Held(const tagST_MESH_GRID *pstGrid, int32_t v, int32_t c)
 {
-    const int32_t i = v % pstGrid->iCols, j = v / pstGrid->iCols;
-    return i == 0 || j == 0 || i == pstGrid->iCols - 1 || j == pstGrid->iRows - 1;
+    if (c == 0) {
+        const int32_t i = v % pstGrid->iCols;
+        return i == 0 || i == pstGrid->iCols - 1;
+    }
+    const int32_t j = v / pstGrid->iCols;
+    return j == 0 || j == pstGrid->iRows - 1;
+}
+
+// Zeroes the held components of a two-plane vector.
+static void ZeroHeld(const tagST_MESH_LEVEL *pstLevel, float *pfVector)
+{
+    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
+    float *pfX = pfVector + pstLevel->iMargin, *pfY = pfX + pstLevel->iPlane;
+    for (int32_t j = 0; j < iRows; j++) {
+        pfX[j * iCols] = 0.0f;
+        pfX[j * iCols + iCols - 1] = 0.0f;
+    }
+    memset(pfY, 0, (size_t)iCols * sizeof(float));
+    memset(pfY + (iRows - 1) * iCols, 0, (size_t)iCols * sizeof(float));
 }
 
 // The cell of the output point (fX, fY): its first vertex and the bilinear fractions.
@@ -682,11 +707,10 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
             float fA, fB;
             const int32_t v = CellOf(pstGrid, fX, fY, &fA, &fB);
-            const float afW[4] = {(1.0f - fA) * (1.0f - fB), fA * (1.0f - fB), (1.0f - fA) * fB, fA * fB};
-            const int32_t aiV[4] = {v, v + 1, v + pstGrid->iCols, v + pstGrid->iCols + 1};
-            for (int32_t n = 0; n < 4; n++) {
-                pstSample->afW[n] = OnBorder(pstGrid, aiV[n]) ? 0.0f : afW[n];
-            }
+            pstSample->afW[0] = (1.0f - fA) * (1.0f - fB);
+            pstSample->afW[1] = fA * (1.0f - fB);
+            pstSample->afW[2] = (1.0f - fA) * fB;
+            pstSample->afW[3] = fA * fB;
             pstSample->iVertex = v;
             pstSample->fT = fT * fLen;
             fSumT += pstSample->fT;
@@ -760,8 +784,8 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 if (!*pucCorner || pstLevel->iFolds >= LDC_MESH_MAX_FOLD_TERMS) {
                     continue;
                 }
-                // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the frame's
-                // edge is held, so its vertices take no share.
+                // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the held
+                // components take no share.
                 tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[pstLevel->iFolds++];
                 memset(pstTerm, 0, sizeof(*pstTerm));
                 int32_t iCount = 0;
@@ -777,9 +801,10 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                     fGx0 += pstTerm->afCoef[n] * pstLevel->pfX[pstTerm->aiIndex[n]];
                 }
                 pstTerm->fRhs = fGx0 + fRoot * (kFoldFloor - fRatio);
-                for (int32_t n = 0; n < iCount; n += 2) {
-                    if (OnBorder(pstGrid, pstTerm->aiIndex[n] - pstLevel->iMargin)) {
-                        pstTerm->afCoef[n] = pstTerm->afCoef[n + 1] = 0.0f;
+                for (int32_t n = 0; n < iCount; n++) {
+                    const int32_t c = n & 1;
+                    if (Held(pstGrid, pstTerm->aiIndex[n] - c * pstLevel->iPlane - pstLevel->iMargin, c)) {
+                        pstTerm->afCoef[n] = 0.0f;
                     }
                 }
             }
@@ -788,7 +813,7 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     return fMin;
 }
 
-// One row of the 13-point stencil: y = C x + the couplings to the two neighbours each way along
+// The 13-point stencil over a run of vertices: y = C x + the couplings to the two neighbours each way along
 // the row, the column and the diagonals (each coupling stored once, at its first vertex).
 static void StencilRow(const float *const *apfRow, const float *__restrict pfX, float *__restrict pfY, int32_t iC,
                        int32_t iN)
@@ -806,24 +831,15 @@ static void StencilRow(const float *const *apfRow, const float *__restrict pfX, 
     }
 }
 
-// pfOut = A pfIn. The frame's edge is held: its vertices' rows are never written (they stay
-// zero) and their values (zero) take no part.
+// pfOut = A pfIn over every vertex (the margins hold the stencil's reads beyond the frame), the
+// held components zeroed: their values (zero) take no part and their rows stay zero.
 static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfIn,
                         float *pfOut)
 {
-    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
-    const int32_t iN = iCols - 2, iC = iCols;
+    const int32_t iC = pstLevel->stGrid.iCols;
     for (int32_t c = 0; c < 2; c++) {
-        const float *pfX = pfIn + c * pstLevel->iPlane + pstLevel->iMargin;
-        float *pfY = pfOut + c * pstLevel->iPlane + pstLevel->iMargin;
-        for (int32_t j = 1; j < iRows - 1; j++) {
-            const int32_t v = j * iCols + 1;
-            const float *apfRow[LDC_MESH_STENCIL];
-            for (int32_t k = 0; k < LDC_MESH_STENCIL; k++) {
-                apfRow[k] = pstLevel->apfStencil[k] + v;
-            }
-            StencilRow(apfRow, pfX + v, pfY + v, iCols, iN);
-        }
+        StencilRow(pstLevel->apfStencil, pfIn + c * pstLevel->iPlane + pstLevel->iMargin,
+                   pfOut + c * pstLevel->iPlane + pstLevel->iMargin, iC, pstLevel->iVertices);
     }
     // Lines: W S^T (I - H) S, S the samples' bilinear reads across the line, H its affine fit.
     const float *pfInX = pfIn + pstLevel->iMargin, *pfInY = pfInX + pstLevel->iPlane;
@@ -866,11 +882,12 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
             pfOut[pstTerm->aiIndex[k]] += fR * pstTerm->afCoef[k];
         }
     }
+    ZeroHeld(pstLevel, pfOut);
 }
 
 // The preconditioner and smoother: the inverse of each row's l1 norm |a_ii| + sum |a_ij| (for the
 // line terms, that of W S^T S, which bounds them), so that Jacobi sweeps converge whatever the
-// terms couple; and the right-hand side with the fold terms' share. Zero on the frame's edge.
+// terms couple; and the right-hand side with the fold terms' share. Zero for held components.
 static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples)
 {
     const int32_t iC = pstLevel->stGrid.iCols;
@@ -911,8 +928,8 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
         }
     }
     for (int32_t v = 0; v < pstLevel->iVertices; v++) {
-        const int32_t bHeld = OnBorder(&pstLevel->stGrid, v);
         for (int32_t c = 0; c < 2; c++) {
+            const int32_t bHeld = Held(&pstLevel->stGrid, v, c);
             const int32_t n = Unknown(pstLevel, v, c);
             pstLevel->pfDiagInv[n] = !bHeld && pstLevel->pfDiagInv[n] > 0.0f ? 1.0f / pstLevel->pfDiagInv[n] : 0.0f;
             pstLevel->pfRhs[n] = bHeld ? 0.0f : pstLevel->pfRhs[n];
@@ -970,7 +987,8 @@ static void BuildTransfer(tagST_MESH_LEVEL *pstFine, const tagST_MESH_LEVEL *pst
     }
 }
 
-// pfFine (+)= P pfCoarse: bilinear prolongation; the frame's edge stays zero.
+// pfFine (+)= P pfCoarse: bilinear prolongation; held components stay zero (both grids span the
+// frame, so they are held on both).
 static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoarse, const tagST_MESH_LEVEL *pstFine,
                           float *pfFine, int32_t bAdd)
 {
@@ -978,8 +996,8 @@ static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoar
     for (int32_t c = 0; c < 2; c++) {
         const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
         float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
-        for (int32_t j = 1; j + 1 < pstFine->stGrid.iRows; j++) {
-            for (int32_t i = 1; i + 1 < pstFine->stGrid.iCols; i++) {
+        for (int32_t j = 0; j < pstFine->stGrid.iRows; j++) {
+            for (int32_t i = 0; i < pstFine->stGrid.iCols; i++) {
                 const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
                 const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
                 const float f0 = pfC[n] + fA * (pfC[n + 1] - pfC[n]);
@@ -989,10 +1007,11 @@ static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoar
             }
         }
     }
+    ZeroHeld(pstFine, pfFine);
 }
 
 // pfCoarse = P^T pfFine times the ratio of the cell areas: every level's system is an energy per
-// area, so the coarse one stands for P^T A P over that ratio. The frame's edge stays zero.
+// area, so the coarse one stands for P^T A P over that ratio. Held components stay zero.
 static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine, const tagST_MESH_LEVEL *pstCoarse,
                            float *pfCoarse)
 {
@@ -1003,8 +1022,8 @@ static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine,
     for (int32_t c = 0; c < 2; c++) {
         const float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
         float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
-        for (int32_t j = 1; j + 1 < pstF->iRows; j++) {
-            for (int32_t i = 1; i + 1 < pstF->iCols; i++) {
+        for (int32_t j = 0; j < pstF->iRows; j++) {
+            for (int32_t i = 0; i < pstF->iCols; i++) {
                 const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
                 const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
                 const float fV = fRatio * pfF[j * pstF->iCols + i];
@@ -1014,10 +1033,8 @@ static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine,
                 pfC[n + iCc + 1] += fA * fB * fV;
             }
         }
-        for (int32_t v = 0; v < pstCoarse->iVertices; v++) {
-            pfC[v] = OnBorder(pstC, v) ? 0.0f : pfC[v];
-        }
     }
+    ZeroHeld(pstCoarse, pfCoarse);
 }
 
 static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t iLevel,
@@ -1296,10 +1313,10 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         // has the detail to add).
         if (pfStart != NULL) {
             for (int32_t v = 0; v < iV; v++) {
-                const int32_t bHeld = OnBorder(&pstFine->stGrid, v);
-                pstFine->pfX[Unknown(pstFine, v, 0)] = bHeld ? 0.0f : pfStart[2 * v];
-                pstFine->pfX[Unknown(pstFine, v, 1)] = bHeld ? 0.0f : pfStart[2 * v + 1];
+                pstFine->pfX[Unknown(pstFine, v, 0)] = pfStart[2 * v];
+                pstFine->pfX[Unknown(pstFine, v, 1)] = pfStart[2 * v + 1];
             }
+            ZeroHeld(pstFine, pstFine->pfX);
         } else {
             memset(astLevels[iLevels - 1].pfX, 0, 2u * (uint32_t)astLevels[iLevels - 1].iPlane * sizeof(float));
             for (int32_t l = iLevels - 1; l > 0; l--) {

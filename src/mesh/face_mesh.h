@@ -12,11 +12,14 @@
 //                frees is shared by the gaps to the frame's edge on both sides;
 //   background:  from a face radius beyond each face the displacement is pulled to zero
 //                (perspective, straight lines);
-//   smoothness:  neighbouring vertices bend alike, except inside faces;
+//   smoothness:  neighbouring vertices bend alike, except inside faces, and stiffly beyond a face
+//                radius and a half around each face (the background's lines stay straight, what
+//                a face changes spreads wide and flat);
 //   lines:       along each given straight segment, outside the faces, the displacement
 //                across the segment stays affine, so the segment stays straight;
 //   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
-// with the frame's edge held in place, so that the output keeps the lens-only field of view. All
+// with the frame's edge held in place across it (free to slide along it), so that the output
+// keeps the lens-only field of view. All
 // weights are measured in the smallest face's radius, so the balance is the same at every frame
 // and grid size. The normal equations are solved by conjugate gradients preconditioned with a
 // multigrid V-cycle, from a warm start or from the cascade of coarser grids, single-threaded in a

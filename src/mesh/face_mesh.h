@@ -3,8 +3,9 @@
 // 2 x 2 block's source position as the lens model applied to the block's position plus the mesh
 // displacement there (FaceMeshDisplacement); a zero mesh is lens correction alone.
 //
-// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (64
-// cells along the longer side by default, at every frame size), row-major and interleaved. It is
+// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (by
+// default a cell per 40 pixels of the longer side, 64 to 128 cells: 100 at 4000 x 3000, 64 at a
+// preview, whose faces then still span a few cells), row-major and interleaved. It is
 // the least-squares solution of
 //   faces:       each widened face's region follows a similarity of its stereographic image that
 //                keeps a size between the face's tangential and radial ones and takes its radial

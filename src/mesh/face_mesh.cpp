@@ -11,7 +11,8 @@
                                         // many cells a face spans (at 640 x 480, 32 cells left the
                                         // border face at 0.95 instead of 0.98 round at 120 degrees) ...
 #define LDC_MESH_DEFAULT_MAX_CELLS 128  // ... and the largest frames no more (bounds the solve's time)
-#define LDC_MESH_MIN_CELLS 8         // the coarsest level of the cascade has at least this many
+#define LDC_MESH_MIN_CELLS 4         // the coarsest level of the cascade has at least this many (its
+                                     // solve by conjugate gradients then takes few iterations of few vertices)
 #define LDC_MESH_MAX_CELLS 256
 #define LDC_MESH_MAX_LEVELS 6
 #define LDC_MESH_MAX_ITERATIONS 100  // per conjugate-gradient solve on the finest grid
@@ -23,7 +24,8 @@
 #define LDC_MESH_START_TOLERANCE 1e-2     // the coarser grids only give the finest its start
 #define LDC_MESH_COARSEST_TOLERANCE 1e-3  // the V-cycle's solve on its coarsest grid
 #define LDC_MESH_LENS_STEPS 12       // Newton steps of the inverse lens model
-#define LDC_MESH_SAMPLES_PER_CELL 1  // line-term samples per cell along a segment
+#define LDC_MESH_LINE_SAMPLES 64     // line-term samples along a segment as long as the frame's longer
+                                     // side, at most one a cell: finer grids then cost no more for them
 #define LDC_MESH_SCAN_SEGMENTS 1024  // segments looked at for the line term, the longest taken first
 #define LDC_MESH_MAX_SAMPLES 16384   // line-term samples over all levels
 #define LDC_MESH_FIT_STEPS 12        // bisection steps of a crowded face's strength
@@ -667,9 +669,9 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
 }
 
 // Line terms: the longest segments, each taken to corrected pixels (where it is straight) and
-// sampled once a cell. Samples inside a face's pull are left out (the face's map wins there);
-// the rest of the segment, on both sides of a face it passes, stays on one line, so a building's
-// edge right beside a face stays straight.
+// sampled once a cell (on fine grids less often: LDC_MESH_LINE_SAMPLES). Samples inside a face's
+// pull are left out (the face's map wins there); the rest of the segment, on both sides of a face
+// it passes, stays on one line, so a building's edge right beside a face stays straight.
 // The energy is weight * length * the integral along the segment of (d . n - its best affine
 // fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
 // line. Returns the samples used.
@@ -680,8 +682,9 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
     pstLevel->iLines = 0;
     const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
-    const float fSpacing = (pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY) /
-                           (float)LDC_MESH_SAMPLES_PER_CELL;
+    const float fStep = pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY;
+    const float fLong = (float)(pstIn->iWidth > pstIn->iHeight ? pstIn->iWidth : pstIn->iHeight);
+    const float fSpacing = fStep > fLong / (float)LDC_MESH_LINE_SAMPLES ? fStep : fLong / (float)LDC_MESH_LINE_SAMPLES;
     pstLevel->fLineWeight =
         kLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
     int32_t iUsed = 0;

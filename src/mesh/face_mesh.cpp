@@ -49,7 +49,11 @@ static const float kBendFar = 20.0f;           // bending away from them: the ba
                                                // less, and what a face changes spreads wider and flatter
 static const float kBendFarStart = 1.5f;       // the stiffer bending starts this far out (elliptic
 static const float kBendFarBand = 1.0f;        // distance) and is full this much farther
-static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight
+static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight ...
+static const float kLineFadeStart = 1.5f;      // ... nothing within this elliptic distance of a face ...
+static const float kLineFadeBand = 1.5f;       // ... and full this much farther out: segments beside a
+                                               // face leave its surroundings to it (a border face stays
+                                               // round, 0.986 instead of 0.93 at 120 degrees)
 static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
                                                // or grows much, and both gaps stretch alike)
 static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
@@ -110,14 +114,16 @@ typedef struct tagST_MESH_LINE {
     int32_t iCount;
     float fNx;         // unit normal
     float fNy;
-    float fMeanT;      // mean and spread of the samples' positions along it
-    float fSpreadT;    // sum of (t - mean)^2
+    float fMeanT;      // weighted mean and spread of the samples' positions along it
+    float fSpreadT;    // sum of w (t - mean)^2
+    float fWeightSum;  // sum of the samples' weights
 } tagST_MESH_LINE;
 
 typedef struct tagST_MESH_SAMPLE {
     int32_t iVertex;   // first vertex of the cell it lies in
     float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1)
     float fT;          // position along the segment
+    float fWeight;     // 0..1: the term fades toward the faces
     float fAcross;     // scratch: the displacement across the segment
 } tagST_MESH_SAMPLE;
 
@@ -669,9 +675,9 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
 }
 
 // Line terms: the longest segments, each taken to corrected pixels (where it is straight) and
-// sampled once a cell (on fine grids less often: LDC_MESH_LINE_SAMPLES). Samples inside a face's
-// pull are left out (the face's map wins there); the rest of the segment, on both sides of a face
-// it passes, stays on one line, so a building's edge right beside a face stays straight.
+// sampled once a cell (on fine grids less often: LDC_MESH_LINE_SAMPLES). Near a face the samples
+// weigh less and within kLineFadeStart of it nothing (the face's map wins there); the rest of
+// the segment, on both sides of a face it passes, stays on one line.
 // The energy is weight * length * the integral along the segment of (d . n - its best affine
 // fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
 // line. Returns the samples used.
@@ -704,7 +710,7 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
         pstLine->iCount = 0;
         pstLine->fNx = -(fY1 - fY0) / fLen;
         pstLine->fNy = (fX1 - fX0) / fLen;
-        float fSumT = 0.0f;
+        float fSumT = 0.0f, fSumW = 0.0f;
         for (int32_t s = 0; s <= iSteps && iUsed < iRoom; s++) {
             const float fT = (float)s / (float)iSteps;
             const float fX = fX0 + fT * (fX1 - fX0), fY = fY0 + fT * (fY1 - fY0);
@@ -712,7 +718,9 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
                 continue;
             }
-            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+            FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest);
+            const float fWeight = SmoothStep((fNearest - kLineFadeStart) / kLineFadeBand);
+            if (!(fWeight > 0.0f)) {
                 continue;
             }
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
@@ -724,19 +732,26 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             pstSample->afW[3] = fA * fB;
             pstSample->iVertex = v;
             pstSample->fT = fT * fLen;
-            fSumT += pstSample->fT;
+            pstSample->fWeight = fWeight;
+            fSumT += fWeight * pstSample->fT;
+            fSumW += fWeight;
             pstLine->iCount++;
         }
         if (pstLine->iCount < 3) {
             iUsed -= pstLine->iCount;   // too few samples left to bend
             continue;
         }
-        pstLine->fMeanT = fSumT / (float)pstLine->iCount;
+        pstLine->fMeanT = fSumT / fSumW;
+        pstLine->fWeightSum = fSumW;
         float fSpread = 0.0f;
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             tagST_MESH_SAMPLE *pstSample = &pstSamples[pstLine->iFirst + k];
             pstSample->fT -= pstLine->fMeanT;
-            fSpread += pstSample->fT * pstSample->fT;
+            fSpread += pstSample->fWeight * pstSample->fT * pstSample->fT;
+        }
+        if (!(fSpread > 0.0f)) {
+            iUsed -= pstLine->iCount;
+            continue;
         }
         pstLine->fSpreadT = fSpread;
         pstLevel->iLines++;
@@ -854,7 +869,8 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
     const int32_t iC = pstLevel->stGrid.iCols;
     ApplyStencil(pstLevel->apfStencil, pfIn + pstLevel->iMargin, pfIn + pstLevel->iPlane + pstLevel->iMargin,
                  pfOut + pstLevel->iMargin, pfOut + pstLevel->iPlane + pstLevel->iMargin, iC, pstLevel->iVertices);
-    // Lines: W S^T (I - H) S, S the samples' bilinear reads across the line, H its affine fit.
+    // Lines: W S^T D (I - H) S, S the samples' bilinear reads across the line, D their weights, H
+    // their weighted affine fit.
     const float *pfInX = pfIn + pstLevel->iMargin, *pfInY = pfInX + pstLevel->iPlane;
     float *pfOutX = pfOut + pstLevel->iMargin, *pfOutY = pfOutX + pstLevel->iPlane;
     for (int32_t l = 0; l < pstLevel->iLines; l++) {
@@ -869,14 +885,14 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
             const float fY = (pfW[0] * pfInY[v] + pfW[1] * pfInY[v + 1]) + (pfW[2] * pfInY[v + iC] + pfW[3] * pfInY[v + iC + 1]);
             const float fAcross = pstLine->fNx * fX + pstLine->fNy * fY;
             ((tagST_MESH_SAMPLE *)pstS)->fAcross = fAcross;
-            fSum += fAcross;
-            fSumT += pstS->fT * fAcross;
+            fSum += pstS->fWeight * fAcross;
+            fSumT += pstS->fWeight * pstS->fT * fAcross;
         }
-        const float fMean = fSum / (float)pstLine->iCount, fSlope = fSumT / pstLine->fSpreadT;
+        const float fMean = fSum / pstLine->fWeightSum, fSlope = fSumT / pstLine->fSpreadT;
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
             const int32_t v = pstS->iVertex;
-            const float fE = pstLevel->fLineWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
+            const float fE = pstLevel->fLineWeight * pstS->fWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
             const float fEx = fE * pstLine->fNx, fEy = fE * pstLine->fNy;
             const int32_t aiV[4] = {v, v + 1, v + iC, v + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
@@ -922,7 +938,7 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
             const float *afW = pstS->afW;
             const int32_t aiV[4] = {pstS->iVertex, pstS->iVertex + 1, pstS->iVertex + iC, pstS->iVertex + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
-                const float fW = pstLevel->fLineWeight * afW[n] * (fNx + fNy);
+                const float fW = pstLevel->fLineWeight * pstS->fWeight * afW[n] * (fNx + fNy);
                 pfDiagX[aiV[n]] += fW * fNx;
                 pfDiagY[aiV[n]] += fW * fNy;
             }

@@ -16,8 +16,8 @@
 //   smoothness:  neighbouring vertices bend alike, except inside faces, and stiffly beyond a face
 //                radius and a half around each face (the background's lines stay straight, what
 //                a face changes spreads wide and flat);
-//   lines:       along each given straight segment, outside the faces, the displacement
-//                across the segment stays affine, so the segment stays straight;
+//   lines:       along each given straight segment, fading out toward the faces, the
+//                displacement across the segment stays affine, so the segment stays straight;
 //   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
 // with the frame's edge held in place across it (free to slide along it), so that the output
 // keeps the lens-only field of view. All

@@ -6,19 +6,26 @@
 
 #include "vkt_zb_ldc.h"   // LDC_MAX_FACES, LDC_MAX_IMAGE_SIZE
 
-#define LDC_MESH_CELLS 64            // cells along the longer side by default
-#define LDC_MESH_MIN_CELLS 8         // the coarsest level of the cascade has at least this many
+#define LDC_MESH_CELL_PIXELS 40      // by default a cell spans about this many pixels of the longer side ...
+#define LDC_MESH_DEFAULT_MIN_CELLS 64   // ... but a preview keeps this many cells: what matters is how
+                                        // many cells a face spans (at 640 x 480, 32 cells left the
+                                        // border face at 0.95 instead of 0.98 round at 120 degrees) ...
+#define LDC_MESH_DEFAULT_MAX_CELLS 128  // ... and the largest frames no more (bounds the solve's time)
+#define LDC_MESH_MIN_CELLS 4         // the coarsest level of the cascade has at least this many (its
+                                     // solve by conjugate gradients then takes few iterations of few vertices)
 #define LDC_MESH_MAX_CELLS 256
 #define LDC_MESH_MAX_LEVELS 6
 #define LDC_MESH_MAX_ITERATIONS 100  // per conjugate-gradient solve on the finest grid
 #define LDC_MESH_ITERATION_BUDGET 80   // on the finest grid over all rounds: bounds the time whatever
                                        // the input (a still scene takes 10 to 30)
 #define LDC_MESH_START_ITERATIONS 20   // per coarser grid of a cold start's cascade
-#define LDC_MESH_TOLERANCE 1e-4      // relative residual at which a solve stops
+#define LDC_MESH_TOLERANCE 3e-4      // relative residual at which a solve stops (the pictures and steps of 1e-4 to
+                                     // within 0.01 px, in two iterations fewer)
 #define LDC_MESH_START_TOLERANCE 1e-2     // the coarser grids only give the finest its start
 #define LDC_MESH_COARSEST_TOLERANCE 1e-3  // the V-cycle's solve on its coarsest grid
 #define LDC_MESH_LENS_STEPS 12       // Newton steps of the inverse lens model
-#define LDC_MESH_SAMPLES_PER_CELL 1  // line-term samples per cell along a segment
+#define LDC_MESH_LINE_SAMPLES 64     // line-term samples along a segment as long as the frame's longer
+                                     // side, at most one a cell: finer grids then cost no more for them
 #define LDC_MESH_SCAN_SEGMENTS 1024  // segments looked at for the line term, the longest taken first
 #define LDC_MESH_MAX_SAMPLES 16384   // line-term samples over all levels
 #define LDC_MESH_FIT_STEPS 12        // bisection steps of a crowded face's strength
@@ -37,8 +44,16 @@ static const float kFaceInner = 0.8f;          // the pull is full up to this el
 static const float kFaceBand = 0.2f;           // ... and gone this much farther out
 static const float kBackgroundStart = 1.0f;    // the background's pull starts at the face's outline ...
 static const float kBackgroundBand = 1.5f;     // ... and is full this much farther out
-static const float kBendWeight = 5.0f;         // bending: how far a face's change spreads around it
-static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight
+static const float kBendWeight = 2.0f;         // bending near the faces: how far a face's change spreads
+static const float kBendFar = 20.0f;           // bending away from them: the background's lines bend
+                                               // less, and what a face changes spreads wider and flatter
+static const float kBendFarStart = 1.5f;       // the stiffer bending starts this far out (elliptic
+static const float kBendFarBand = 1.0f;        // distance) and is full this much farther
+static const float kLineWeight = 200.0f;       // a straight segment's pull toward staying straight ...
+static const float kLineFadeStart = 1.5f;      // ... nothing within this elliptic distance of a face ...
+static const float kLineFadeBand = 1.5f;       // ... and full this much farther out: segments beside a
+                                               // face leave its surroundings to it (a border face stays
+                                               // round, 0.986 instead of 0.93 at 120 degrees)
 static const float kSizeMix = 0.5f;            // size kept: 0 tangential, 1 radial (no face shrinks
                                                // or grows much, and both gaps stretch alike)
 static const float kEdgeRelease = 0.25f;       // a face lets go within this share of its radius of
@@ -56,6 +71,7 @@ static const float kFitTolerance = 0.15f;      // how far (share of the radius) 
 static const float kMaxStereo = 0.81f;         // (r_s / 2f)^2 beyond which a face's map is cut off
 static const float kMinAreaRatio = 0.1f;       // a cell may show at most ten times its area
 static const float kStepShare = 0.01f;         // the shown mesh moves 1 % of the longer side a frame at most
+
 
 // One face, in lens-corrected pixels.
 typedef struct tagST_MESH_FACE {
@@ -98,15 +114,16 @@ typedef struct tagST_MESH_LINE {
     int32_t iCount;
     float fNx;         // unit normal
     float fNy;
-    float fMeanT;      // mean and spread of the samples' positions along it
-    float fSpreadT;    // sum of (t - mean)^2
+    float fMeanT;      // weighted mean and spread of the samples' positions along it
+    float fSpreadT;    // sum of w (t - mean)^2
+    float fWeightSum;  // sum of the samples' weights
 } tagST_MESH_LINE;
 
 typedef struct tagST_MESH_SAMPLE {
     int32_t iVertex;   // first vertex of the cell it lies in
-    float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1),
-                       // 0 for those on the frame's edge: held, they take no share of the term
+    float afW[4];      // bilinear weights of the cell's corners (x, x + 1, x + cols, x + cols + 1)
     float fT;          // position along the segment
+    float fWeight;     // 0..1: the term fades toward the faces
     float fAcross;     // scratch: the displacement across the segment
 } tagST_MESH_SAMPLE;
 
@@ -166,19 +183,22 @@ static void GridOfCells(int32_t iWidth, int32_t iHeight, int32_t iCellsLong, tag
     pstGrid->fInvStepY = 1.0f / pstGrid->fStepY;
 }
 
-static int32_t CellsOf(int32_t iCells)
+static int32_t CellsOf(int32_t iWidth, int32_t iHeight, int32_t iCells)
 {
     if (iCells <= 0) {
-        iCells = LDC_MESH_CELLS;
+        const int32_t iLong = iWidth > iHeight ? iWidth : iHeight;
+        iCells = (iLong + LDC_MESH_CELL_PIXELS / 2) / LDC_MESH_CELL_PIXELS;
+        iCells = iCells < LDC_MESH_DEFAULT_MIN_CELLS ? LDC_MESH_DEFAULT_MIN_CELLS
+                                                     : (iCells > LDC_MESH_DEFAULT_MAX_CELLS ? LDC_MESH_DEFAULT_MAX_CELLS : iCells);
     }
     return iCells < LDC_MESH_MIN_CELLS ? LDC_MESH_MIN_CELLS : (iCells > LDC_MESH_MAX_CELLS ? LDC_MESH_MAX_CELLS : iCells);
 }
 
 // Cells along the longer side of each level of the cascade, finest first; returns the count.
-static int32_t LevelCells(int32_t iCells, int32_t *piCells)
+static int32_t LevelCells(int32_t iWidth, int32_t iHeight, int32_t iCells, int32_t *piCells)
 {
     int32_t iLevels = 0;
-    int32_t iC = CellsOf(iCells);
+    int32_t iC = CellsOf(iWidth, iHeight, iCells);
     piCells[iLevels++] = iC;
     while (iLevels < LDC_MESH_MAX_LEVELS && (iC + 1) / 2 >= LDC_MESH_MIN_CELLS) {
         iC = (iC + 1) / 2;
@@ -189,7 +209,7 @@ static int32_t LevelCells(int32_t iCells, int32_t *piCells)
 
 void FaceMeshGrid(int32_t iWidth, int32_t iHeight, int32_t iCells, tagST_MESH_GRID *pstGrid)
 {
-    GridOfCells(iWidth, iHeight, CellsOf(iCells), pstGrid);
+    GridOfCells(iWidth, iHeight, CellsOf(iWidth, iHeight, iCells), pstGrid);
 }
 
 static int32_t VertexCount(const tagST_MESH_GRID *pstGrid)
@@ -214,7 +234,7 @@ static uint32_t LevelFloats(const tagST_MESH_GRID *pstGrid)
 uint32_t FaceMeshWorkBytes(int32_t iWidth, int32_t iHeight, int32_t iCells)
 {
     int32_t aiCells[LDC_MESH_MAX_LEVELS];
-    const int32_t iLevels = LevelCells(iCells, aiCells);
+    const int32_t iLevels = LevelCells(iWidth, iHeight, iCells, aiCells);
     uint32_t uFloats = 0;
     for (int32_t l = 0; l < iLevels; l++) {
         tagST_MESH_GRID stGrid;
@@ -550,7 +570,7 @@ static void AddSecondDifference(tagST_MESH_LEVEL *pstLevel, int32_t v, int32_t d
 // number of vertices a face reaches. The energy is an integral over the frame: per vertex (its
 // cell's share) the faces' pull toward their targets and the background's toward zero, and the
 // bending w |Hess d|^2 with w = weight * length^4 (second differences over step^2, squared),
-// off inside faces, so that every grid discretises the same energy.
+// off inside faces and stiffer away from them, so that every grid discretises the same energy.
 static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FACE *pstFaces, int32_t iFaces,
                               tagST_MESH_LEVEL *pstLevel)
 {
@@ -564,7 +584,7 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     float *pfBend = pstLevel->pfRhs + pstLevel->iMargin;
     const float fLength = LengthScale(pstFaces, iFaces);
     const float fL2 = fLength * fLength * pstGrid->fInvStepX * pstGrid->fInvStepY;
-    const float fBend = kBendWeight * fL2 * fL2;
+    const float fL4 = fL2 * fL2;
     int32_t iReached = 0;
     for (int32_t j = 0; j < iRows; j++) {
         for (int32_t i = 0; i < iCols; i++) {
@@ -579,7 +599,8 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
                 fFace + kBackgroundWeight * SmoothStep((fNearest - kBackgroundStart) / kBackgroundBand);
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 0)] = fFace * fTx;
             pstLevel->pfRhsBase[Unknown(pstLevel, v, 1)] = fFace * fTy;
-            pfBend[v] = fBend * (1.0f - fShare);
+            const float fStiff = SmoothStep((fNearest - kBendFarStart) / kBendFarBand);
+            pfBend[v] = fL4 * (1.0f - fShare) * (kBendWeight + fStiff * (kBendFar - kBendWeight));
         }
     }
     for (int32_t j = 0; j < iRows; j++) {
@@ -614,11 +635,31 @@ static int32_t BuildDataTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     return iReached;
 }
 
-// Whether vertex v lies on the frame's edge (held in place).
-static int32_t OnBorder(const tagST_MESH_GRID *pstGrid, int32_t v)
+// Whether component c (0: x, 1: y) of vertex v is held: the frame's edge keeps its place across
+// the edge (the field of view stays that of lens correction alone) but slides along it, so that a
+// face beside the edge does not pin the background's displacement to zero there (which bent the
+// lines running from it across the frame).
+static int32_t Held(const tagST_MESH_GRID *pstGrid, int32_t v, int32_t c)
 {
-    const int32_t i = v % pstGrid->iCols, j = v / pstGrid->iCols;
-    return i == 0 || j == 0 || i == pstGrid->iCols - 1 || j == pstGrid->iRows - 1;
+    if (c == 0) {
+        const int32_t i = v % pstGrid->iCols;
+        return i == 0 || i == pstGrid->iCols - 1;
+    }
+    const int32_t j = v / pstGrid->iCols;
+    return j == 0 || j == pstGrid->iRows - 1;
+}
+
+// Zeroes the held components of a two-plane vector.
+static void ZeroHeld(const tagST_MESH_LEVEL *pstLevel, float *pfVector)
+{
+    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
+    float *pfX = pfVector + pstLevel->iMargin, *pfY = pfX + pstLevel->iPlane;
+    for (int32_t j = 0; j < iRows; j++) {
+        pfX[j * iCols] = 0.0f;
+        pfX[j * iCols + iCols - 1] = 0.0f;
+    }
+    memset(pfY, 0, (size_t)iCols * sizeof(float));
+    memset(pfY + (iRows - 1) * iCols, 0, (size_t)iCols * sizeof(float));
 }
 
 // The cell of the output point (fX, fY): its first vertex and the bilinear fractions.
@@ -634,9 +675,9 @@ static int32_t CellOf(const tagST_MESH_GRID *pstGrid, float fX, float fY, float 
 }
 
 // Line terms: the longest segments, each taken to corrected pixels (where it is straight) and
-// sampled once a cell. Samples inside a face's pull are left out (the face's map wins there);
-// the rest of the segment, on both sides of a face it passes, stays on one line, so a building's
-// edge right beside a face stays straight.
+// sampled once a cell (on fine grids less often: LDC_MESH_LINE_SAMPLES). Near a face the samples
+// weigh less and within kLineFadeStart of it nothing (the face's map wins there); the rest of
+// the segment, on both sides of a face it passes, stays on one line.
 // The energy is weight * length * the integral along the segment of (d . n - its best affine
 // fit)^2, over the cell's area: the squared distance of the corrected segment from its own best
 // line. Returns the samples used.
@@ -647,8 +688,9 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
     const tagST_MESH_GRID *pstGrid = &pstLevel->stGrid;
     pstLevel->iLines = 0;
     const float fMaxX = (float)(pstIn->iWidth - 1), fMaxY = (float)(pstIn->iHeight - 1);
-    const float fSpacing = (pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY) /
-                           (float)LDC_MESH_SAMPLES_PER_CELL;
+    const float fStep = pstGrid->fStepX < pstGrid->fStepY ? pstGrid->fStepX : pstGrid->fStepY;
+    const float fLong = (float)(pstIn->iWidth > pstIn->iHeight ? pstIn->iWidth : pstIn->iHeight);
+    const float fSpacing = fStep > fLong / (float)LDC_MESH_LINE_SAMPLES ? fStep : fLong / (float)LDC_MESH_LINE_SAMPLES;
     pstLevel->fLineWeight =
         kLineWeight * LengthScale(pstFaces, iFaces) * fSpacing * pstGrid->fInvStepX * pstGrid->fInvStepY;
     int32_t iUsed = 0;
@@ -668,7 +710,7 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
         pstLine->iCount = 0;
         pstLine->fNx = -(fY1 - fY0) / fLen;
         pstLine->fNy = (fX1 - fX0) / fLen;
-        float fSumT = 0.0f;
+        float fSumT = 0.0f, fSumW = 0.0f;
         for (int32_t s = 0; s <= iSteps && iUsed < iRoom; s++) {
             const float fT = (float)s / (float)iSteps;
             const float fX = fX0 + fT * (fX1 - fX0), fY = fY0 + fT * (fY1 - fY0);
@@ -676,32 +718,40 @@ static int32_t BuildLineTerms(const tagST_MESH_INPUT *pstIn, const tagST_MESH_FA
             if (!(fX >= 0.0f && fX <= fMaxX && fY >= 0.0f && fY <= fMaxY)) {
                 continue;
             }
-            if (FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest) > 0.0f) {
+            FacePull(pstIn, pstFaces, iFaces, fX, fY, &fTx, &fTy, &fNearest);
+            const float fWeight = SmoothStep((fNearest - kLineFadeStart) / kLineFadeBand);
+            if (!(fWeight > 0.0f)) {
                 continue;
             }
             tagST_MESH_SAMPLE *pstSample = &pstSamples[iUsed++];
             float fA, fB;
             const int32_t v = CellOf(pstGrid, fX, fY, &fA, &fB);
-            const float afW[4] = {(1.0f - fA) * (1.0f - fB), fA * (1.0f - fB), (1.0f - fA) * fB, fA * fB};
-            const int32_t aiV[4] = {v, v + 1, v + pstGrid->iCols, v + pstGrid->iCols + 1};
-            for (int32_t n = 0; n < 4; n++) {
-                pstSample->afW[n] = OnBorder(pstGrid, aiV[n]) ? 0.0f : afW[n];
-            }
+            pstSample->afW[0] = (1.0f - fA) * (1.0f - fB);
+            pstSample->afW[1] = fA * (1.0f - fB);
+            pstSample->afW[2] = (1.0f - fA) * fB;
+            pstSample->afW[3] = fA * fB;
             pstSample->iVertex = v;
             pstSample->fT = fT * fLen;
-            fSumT += pstSample->fT;
+            pstSample->fWeight = fWeight;
+            fSumT += fWeight * pstSample->fT;
+            fSumW += fWeight;
             pstLine->iCount++;
         }
         if (pstLine->iCount < 3) {
             iUsed -= pstLine->iCount;   // too few samples left to bend
             continue;
         }
-        pstLine->fMeanT = fSumT / (float)pstLine->iCount;
+        pstLine->fMeanT = fSumT / fSumW;
+        pstLine->fWeightSum = fSumW;
         float fSpread = 0.0f;
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             tagST_MESH_SAMPLE *pstSample = &pstSamples[pstLine->iFirst + k];
             pstSample->fT -= pstLine->fMeanT;
-            fSpread += pstSample->fT * pstSample->fT;
+            fSpread += pstSample->fWeight * pstSample->fT * pstSample->fT;
+        }
+        if (!(fSpread > 0.0f)) {
+            iUsed -= pstLine->iCount;
+            continue;
         }
         pstLine->fSpreadT = fSpread;
         pstLevel->iLines++;
@@ -760,8 +810,8 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 if (!*pucCorner || pstLevel->iFolds >= LDC_MESH_MAX_FOLD_TERMS) {
                     continue;
                 }
-                // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the frame's
-                // edge is held, so its vertices take no share.
+                // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the held
+                // components take no share.
                 tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[pstLevel->iFolds++];
                 memset(pstTerm, 0, sizeof(*pstTerm));
                 int32_t iCount = 0;
@@ -777,9 +827,10 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                     fGx0 += pstTerm->afCoef[n] * pstLevel->pfX[pstTerm->aiIndex[n]];
                 }
                 pstTerm->fRhs = fGx0 + fRoot * (kFoldFloor - fRatio);
-                for (int32_t n = 0; n < iCount; n += 2) {
-                    if (OnBorder(pstGrid, pstTerm->aiIndex[n] - pstLevel->iMargin)) {
-                        pstTerm->afCoef[n] = pstTerm->afCoef[n + 1] = 0.0f;
+                for (int32_t n = 0; n < iCount; n++) {
+                    const int32_t c = n & 1;
+                    if (Held(pstGrid, pstTerm->aiIndex[n] - c * pstLevel->iPlane - pstLevel->iMargin, c)) {
+                        pstTerm->afCoef[n] = 0.0f;
                     }
                 }
             }
@@ -788,44 +839,38 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     return fMin;
 }
 
-// One row of the 13-point stencil: y = C x + the couplings to the two neighbours each way along
-// the row, the column and the diagonals (each coupling stored once, at its first vertex).
-static void StencilRow(const float *const *apfRow, const float *__restrict pfX, float *__restrict pfY, int32_t iC,
-                       int32_t iN)
+// The 13-point stencil over a run of vertices, both components in one pass (they share it):
+// y = C x + the couplings to the two neighbours each way along the row, the column and the
+// diagonals (each coupling stored once, at its first vertex).
+static void ApplyStencil(const float *const *apfStencil, const float *__restrict pfX0, const float *__restrict pfX1,
+                         float *__restrict pfY0, float *__restrict pfY1, int32_t iC, int32_t iN)
 {
-    const float *__restrict pfC = apfRow[0], *__restrict pfE = apfRow[1], *__restrict pfEE = apfRow[2];
-    const float *__restrict pfS = apfRow[3], *__restrict pfSS = apfRow[4], *__restrict pfSE = apfRow[5];
-    const float *__restrict pfSW = apfRow[6];
+    const float *__restrict pfC = apfStencil[0], *__restrict pfE = apfStencil[1], *__restrict pfEE = apfStencil[2];
+    const float *__restrict pfS = apfStencil[3], *__restrict pfSS = apfStencil[4], *__restrict pfSE = apfStencil[5];
+    const float *__restrict pfSW = apfStencil[6];
     for (int32_t i = 0; i < iN; i++) {
-        pfY[i] = pfC[i] * pfX[i] + (pfE[i] * pfX[i + 1] + pfE[i - 1] * pfX[i - 1]) +
-                 (pfEE[i] * pfX[i + 2] + pfEE[i - 2] * pfX[i - 2]) +
-                 (pfS[i] * pfX[i + iC] + pfS[i - iC] * pfX[i - iC]) +
-                 (pfSS[i] * pfX[i + 2 * iC] + pfSS[i - 2 * iC] * pfX[i - 2 * iC]) +
-                 (pfSE[i] * pfX[i + iC + 1] + pfSE[i - iC - 1] * pfX[i - iC - 1]) +
-                 (pfSW[i] * pfX[i + iC - 1] + pfSW[i - iC + 1] * pfX[i - iC + 1]);
+        const float fC = pfC[i], fE = pfE[i], fW = pfE[i - 1], fEE = pfEE[i], fWW = pfEE[i - 2];
+        const float fS = pfS[i], fN = pfS[i - iC], fSS = pfSS[i], fNN = pfSS[i - 2 * iC];
+        const float fSE = pfSE[i], fNW = pfSE[i - iC - 1], fSW = pfSW[i], fNE = pfSW[i - iC + 1];
+        pfY0[i] = fC * pfX0[i] + (fE * pfX0[i + 1] + fW * pfX0[i - 1]) + (fEE * pfX0[i + 2] + fWW * pfX0[i - 2]) +
+                  (fS * pfX0[i + iC] + fN * pfX0[i - iC]) + (fSS * pfX0[i + 2 * iC] + fNN * pfX0[i - 2 * iC]) +
+                  (fSE * pfX0[i + iC + 1] + fNW * pfX0[i - iC - 1]) + (fSW * pfX0[i + iC - 1] + fNE * pfX0[i - iC + 1]);
+        pfY1[i] = fC * pfX1[i] + (fE * pfX1[i + 1] + fW * pfX1[i - 1]) + (fEE * pfX1[i + 2] + fWW * pfX1[i - 2]) +
+                  (fS * pfX1[i + iC] + fN * pfX1[i - iC]) + (fSS * pfX1[i + 2 * iC] + fNN * pfX1[i - 2 * iC]) +
+                  (fSE * pfX1[i + iC + 1] + fNW * pfX1[i - iC - 1]) + (fSW * pfX1[i + iC - 1] + fNE * pfX1[i - iC + 1]);
     }
 }
 
-// pfOut = A pfIn. The frame's edge is held: its vertices' rows are never written (they stay
-// zero) and their values (zero) take no part.
+// pfOut = A pfIn over every vertex (the margins hold the stencil's reads beyond the frame), the
+// held components zeroed: their values (zero) take no part and their rows stay zero.
 static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfIn,
                         float *pfOut)
 {
-    const int32_t iCols = pstLevel->stGrid.iCols, iRows = pstLevel->stGrid.iRows;
-    const int32_t iN = iCols - 2, iC = iCols;
-    for (int32_t c = 0; c < 2; c++) {
-        const float *pfX = pfIn + c * pstLevel->iPlane + pstLevel->iMargin;
-        float *pfY = pfOut + c * pstLevel->iPlane + pstLevel->iMargin;
-        for (int32_t j = 1; j < iRows - 1; j++) {
-            const int32_t v = j * iCols + 1;
-            const float *apfRow[LDC_MESH_STENCIL];
-            for (int32_t k = 0; k < LDC_MESH_STENCIL; k++) {
-                apfRow[k] = pstLevel->apfStencil[k] + v;
-            }
-            StencilRow(apfRow, pfX + v, pfY + v, iCols, iN);
-        }
-    }
-    // Lines: W S^T (I - H) S, S the samples' bilinear reads across the line, H its affine fit.
+    const int32_t iC = pstLevel->stGrid.iCols;
+    ApplyStencil(pstLevel->apfStencil, pfIn + pstLevel->iMargin, pfIn + pstLevel->iPlane + pstLevel->iMargin,
+                 pfOut + pstLevel->iMargin, pfOut + pstLevel->iPlane + pstLevel->iMargin, iC, pstLevel->iVertices);
+    // Lines: W S^T D (I - H) S, S the samples' bilinear reads across the line, D their weights, H
+    // their weighted affine fit.
     const float *pfInX = pfIn + pstLevel->iMargin, *pfInY = pfInX + pstLevel->iPlane;
     float *pfOutX = pfOut + pstLevel->iMargin, *pfOutY = pfOutX + pstLevel->iPlane;
     for (int32_t l = 0; l < pstLevel->iLines; l++) {
@@ -840,14 +885,14 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
             const float fY = (pfW[0] * pfInY[v] + pfW[1] * pfInY[v + 1]) + (pfW[2] * pfInY[v + iC] + pfW[3] * pfInY[v + iC + 1]);
             const float fAcross = pstLine->fNx * fX + pstLine->fNy * fY;
             ((tagST_MESH_SAMPLE *)pstS)->fAcross = fAcross;
-            fSum += fAcross;
-            fSumT += pstS->fT * fAcross;
+            fSum += pstS->fWeight * fAcross;
+            fSumT += pstS->fWeight * pstS->fT * fAcross;
         }
-        const float fMean = fSum / (float)pstLine->iCount, fSlope = fSumT / pstLine->fSpreadT;
+        const float fMean = fSum / pstLine->fWeightSum, fSlope = fSumT / pstLine->fSpreadT;
         for (int32_t k = 0; k < pstLine->iCount; k++) {
             const tagST_MESH_SAMPLE *pstS = &pstFirst[k];
             const int32_t v = pstS->iVertex;
-            const float fE = pstLevel->fLineWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
+            const float fE = pstLevel->fLineWeight * pstS->fWeight * (pstS->fAcross - fMean - fSlope * pstS->fT);
             const float fEx = fE * pstLine->fNx, fEy = fE * pstLine->fNy;
             const int32_t aiV[4] = {v, v + 1, v + iC, v + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
@@ -866,11 +911,12 @@ static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPL
             pfOut[pstTerm->aiIndex[k]] += fR * pstTerm->afCoef[k];
         }
     }
+    ZeroHeld(pstLevel, pfOut);
 }
 
 // The preconditioner and smoother: the inverse of each row's l1 norm |a_ii| + sum |a_ij| (for the
 // line terms, that of W S^T S, which bounds them), so that Jacobi sweeps converge whatever the
-// terms couple; and the right-hand side with the fold terms' share. Zero on the frame's edge.
+// terms couple; and the right-hand side with the fold terms' share. Zero for held components.
 static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples)
 {
     const int32_t iC = pstLevel->stGrid.iCols;
@@ -892,7 +938,7 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
             const float *afW = pstS->afW;
             const int32_t aiV[4] = {pstS->iVertex, pstS->iVertex + 1, pstS->iVertex + iC, pstS->iVertex + iC + 1};
             for (int32_t n = 0; n < 4; n++) {
-                const float fW = pstLevel->fLineWeight * afW[n] * (fNx + fNy);
+                const float fW = pstLevel->fLineWeight * pstS->fWeight * afW[n] * (fNx + fNy);
                 pfDiagX[aiV[n]] += fW * fNx;
                 pfDiagY[aiV[n]] += fW * fNy;
             }
@@ -911,13 +957,13 @@ static void BuildPreconditioner(tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAM
         }
     }
     for (int32_t v = 0; v < pstLevel->iVertices; v++) {
-        const int32_t bHeld = OnBorder(&pstLevel->stGrid, v);
         for (int32_t c = 0; c < 2; c++) {
             const int32_t n = Unknown(pstLevel, v, c);
-            pstLevel->pfDiagInv[n] = !bHeld && pstLevel->pfDiagInv[n] > 0.0f ? 1.0f / pstLevel->pfDiagInv[n] : 0.0f;
-            pstLevel->pfRhs[n] = bHeld ? 0.0f : pstLevel->pfRhs[n];
+            pstLevel->pfDiagInv[n] = pstLevel->pfDiagInv[n] > 0.0f ? 1.0f / pstLevel->pfDiagInv[n] : 0.0f;
         }
     }
+    ZeroHeld(pstLevel, pstLevel->pfDiagInv);
+    ZeroHeld(pstLevel, pstLevel->pfRhs);
 }
 
 // Dot products in double over four interleaved partial sums, added in a fixed order: the same
@@ -970,7 +1016,8 @@ static void BuildTransfer(tagST_MESH_LEVEL *pstFine, const tagST_MESH_LEVEL *pst
     }
 }
 
-// pfFine (+)= P pfCoarse: bilinear prolongation; the frame's edge stays zero.
+// pfFine (+)= P pfCoarse: bilinear prolongation; held components stay zero (both grids span the
+// frame, so they are held on both).
 static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoarse, const tagST_MESH_LEVEL *pstFine,
                           float *pfFine, int32_t bAdd)
 {
@@ -978,8 +1025,8 @@ static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoar
     for (int32_t c = 0; c < 2; c++) {
         const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
         float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
-        for (int32_t j = 1; j + 1 < pstFine->stGrid.iRows; j++) {
-            for (int32_t i = 1; i + 1 < pstFine->stGrid.iCols; i++) {
+        for (int32_t j = 0; j < pstFine->stGrid.iRows; j++) {
+            for (int32_t i = 0; i < pstFine->stGrid.iCols; i++) {
                 const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
                 const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
                 const float f0 = pfC[n] + fA * (pfC[n + 1] - pfC[n]);
@@ -989,10 +1036,11 @@ static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoar
             }
         }
     }
+    ZeroHeld(pstFine, pfFine);
 }
 
 // pfCoarse = P^T pfFine times the ratio of the cell areas: every level's system is an energy per
-// area, so the coarse one stands for P^T A P over that ratio. The frame's edge stays zero.
+// area, so the coarse one stands for P^T A P over that ratio. Held components stay zero.
 static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine, const tagST_MESH_LEVEL *pstCoarse,
                            float *pfCoarse)
 {
@@ -1003,8 +1051,8 @@ static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine,
     for (int32_t c = 0; c < 2; c++) {
         const float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
         float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
-        for (int32_t j = 1; j + 1 < pstF->iRows; j++) {
-            for (int32_t i = 1; i + 1 < pstF->iCols; i++) {
+        for (int32_t j = 0; j < pstF->iRows; j++) {
+            for (int32_t i = 0; i < pstF->iCols; i++) {
                 const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
                 const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
                 const float fV = fRatio * pfF[j * pstF->iCols + i];
@@ -1014,10 +1062,8 @@ static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine,
                 pfC[n + iCc + 1] += fA * fB * fV;
             }
         }
-        for (int32_t v = 0; v < pstCoarse->iVertices; v++) {
-            pfC[v] = OnBorder(pstC, v) ? 0.0f : pfC[v];
-        }
     }
+    ZeroHeld(pstCoarse, pfCoarse);
 }
 
 static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamples, int32_t iLevel,
@@ -1242,7 +1288,7 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         return LDC_MESH_ERR_ARGS;
     }
     int32_t aiCells[LDC_MESH_MAX_LEVELS];
-    const int32_t iLevels = LevelCells(pstIn->iCells, aiCells);
+    const int32_t iLevels = LevelCells(pstIn->iWidth, pstIn->iHeight, pstIn->iCells, aiCells);
     tagST_MESH_LEVEL astLevels[LDC_MESH_MAX_LEVELS];
     float *pfFree = (float *)pucWork;
     for (int32_t l = 0; l < iLevels; l++) {
@@ -1296,10 +1342,10 @@ int32_t FaceMeshSolve(const tagST_MESH_INPUT *pstIn, float *pfMesh, uint8_t *puc
         // has the detail to add).
         if (pfStart != NULL) {
             for (int32_t v = 0; v < iV; v++) {
-                const int32_t bHeld = OnBorder(&pstFine->stGrid, v);
-                pstFine->pfX[Unknown(pstFine, v, 0)] = bHeld ? 0.0f : pfStart[2 * v];
-                pstFine->pfX[Unknown(pstFine, v, 1)] = bHeld ? 0.0f : pfStart[2 * v + 1];
+                pstFine->pfX[Unknown(pstFine, v, 0)] = pfStart[2 * v];
+                pstFine->pfX[Unknown(pstFine, v, 1)] = pfStart[2 * v + 1];
             }
+            ZeroHeld(pstFine, pstFine->pfX);
         } else {
             memset(astLevels[iLevels - 1].pfX, 0, 2u * (uint32_t)astLevels[iLevels - 1].iPlane * sizeof(float));
             for (int32_t l = iLevels - 1; l > 0; l--) {

@@ -3,8 +3,9 @@
 // 2 x 2 block's source position as the lens model applied to the block's position plus the mesh
 // displacement there (FaceMeshDisplacement); a zero mesh is lens correction alone.
 //
-// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (64
-// cells along the longer side by default, at every frame size), row-major and interleaved. It is
+// The mesh holds one displacement (dx, dy) per vertex of a regular grid over the output frame (by
+// default a cell per 40 pixels of the longer side, 64 to 128 cells: 100 at 4000 x 3000, 64 at a
+// preview, whose faces then still span a few cells), row-major and interleaved. It is
 // the least-squares solution of
 //   faces:       each widened face's region follows a similarity of its stereographic image that
 //                keeps a size between the face's tangential and radial ones and takes its radial
@@ -12,11 +13,14 @@
 //                frees is shared by the gaps to the frame's edge on both sides;
 //   background:  from a face radius beyond each face the displacement is pulled to zero
 //                (perspective, straight lines);
-//   smoothness:  neighbouring vertices bend alike, except inside faces;
-//   lines:       along each given straight segment, outside the faces, the displacement
-//                across the segment stays affine, so the segment stays straight;
+//   smoothness:  neighbouring vertices bend alike, except inside faces, and stiffly beyond a face
+//                radius and a half around each face (the background's lines stay straight, what
+//                a face changes spreads wide and flat);
+//   lines:       along each given straight segment, fading out toward the faces, the
+//                displacement across the segment stays affine, so the segment stays straight;
 //   folds:       where a cell would shrink below a floor of its area, it is held at the floor;
-// with the frame's edge held in place, so that the output keeps the lens-only field of view. All
+// with the frame's edge held in place across it (free to slide along it), so that the output
+// keeps the lens-only field of view. All
 // weights are measured in the smallest face's radius, so the balance is the same at every frame
 // and grid size. The normal equations are solved by conjugate gradients preconditioned with a
 // multigrid V-cycle, from a warm start or from the cascade of coarser grids, single-threaded in a

@@ -53,11 +53,6 @@ static inline void LensGroupQ(float32x4_t vDx, float32x4_t vDy, const tagST_LENS
     vst1q_f32(pstPos->afY, MulAdd(pstLens->vCy, vF, vDy));
 }
 
-static inline float32x4_t LoadColumns(const uint8_t *pucColumns, int32_t g)
-{
-    return vreinterpretq_f32_u8(vld1q_u8(pucColumns + (size_t)g * RESAMPLE_QUAD_BYTES));
-}
-
 void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
                         const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
 {
@@ -81,34 +76,38 @@ void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t 
     int32_t iNext = piStart[iCell + 1];
     tagST_FORM_Q stForm;
     FormQ(pfBand, iCell, vB, vAddDy, &stForm);
-    int32_t g = 0;
-    for (;;) {
+    int32_t iXg = iX0;   // the first column of the next group
+    for (int32_t iLeftOver = iCount;;) {
         // The groups whose last block lies left of the next cell.
-        const int32_t iRoom = iNext - 7 - (iX0 + RESAMPLE_GROUP_COLS * g);
-        const int32_t iEnd = g + ResampleMinS32(iRoom < 0 ? 0 : (iRoom >> 3) + 1, iCount - g);
-        for (; g < iEnd; g++) {
-            const float32x4_t vX = LoadColumns(pucColumns, g);
-            LensGroupQ(MulAdd(stForm.vAx, vX, stForm.vBx), MulAdd(stForm.vAy, vX, stForm.vBy), &stLens, &pstPos[g]);
+        const int32_t iRoom = iNext - 7 - iXg;
+        const int32_t iRun = ResampleMinS32(iRoom < 0 ? 0 : (iRoom >> 3) + 1, iLeftOver);
+        iLeftOver -= iRun;
+        iXg += RESAMPLE_GROUP_COLS * iRun;
+        for (int32_t n = 0; n < iRun; n++, pucColumns += RESAMPLE_QUAD_BYTES, pstPos++) {
+            const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
+            LensGroupQ(MulAdd(stForm.vAx, vX, stForm.vBx), MulAdd(stForm.vAy, vX, stForm.vBy), &stLens, pstPos);
         }
-        if (g >= iCount) {
+        if (iLeftOver == 0) {
             return;
         }
-        // Group g reaches into the following cell(s): the lanes from each one's first column on
-        // take its displacement.
-        const int32_t iXg = iX0 + RESAMPLE_GROUP_COLS * g;
-        const float32x4_t vX = LoadColumns(pucColumns, g);
+        // This group reaches into the following cell(s): the lanes from each one's first column
+        // on take its displacement. The previous group's last block lay before iNext, so the
+        // first such lane is 0 .. 3.
+        const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
         float32x4_t vDx = MulAdd(stForm.vAx, vX, stForm.vBx);
         float32x4_t vDy = MulAdd(stForm.vAy, vX, stForm.vBy);
         do {
             iCell++;
             FormQ(pfBand, iCell, vB, vAddDy, &stForm);
-            const int32_t iLane = (iNext - iXg + 1) >> 1;
-            const uint32x4_t vTake = vld1q_u32(s_auFrom[iLane < 0 ? 0 : iLane]);
+            const uint32x4_t vTake = vld1q_u32(s_auFrom[(iNext - iXg + 1) >> 1]);
             vDx = vbslq_f32(vTake, MulAdd(stForm.vAx, vX, stForm.vBx), vDx);
             vDy = vbslq_f32(vTake, MulAdd(stForm.vAy, vX, stForm.vBy), vDy);
             iNext = piStart[iCell + 1];
         } while (iXg + 6 >= iNext);
-        LensGroupQ(vDx, vDy, &stLens, &pstPos[g]);
-        g++;
+        LensGroupQ(vDx, vDy, &stLens, pstPos);
+        pucColumns += RESAMPLE_QUAD_BYTES;
+        pstPos++;
+        iXg += RESAMPLE_GROUP_COLS;
+        iLeftOver--;
     }
 }

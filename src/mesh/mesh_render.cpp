@@ -17,7 +17,8 @@ static uint32_t CellStartBytes(const tagST_MESH_GRID *pstGrid)
 // The bands, then the column table: (iWidth + 7) / 8 quadruples at most.
 static uint32_t BandBytes(const tagST_MESH_GRID *pstGrid)
 {
-    return (uint32_t)(pstGrid->iRows - 1) * (uint32_t)CellCount(pstGrid) * LDC_MESH_BAND_FLOATS * (uint32_t)sizeof(float);
+    return (uint32_t)(pstGrid->iRows - 1) * (uint32_t)CellCount(pstGrid) * LDC_MESH_BAND_FLOATS *
+           (uint32_t)sizeof(float);
 }
 
 uint32_t MeshRowTableBytes(int32_t iWidth, int32_t iHeight)

@@ -12,10 +12,11 @@
 //   dx = ax + x' bx,   ax = mesh x at x' = 0,  bx = 1 + mesh x slope,
 //   dy = ay + x' by,   ay = mesh y at x' = 0 + (y - cy),  by = mesh y slope.
 // With a zero mesh that is dx = x - cx, dy = y - cy: the lens remap's floats, and its bytes. The
-// mesh parts stay small beside x', which keeps the roundings of the composition those of the
-// lens model. The groups walk the cells along the row pair: a run of groups inside one cell keeps
-// its form in registers, a group across a cell boundary takes each lane's own cell. Nothing
-// depends on the cell size.
+// mesh parts stay small beside x', so the composition adds few roundings to the lens model's
+// (against the exact composition: under 1e-3 px on a 4000 px frame, the lens alone 4e-4). The
+// groups walk the cells along the row pair: a run of groups inside one cell keeps its form in
+// registers, a group across a cell boundary takes each lane's own cell. Nothing depends on the
+// cell size.
 //
 // The plain position functions define the bytes; the _neon twin gives the same on every target.
 #ifndef LDC_MESH_MESH_RENDER_H

@@ -1,58 +1,113 @@
-// The mesh's positions of four blocks at a time; the floats are those of MeshMapGroups. 32-bit
-// NEON flushes denormal displacements to zero where the plain code keeps them: they vanish
-// against the principal point (at least 1) before anything depends on them.
+// The mesh's positions of four blocks at a time; the floats are those of MeshMapGroups. A run of
+// groups inside one cell keeps the cell's form in registers; a group across a boundary blends
+// the following cells' displacements into its later lanes. 32-bit NEON flushes denormal
+// intermediates to zero where the plain code keeps them: they vanish against the principal point
+// before anything depends on them.
 #include "geometry/lens_model_neon.h"
 #include "mesh/mesh_render.h"
+
+// a + b c with the product rounded: one instruction on 32-bit ARM (VMLA is not fused), two
+// elsewhere (the fused forms of arm64 and x86 would round once).
+static inline float32x4_t MulAdd(float32x4_t vA, float32x4_t vB, float32x4_t vC)
+{
+#if defined(__arm__)
+    return vmlaq_f32(vA, vB, vC);
+#else
+    return vaddq_f32(vA, vmulq_f32(vB, vC));
+#endif
+}
+
+// A cell's form, each coefficient on all four lanes.
+typedef struct tagST_FORM_Q {
+    float32x4_t vAx;
+    float32x4_t vBx;
+    float32x4_t vAy;
+    float32x4_t vBy;
+} tagST_FORM_Q;
+
+// MeshFormAt on one vector: (top + b change) + (0, 0, y - cy, 0), spread over the lanes.
+static inline void FormQ(const float *pfBand, int32_t iCell, float32x4_t vB, float32x4_t vAddDy, tagST_FORM_Q *pstForm)
+{
+    const float *pfEntry = pfBand + (size_t)iCell * LDC_MESH_BAND_FLOATS;
+    const float32x4_t vE = vaddq_f32(MulAdd(vld1q_f32(pfEntry), vB, vld1q_f32(pfEntry + LDC_MESH_FORM_FLOATS)), vAddDy);
+    pstForm->vAx = vdupq_lane_f32(vget_low_f32(vE), 0);
+    pstForm->vBx = vdupq_lane_f32(vget_low_f32(vE), 1);
+    pstForm->vAy = vdupq_lane_f32(vget_high_f32(vE), 0);
+    pstForm->vBy = vdupq_lane_f32(vget_high_f32(vE), 1);
+}
+
+typedef struct tagST_LENS_Q {
+    float32x4_t vCx;
+    float32x4_t vCy;
+    float32x4_t vC1;
+    float32x4_t vC2;
+    float32x4_t vC3;
+} tagST_LENS_Q;
+
+// The positions of displaced, centred blocks (vDx, vDy).
+static inline void LensGroupQ(float32x4_t vDx, float32x4_t vDy, const tagST_LENS_Q *pstLens, tagST_GROUP_POS *pstPos)
+{
+    const float32x4_t vR2 = MulAdd(vmulq_f32(vDy, vDy), vDx, vDx);   // dx dx + dy dy, the sum commutes
+    const float32x4_t vF = RadialFactorGroupedQ(pstLens->vC1, pstLens->vC2, pstLens->vC3, vR2);
+    vst1q_f32(pstPos->afX, MulAdd(pstLens->vCx, vF, vDx));
+    vst1q_f32(pstPos->afY, MulAdd(pstLens->vCy, vF, vDy));
+}
 
 void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
                         const uint8_t *pucColumns, tagST_GROUP_POS *pstPos)
 {
-    (void)iFirst;
     const tagST_MESH_RENDER *pstMesh = (const tagST_MESH_RENDER *)pStage;
-    const tagST_RADIAL_MODEL *pstLens = &pstMesh->stLens;
-    const int32_t iEntries = pstMesh->stGrid.iCols - 1;
-    const float *pfRow = pstMesh->pfRows + (size_t)(pstRow->iY >> 1) * (size_t)iEntries * LDC_MESH_ROW_ENTRY_FLOATS;
-    const float32x4_t vInvStep = vdupq_n_f32(pstMesh->stGrid.fInvStepX);
-    const int32x4_t vLastCell = vdupq_n_s32(iEntries - 1);
-    const float32x4_t vY = vdupq_n_f32((float)pstRow->iY);
-    const float32x4_t vCx = vdupq_n_f32(pstLens->fCx);
-    const float32x4_t vCy = vdupq_n_f32(pstLens->fCy);
-    const float32x4_t vC1 = vdupq_n_f32(pstLens->fC1);
-    const float32x4_t vC2 = vdupq_n_f32(pstLens->fC2);
-    const float32x4_t vC3 = vdupq_n_f32(pstLens->fC3);
-    for (int32_t g = 0; g < iCount; g++, pucColumns += RESAMPLE_QUAD_BYTES) {
-        const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
-        const float32x4_t vU = vmulq_f32(vX, vInvStep);
-        const int32x4_t vCell = vminq_s32(vmaxq_s32(VcvtqS32F32(vU), vdupq_n_s32(0)), vLastCell);
-        const float32x4_t vA = vsubq_f32(vU, vcvtq_f32_s32(vCell));
-        // The table's x ascend, so lanes 0 and 3 in one cell put all four there: a cell is many
-        // blocks wide, and most groups need its one entry. Otherwise lane k's entry (left dx,
-        // left dy, step dx, step dy) becomes column k of a 4 x 4 transpose.
-        const int32_t iCell0 = vgetq_lane_s32(vCell, 0);
-        float32x4_t vLeftX, vLeftY, vStepX, vStepY;
-        if (iCell0 == vgetq_lane_s32(vCell, 3)) {
-            const float32x4_t vE = vld1q_f32(pfRow + LDC_MESH_ROW_ENTRY_FLOATS * iCell0);
-            vLeftX = vdupq_lane_f32(vget_low_f32(vE), 0);
-            vLeftY = vdupq_lane_f32(vget_low_f32(vE), 1);
-            vStepX = vdupq_lane_f32(vget_high_f32(vE), 0);
-            vStepY = vdupq_lane_f32(vget_high_f32(vE), 1);
-        } else {
-            const float32x4_t vE0 = vld1q_f32(pfRow + LDC_MESH_ROW_ENTRY_FLOATS * iCell0);
-            const float32x4_t vE1 = vld1q_f32(pfRow + LDC_MESH_ROW_ENTRY_FLOATS * vgetq_lane_s32(vCell, 1));
-            const float32x4_t vE2 = vld1q_f32(pfRow + LDC_MESH_ROW_ENTRY_FLOATS * vgetq_lane_s32(vCell, 2));
-            const float32x4_t vE3 = vld1q_f32(pfRow + LDC_MESH_ROW_ENTRY_FLOATS * vgetq_lane_s32(vCell, 3));
-            const float32x4x2_t vT01 = vtrnq_f32(vE0, vE1);
-            const float32x4x2_t vT23 = vtrnq_f32(vE2, vE3);
-            vLeftX = vcombine_f32(vget_low_f32(vT01.val[0]), vget_low_f32(vT23.val[0]));
-            vLeftY = vcombine_f32(vget_low_f32(vT01.val[1]), vget_low_f32(vT23.val[1]));
-            vStepX = vcombine_f32(vget_high_f32(vT01.val[0]), vget_high_f32(vT23.val[0]));
-            vStepY = vcombine_f32(vget_high_f32(vT01.val[1]), vget_high_f32(vT23.val[1]));
+    const int32_t *piStart = pstMesh->piCellStart;
+    tagST_LENS_Q stLens;
+    stLens.vCx = vdupq_n_f32(pstMesh->stLens.fCx);
+    stLens.vCy = vdupq_n_f32(pstMesh->stLens.fCy);
+    stLens.vC1 = vdupq_n_f32(pstMesh->stLens.fC1);
+    stLens.vC2 = vdupq_n_f32(pstMesh->stLens.fC2);
+    stLens.vC3 = vdupq_n_f32(pstMesh->stLens.fC3);
+    float fB;
+    const float *pfBand = MeshBandOf(pstMesh, pstRow->iY, &fB);
+    const float32x4_t vB = vdupq_n_f32(fB);
+    const float32x4_t vAddDy = vsetq_lane_f32((float)pstRow->iY - pstMesh->stLens.fCy, vdupq_n_f32(0.0f), 2);
+    // Lane masks by the first lane that lies in the next cell.
+    static const uint32_t s_auFrom[4][4] = {
+        {~0u, ~0u, ~0u, ~0u}, {0u, ~0u, ~0u, ~0u}, {0u, 0u, ~0u, ~0u}, {0u, 0u, 0u, ~0u}};
+    const int32_t iX0 = pstMesh->iLeft + RESAMPLE_GROUP_COLS * iFirst;
+    int32_t iCell = MeshCellOf(pstMesh, iX0);
+    int32_t iNext = piStart[iCell + 1];
+    tagST_FORM_Q stForm;
+    FormQ(pfBand, iCell, vB, vAddDy, &stForm);
+    int32_t iXg = iX0;   // the first column of the next group
+    for (int32_t iLeftOver = iCount;;) {
+        // The groups whose last block lies left of the next cell.
+        const int32_t iRoom = iNext - 7 - iXg;
+        const int32_t iRun = ResampleMinS32(iRoom < 0 ? 0 : (iRoom >> 3) + 1, iLeftOver);
+        iLeftOver -= iRun;
+        iXg += RESAMPLE_GROUP_COLS * iRun;
+        for (int32_t n = 0; n < iRun; n++, pucColumns += RESAMPLE_QUAD_BYTES, pstPos++) {
+            const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
+            LensGroupQ(MulAdd(stForm.vAx, vX, stForm.vBx), MulAdd(stForm.vAy, vX, stForm.vBy), &stLens, pstPos);
         }
-        const float32x4_t vDx = vsubq_f32(vaddq_f32(vX, vaddq_f32(vLeftX, vmulq_f32(vA, vStepX))), vCx);
-        const float32x4_t vDy = vsubq_f32(vaddq_f32(vY, vaddq_f32(vLeftY, vmulq_f32(vA, vStepY))), vCy);
-        const float32x4_t vR2 = vaddq_f32(vmulq_f32(vDx, vDx), vmulq_f32(vDy, vDy));
-        const float32x4_t vF = RadialFactorGroupedQ(vC1, vC2, vC3, vR2);
-        vst1q_f32(pstPos[g].afX, vaddq_f32(vmulq_f32(vF, vDx), vCx));
-        vst1q_f32(pstPos[g].afY, vaddq_f32(vmulq_f32(vF, vDy), vCy));
+        if (iLeftOver == 0) {
+            return;
+        }
+        // This group reaches into the following cell(s): the lanes from each one's first column
+        // on take its displacement. The previous group's last block lay before iNext, so the
+        // first such lane is 0 .. 3.
+        const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
+        float32x4_t vDx = MulAdd(stForm.vAx, vX, stForm.vBx);
+        float32x4_t vDy = MulAdd(stForm.vAy, vX, stForm.vBy);
+        do {
+            iCell++;
+            FormQ(pfBand, iCell, vB, vAddDy, &stForm);
+            const uint32x4_t vTake = vld1q_u32(s_auFrom[(iNext - iXg + 1) >> 1]);
+            vDx = vbslq_f32(vTake, MulAdd(stForm.vAx, vX, stForm.vBx), vDx);
+            vDy = vbslq_f32(vTake, MulAdd(stForm.vAy, vX, stForm.vBy), vDy);
+            iNext = piStart[iCell + 1];
+        } while (iXg + 6 >= iNext);
+        LensGroupQ(vDx, vDy, &stLens, pstPos);
+        pucColumns += RESAMPLE_QUAD_BYTES;
+        pstPos++;
+        iXg += RESAMPLE_GROUP_COLS;
+        iLeftOver--;
     }
 }

@@ -1,7 +1,8 @@
-// The mesh render over the remap's lens sweep: the vector twin gives the plain twin's bytes for
-// gentle, wild and non-finite meshes (positions far outside the frame and NaN are clamped by the
-// core, the frame allocated to its exact size), writes only the lens rectangle, and a zero mesh
-// gives the lens remap's bytes.
+// The mesh render over the remap's lens sweep and a few wide frames (cells of several groups, as
+// in a camera frame): the vector twin gives the plain twin's bytes for gentle, wild and
+// non-finite meshes (positions far outside the frame and NaN are clamped by the core, the frame
+// allocated to its exact size), writes only the lens rectangle, and a zero mesh gives the lens
+// remap's bytes.
 #include "mesh/mesh_render.h"
 
 #include <gtest/gtest.h>
@@ -34,9 +35,13 @@ std::vector<float> MakeMesh(const tagST_MESH_GRID &stGrid, int32_t eKind, int32_
 
 TEST(MeshRender, VectorMatchesPlainWritesOnlyTheRectangleAndAZeroMeshIsTheLensRemap)
 {
+    std::vector<tagST_DC_CASE> vstCases = DcSweepCases();
+    for (int32_t ePicType = 0; ePicType < 3; ePicType++) {
+        vstCases.push_back({1030 + 2 * (ePicType != 2), 18, ePicType, DC_BARREL, {2, 0, 6, 2}, 91u + ePicType});
+    }
     tagST_DC_FRAMES stFrames;
     int32_t iCases = 0;
-    for (const tagST_DC_CASE &stCase : DcSweepCases()) {
+    for (const tagST_DC_CASE &stCase : vstCases) {
         if (stCase.eModel > DC_PHONE_LENS) {
             continue;   // the mesh goes with the lens model only
         }

@@ -240,12 +240,12 @@ TEST(Process, EveryPathGivesItsPlanAndTheSameBytesOnEveryTarget)
         {&kGlobal, kW, kH, 0, kTwoFaces, false, LDC_PATH_GLOBAL, LDC_REFUSAL_NONE, "I/ZB5QU_QVLDC: FOV is lost ", 0x0804079e05cf45f0ull},
         {&kGlobal, kW, kH, 2, kTwoFaces, false, LDC_PATH_GLOBAL, LDC_REFUSAL_NONE, "I/ZB5QU_QVLDC: FOV is lost ", 0x6d42216d44c5375cull},
         {&kGlobal, kW, kH, 1, kTwoFaces, true, LDC_PATH_FACE, LDC_REFUSAL_NONE, pcBent, 0xbbe6ec3b59c3f303ull},
-        {&kMesh, kW, kH, 0, kOneFaceRight, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "The face mesh corrects 1 faces", 0xc5a050e37011667bull},
+        {&kMesh, kW, kH, 0, kOneFaceRight, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "The face mesh corrects 1 faces", 0x36ff8dc84f548ecbull},
         {&kMesh, kW, kH, 0, {}, false, LDC_PATH_COPY, LDC_REFUSAL_NO_FACE, "", 0x72d0f446c07702b6ull},
         // A strength of 0 leaves the mesh at zero: the lens remap's bytes, as in the rows above.
         {&kMeshZero, kW, kH, 0, kOneFaceRight, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "", 0xea39ecfd2adacd71ull},
         {&kMeshZero, kW, kH, 2, kOneFaceRight, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "", 0x261b48c60f63d479ull},
-        {&kMesh, kW, kH, 2, kTwoFaces, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "The face mesh corrects 2 faces", 0xf59481e58b2ce999ull},
+        {&kMesh, kW, kH, 2, kTwoFaces, false, LDC_PATH_MESH, LDC_REFUSAL_NONE, "The face mesh corrects 2 faces", 0xeeaf7c73c24041edull},
     };
     for (const auto &c : astCases) {
         Instance stInst(*c.pstKeys, c.iW, c.iH, c.ePicType);

@@ -212,7 +212,7 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         const uint8x8_t vucFx = vucW.val[0];
         const uint8x8_t vucGx = vsub_u8(vuc128, vucFx);
         const uint16x8_t vuFy = vmovl_u8(vucW.val[1]);
-        const uint16x8_t vuGy = vmovl_u8(vsub_u8(vuc128, vucW.val[1]));
+        const uint16x8_t vuGy = vsubl_u8(vuc128, vucW.val[1]);
         // Output row 0 blends source rows 0 and 1, output row 1 rows 1 and 2.
         const uint16x8_t vuH0 = LerpRow(avucA[0], avucB[0], vucGx, vucFx);
         const uint16x8_t vuH1 = LerpRow(avucA[1], avucB[1], vucGx, vucFx);

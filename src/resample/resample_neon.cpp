@@ -5,7 +5,13 @@
 
 #include "resample/resample.h"
 
-#define RESAMPLE_PREFETCH_SRC 32   // bytes ahead on every source row
+// Each group prefetches the luma row four below its first (new to the next row pair or the one
+// after) and its chroma row's successor, next to the loads whose addresses they share (fewer ARM
+// instructions than from one place before the paths split). A row pair's source follows a curve
+// (the lens) or a slope (the warp) across the frame, so it enters new rows every few groups and
+// reads each line only once or twice; the hardware's stream prefetch does not follow that, and
+// without these every new line's loads wait on memory.
+// The prefetch addresses may lie past the frame, where a prefetch is harmless.
 
 // Two consecutive bytes as one little-endian 16-bit value (the compiler merges the two loads).
 static inline uint32_t LoadPair(const uint8_t *pucSrc)
@@ -16,13 +22,6 @@ static inline uint32_t LoadPair(const uint8_t *pucSrc)
 static inline uint8x8_t CombinePairs(uint32_t u0, uint32_t u1, uint32_t u2, uint32_t u3)
 {
     return vcreate_u8((uint64_t)(u0 | (u1 << 16)) | ((uint64_t)(u2 | (u3 << 16)) << 32));
-}
-
-// Lanes 2k and 2k + 1 take the pair at pucSrc + aiOffset[k].
-static inline uint8x8_t GatherPairs(const uint8_t *pucSrc, const int32_t aiOffset[4])
-{
-    return CombinePairs(LoadPair(pucSrc + aiOffset[0]), LoadPair(pucSrc + aiOffset[1]), LoadPair(pucSrc + aiOffset[2]),
-                        LoadPair(pucSrc + aiOffset[3]));
 }
 
 #if !defined(__arm__) && !defined(__aarch64__)
@@ -40,7 +39,6 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
     // Eight-byte loads at register offsets from each row's start need no address arithmetic;
     // their first words are zipped into the lanes.
     for (int32_t r = 0; r < 3; r++, pucSrc += iPitch) {
-        __builtin_prefetch(pucSrc + aiOffset[0] + RESAMPLE_PREFETCH_SRC);
         const uint32x2_t vu01 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[0])),
                                           vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[1])));
         const uint32x2_t vu23 = vzip1_u32(vreinterpret_u32_u8(vld1_u8(pucSrc + aiOffset[2])),
@@ -49,6 +47,7 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
         avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
         avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
     }
+    __builtin_prefetch(pucSrc + iPitch + aiOffset[0]);
 #elif defined(__arm__)
     // Lane loads straight from memory, each block's address stepping down the rows (a lane load
     // without an alignment hint takes any address).
@@ -58,7 +57,6 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
     }
     uint32x4_t vuWords = vdupq_n_u32(0);
     for (int32_t r = 0; r < 3; r++) {
-        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
         vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[0], vuWords, 0);
         vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[1], vuWords, 1);
         vuWords = vld1q_lane_u32((const uint32_t *)(const void *)apucRow[2], vuWords, 2);
@@ -69,6 +67,7 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
         avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
         avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
     }
+    __builtin_prefetch(apucRow[0] + iPitch);
 #else
     const uint8_t *apucRow[4];
     for (int32_t k = 0; k < 4; k++) {
@@ -76,7 +75,6 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
     }
     uint32x4_t vuWords = vdupq_n_u32(0);
     for (int32_t r = 0; r < 3; r++) {
-        __builtin_prefetch(apucRow[0] + RESAMPLE_PREFETCH_SRC);
         vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[0], vuWords, 0);
         vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[1], vuWords, 1);
         vuWords = vsetq_lane_u32(*(const tUnalignedU32 *)apucRow[2], vuWords, 2);
@@ -87,6 +85,7 @@ static inline void GatherRowWords(const uint8_t *pucSrc, int32_t iPitch, const i
         avucA[r] = vreinterpret_u8_u16(vmovn_u32(vuWords));
         avucB[r] = vreinterpret_u8_u16(vshrn_n_u32(vuWords, 8));
     }
+    __builtin_prefetch(apucRow[0] + iPitch);
 #endif
 }
 
@@ -182,10 +181,10 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
             const uint8_t *pucRow = pucSrcY + aiOffset[0];
             for (int32_t r = 0; r < 3; r++, pucRow += iW) {
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucRow, 9);
-                __builtin_prefetch(pucRow + RESAMPLE_PREFETCH_SRC);
                 avucA[r] = vld1_u8(pucRow);
                 avucB[r] = vld1_u8(pucRow + 1);
             }
+            __builtin_prefetch(pucRow + iW);
         } else if (bContiguous || bShortFrame) {
             // Through arrays of their own: rows and offsets whose address escapes would live in
             // memory on every path.
@@ -213,7 +212,7 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
         const uint8x8_t vucFx = vucW.val[0];
         const uint8x8_t vucGx = vsub_u8(vuc128, vucFx);
         const uint16x8_t vuFy = vmovl_u8(vucW.val[1]);
-        const uint16x8_t vuGy = vmovl_u8(vsub_u8(vuc128, vucW.val[1]));
+        const uint16x8_t vuGy = vsubl_u8(vuc128, vucW.val[1]);
         // Output row 0 blends source rows 0 and 1, output row 1 rows 1 and 2.
         const uint16x8_t vuH0 = LerpRow(avucA[0], avucB[0], vucGx, vucFx);
         const uint16x8_t vuH1 = LerpRow(avucA[1], avucB[1], vucGx, vucFx);
@@ -238,6 +237,8 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcU + aiChroma[k], bRun ? 4 : 1);
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcV + aiChroma[k], bRun ? 4 : 1);
             }
+            __builtin_prefetch(pucSrcU + (iW >> 1) + aiChroma[0]);
+            __builtin_prefetch(pucSrcV + (iW >> 1) + aiChroma[0]);
             uint32_t uU;
             uint32_t uV;
             if (bRun) {
@@ -251,8 +252,10 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
             memcpy(pucDstU + 4 * g, &uU, sizeof(uU));
             memcpy(pucDstV + 4 * g, &uV, sizeof(uV));
         } else if (bContiguous && aiChroma[0] + 6 <= iChromaLast) {
-            RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcU + aiChroma[0], 8);
-            vst1_u8(pucDstU + 8 * g, vld1_u8(pucSrcU + aiChroma[0]));
+            const uint8_t *pucRun = pucSrcU + aiChroma[0];
+            RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucRun, 8);
+            vst1_u8(pucDstU + 8 * g, vld1_u8(pucRun));
+            __builtin_prefetch(pucRun + iW);
         } else {
             if (bContiguous) {
                 // A run that would pass the plane's end: its pairs one by one, clamped.
@@ -263,7 +266,12 @@ static inline void SampleGroups(const tagST_RESAMPLE_PLANES *pstPlanes, int32_t 
             for (int32_t k = 0; k < 4; k++) {
                 RESAMPLE_CHECK_READ(pstSrc, s_pcSampler, pucSrcU + aiChroma[k], 2);
             }
-            vst1_u8(pucDstU + 8 * g, GatherPairs(pucSrcU, aiChroma));
+            // Lanes 2k and 2k + 1 take the pair at aiChroma[k]; the prefetch before the loads
+            // shares block 0's address with its load (fewer armhf instructions than after them).
+            const uint8_t *pucPair = pucSrcU + aiChroma[0];
+            __builtin_prefetch(pucPair + iW);
+            vst1_u8(pucDstU + 8 * g, CombinePairs(LoadPair(pucPair), LoadPair(pucSrcU + aiChroma[1]),
+                                                  LoadPair(pucSrcU + aiChroma[2]), LoadPair(pucSrcU + aiChroma[3])));
         }
     }
 }

@@ -4,8 +4,6 @@
 
 #include "platform/neon.h"
 
-#define AFFINE_PREFETCH_TABLE 64   // bytes ahead in the column table
-
 // 1 / den: 8-bit estimate and two Newton-Raphson steps, r := r (2 - den r).
 static inline float32x4_t Reciprocal(float32x4_t vDen)
 {
@@ -34,7 +32,7 @@ static inline float32x4_t MapRun(const float *pfM, const tagST_AFFINE_ROW *pstRo
     const float32x4_t vSyRow = vdupq_n_f32(pstRow->fSy);
     const float32x4_t vDenStep = vdupq_n_f32(8.0f * pfM[6]);
     for (int32_t g = 0; g < iCount; g++, pucColumns += RESAMPLE_QUAD_BYTES) {
-        __builtin_prefetch(pucColumns + AFFINE_PREFETCH_TABLE);
+        // Every row pair reads the same 16 bytes a group of the table, so it stays cached.
         const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
         const float32x4_t vR = pfnReciprocal(vDen);
         vst1q_f32(pstPos[g].afX, vmulq_f32(vaddq_f32(vmulq_n_f32(vX, pfM[0]), vSxRow), vR));

@@ -796,13 +796,18 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     for (int32_t j = 0; j + 1 < pstGrid->iRows; j++) {
         for (int32_t i = 0; i + 1 < iCols; i++) {
             const int32_t v00 = j * iCols + i, v10 = v00 + 1, v01 = v00 + iCols, v11 = v01 + 1;
-            // Corner k: edges a (along x) and b (along y) from the vertex pairs below.
-            const int32_t aaiEdge[4][4] = {{v00, v10, v00, v01}, {v00, v10, v10, v11}, {v01, v11, v00, v01},
-                                           {v01, v11, v10, v11}};
+            // The cell's edges along x (bottom, top) and along y (left, right); corner k spans
+            // edge a = k / 2 along x and edge b = k % 2 along y.
+            const int32_t aaiEdgeX[2][2] = {{v00, v10}, {v01, v11}}, aaiEdgeY[2][2] = {{v00, v01}, {v10, v11}};
+            float afAx[2], afAy[2], afBx[2], afBy[2];
+            for (int32_t e = 0; e < 2; e++) {
+                afAx[e] = fSx + pfX[aaiEdgeX[e][1]] - pfX[aaiEdgeX[e][0]];
+                afAy[e] = pfY[aaiEdgeX[e][1]] - pfY[aaiEdgeX[e][0]];
+                afBx[e] = pfX[aaiEdgeY[e][1]] - pfX[aaiEdgeY[e][0]];
+                afBy[e] = fSy + pfY[aaiEdgeY[e][1]] - pfY[aaiEdgeY[e][0]];
+            }
             for (int32_t k = 0; k < 4; k++) {
-                const int32_t *piE = aaiEdge[k];
-                const float fAx = fSx + pfX[piE[1]] - pfX[piE[0]], fAy = pfY[piE[1]] - pfY[piE[0]];
-                const float fBx = pfX[piE[3]] - pfX[piE[2]], fBy = fSy + pfY[piE[3]] - pfY[piE[2]];
+                const float fAx = afAx[k >> 1], fAy = afAy[k >> 1], fBx = afBx[k & 1], fBy = afBy[k & 1];
                 const float fRatio = (fAx * fBy - fAy * fBx) * fInvArea;
                 fMin = fRatio < fMin ? fRatio : fMin;
                 uint8_t *pucCorner = &pucActive[4 * v00 + k];
@@ -812,15 +817,16 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 }
                 // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the held
                 // components take no share.
+                const int32_t *piA = aaiEdgeX[k >> 1], *piB = aaiEdgeY[k & 1];
                 tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[pstLevel->iFolds++];
                 memset(pstTerm, 0, sizeof(*pstTerm));
                 int32_t iCount = 0;
                 const float fGax = fRoot * fBy * fInvArea, fGay = -fRoot * fBx * fInvArea;
                 const float fGbx = -fRoot * fAy * fInvArea, fGby = fRoot * fAx * fInvArea;
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[1], fGax, fGay);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[0], -fGax, -fGay);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[3], fGbx, fGby);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[2], -fGbx, -fGby);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piA[1], fGax, fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piA[0], -fGax, -fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piB[1], fGbx, fGby);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piB[0], -fGbx, -fGby);
                 // g . x = g . x0 + root (floor - ratio0)
                 float fGx0 = 0.0f;
                 for (int32_t n = 0; n < iCount; n++) {

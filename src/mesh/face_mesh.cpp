@@ -1055,18 +1055,27 @@ static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoar
     const int32_t iCc = pstCoarse->stGrid.iCols, iCols = pstFine->stGrid.iCols, iRows = pstFine->stGrid.iRows;
     const int32_t *piColCell = pstFine->piColCell;
     const float *pfColFrac = pstFine->pfColFrac;
+    // Each coarse row's values along the fine columns, once for the fine rows between it and the next.
+    float aafAlong[2][LDC_MESH_MAX_CELLS + 1];
     for (int32_t c = 0; c < 2; c++) {
         float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
+        int32_t iHave = -2;   // the coarse row in aafAlong[0] (the next one in aafAlong[1])
         for (int32_t j = 0; j < iRows; j++, pfF += iCols) {
-            const float *pfC0 = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin + pstFine->piRowCell[j] * iCc;
-            const float *pfC1 = pfC0 + iCc;
+            const int32_t iRow = pstFine->piRowCell[j];
+            if (iRow != iHave) {
+                for (int32_t r = 0; r < 2; r++) {
+                    const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin + (iRow + r) * iCc;
+                    for (int32_t i = 0; i < iCols; i++) {
+                        const int32_t n = piColCell[i];
+                        aafAlong[r][i] = pfC[n] + pfColFrac[i] * (pfC[n + 1] - pfC[n]);
+                    }
+                }
+                iHave = iRow;
+            }
             const float fB = pstFine->pfRowFrac[j];
+            const float *__restrict pf0 = aafAlong[0], *__restrict pf1 = aafAlong[1];
             for (int32_t i = 0; i < iCols; i++) {
-                const float fA = pfColFrac[i];
-                const int32_t n = piColCell[i];
-                const float f0 = pfC0[n] + fA * (pfC0[n + 1] - pfC0[n]);
-                const float f1 = pfC1[n] + fA * (pfC1[n + 1] - pfC1[n]);
-                pfF[i] = (bAdd ? pfF[i] : 0.0f) + (f0 + fB * (f1 - f0));
+                pfF[i] = (bAdd ? pfF[i] : 0.0f) + (pf0[i] + fB * (pf1[i] - pf0[i]));
             }
         }
     }

@@ -796,13 +796,18 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     for (int32_t j = 0; j + 1 < pstGrid->iRows; j++) {
         for (int32_t i = 0; i + 1 < iCols; i++) {
             const int32_t v00 = j * iCols + i, v10 = v00 + 1, v01 = v00 + iCols, v11 = v01 + 1;
-            // Corner k: edges a (along x) and b (along y) from the vertex pairs below.
-            const int32_t aaiEdge[4][4] = {{v00, v10, v00, v01}, {v00, v10, v10, v11}, {v01, v11, v00, v01},
-                                           {v01, v11, v10, v11}};
+            // The cell's edges along x (bottom, top) and along y (left, right); corner k spans
+            // edge a = k / 2 along x and edge b = k % 2 along y.
+            const int32_t aaiEdgeX[2][2] = {{v00, v10}, {v01, v11}}, aaiEdgeY[2][2] = {{v00, v01}, {v10, v11}};
+            float afAx[2], afAy[2], afBx[2], afBy[2];
+            for (int32_t e = 0; e < 2; e++) {
+                afAx[e] = fSx + pfX[aaiEdgeX[e][1]] - pfX[aaiEdgeX[e][0]];
+                afAy[e] = pfY[aaiEdgeX[e][1]] - pfY[aaiEdgeX[e][0]];
+                afBx[e] = pfX[aaiEdgeY[e][1]] - pfX[aaiEdgeY[e][0]];
+                afBy[e] = fSy + pfY[aaiEdgeY[e][1]] - pfY[aaiEdgeY[e][0]];
+            }
             for (int32_t k = 0; k < 4; k++) {
-                const int32_t *piE = aaiEdge[k];
-                const float fAx = fSx + pfX[piE[1]] - pfX[piE[0]], fAy = pfY[piE[1]] - pfY[piE[0]];
-                const float fBx = pfX[piE[3]] - pfX[piE[2]], fBy = fSy + pfY[piE[3]] - pfY[piE[2]];
+                const float fAx = afAx[k >> 1], fAy = afAy[k >> 1], fBx = afBx[k & 1], fBy = afBy[k & 1];
                 const float fRatio = (fAx * fBy - fAy * fBx) * fInvArea;
                 fMin = fRatio < fMin ? fRatio : fMin;
                 uint8_t *pucCorner = &pucActive[4 * v00 + k];
@@ -812,15 +817,16 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
                 }
                 // d det / d a = (by, -bx), d det / d b = (-ay, ax), over the area; the held
                 // components take no share.
+                const int32_t *piA = aaiEdgeX[k >> 1], *piB = aaiEdgeY[k & 1];
                 tagST_MESH_FOLD_TERM *pstTerm = &pstLevel->pstFolds[pstLevel->iFolds++];
                 memset(pstTerm, 0, sizeof(*pstTerm));
                 int32_t iCount = 0;
                 const float fGax = fRoot * fBy * fInvArea, fGay = -fRoot * fBx * fInvArea;
                 const float fGbx = -fRoot * fAy * fInvArea, fGby = fRoot * fAx * fInvArea;
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[1], fGax, fGay);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[0], -fGax, -fGay);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[3], fGbx, fGby);
-                AddCornerShare(pstLevel, pstTerm, &iCount, piE[2], -fGbx, -fGby);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piA[1], fGax, fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piA[0], -fGax, -fGay);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piB[1], fGbx, fGby);
+                AddCornerShare(pstLevel, pstTerm, &iCount, piB[0], -fGbx, -fGby);
                 // g . x = g . x0 + root (floor - ratio0)
                 float fGx0 = 0.0f;
                 for (int32_t n = 0; n < iCount; n++) {
@@ -839,16 +845,16 @@ static float BuildFoldTerms(tagST_MESH_LEVEL *pstLevel, float fLength, uint8_t *
     return fMin;
 }
 
-// The 13-point stencil over a run of vertices, both components in one pass (they share it):
-// y = C x + the couplings to the two neighbours each way along the row, the column and the
-// diagonals (each coupling stored once, at its first vertex).
-static void ApplyStencil(const float *const *apfStencil, const float *__restrict pfX0, const float *__restrict pfX1,
-                         float *__restrict pfY0, float *__restrict pfY1, int32_t iC, int32_t iN)
+// The 13-point stencil, both components in one pass (they share it): y = C x + the couplings to
+// the two neighbours each way along the row, the column and the diagonals (each coupling stored
+// once, at its first vertex).
+void FaceMeshStencil(const float *const *apfStencil, const float *__restrict pfX0, const float *__restrict pfX1,
+                     float *__restrict pfY0, float *__restrict pfY1, int32_t iC, int32_t iBegin, int32_t iEnd)
 {
     const float *__restrict pfC = apfStencil[0], *__restrict pfE = apfStencil[1], *__restrict pfEE = apfStencil[2];
     const float *__restrict pfS = apfStencil[3], *__restrict pfSS = apfStencil[4], *__restrict pfSE = apfStencil[5];
     const float *__restrict pfSW = apfStencil[6];
-    for (int32_t i = 0; i < iN; i++) {
+    for (int32_t i = iBegin; i < iEnd; i++) {
         const float fC = pfC[i], fE = pfE[i], fW = pfE[i - 1], fEE = pfEE[i], fWW = pfEE[i - 2];
         const float fS = pfS[i], fN = pfS[i - iC], fSS = pfSS[i], fNN = pfSS[i - 2 * iC];
         const float fSE = pfSE[i], fNW = pfSE[i - iC - 1], fSW = pfSW[i], fNE = pfSW[i - iC + 1];
@@ -861,14 +867,47 @@ static void ApplyStencil(const float *const *apfStencil, const float *__restrict
     }
 }
 
+void FaceMeshJacobi(const float *__restrict pfDiagInv, const float *__restrict pfR, const float *__restrict pfT,
+                    float *__restrict pfZ, float fOmega, int32_t iBegin, int32_t iEnd)
+{
+    if (pfT == NULL) {
+        for (int32_t i = iBegin; i < iEnd; i++) {
+            pfZ[i] = fOmega * pfDiagInv[i] * pfR[i];
+        }
+        return;
+    }
+    for (int32_t i = iBegin; i < iEnd; i++) {
+        pfZ[i] += fOmega * pfDiagInv[i] * (pfR[i] - pfT[i]);
+    }
+}
+
+void FaceMeshAxpy(float *pfY, const float *pfA, float fScale, const float *pfB, int32_t iBegin, int32_t iEnd)
+{
+    for (int32_t i = iBegin; i < iEnd; i++) {
+        pfY[i] = pfA[i] + fScale * pfB[i];
+    }
+}
+
+// The solve's loops run as vectors on ARM (the same floats: see face_mesh.h); elsewhere the
+// compiler vectorises the plain ones.
+#if defined(__arm__) || defined(__aarch64__)
+#define MESH_STENCIL FaceMeshStencil_neon
+#define MESH_JACOBI FaceMeshJacobi_neon
+#define MESH_AXPY FaceMeshAxpy_neon
+#else
+#define MESH_STENCIL FaceMeshStencil
+#define MESH_JACOBI FaceMeshJacobi
+#define MESH_AXPY FaceMeshAxpy
+#endif
+
 // pfOut = A pfIn over every vertex (the margins hold the stencil's reads beyond the frame), the
 // held components zeroed: their values (zero) take no part and their rows stay zero.
 static void ApplySystem(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfIn,
                         float *pfOut)
 {
     const int32_t iC = pstLevel->stGrid.iCols;
-    ApplyStencil(pstLevel->apfStencil, pfIn + pstLevel->iMargin, pfIn + pstLevel->iPlane + pstLevel->iMargin,
-                 pfOut + pstLevel->iMargin, pfOut + pstLevel->iPlane + pstLevel->iMargin, iC, pstLevel->iVertices);
+    MESH_STENCIL(pstLevel->apfStencil, pfIn + pstLevel->iMargin, pfIn + pstLevel->iPlane + pstLevel->iMargin,
+                 pfOut + pstLevel->iMargin, pfOut + pstLevel->iPlane + pstLevel->iMargin, iC, 0, pstLevel->iVertices);
     // Lines: W S^T D (I - H) S, S the samples' bilinear reads across the line, D their weights, H
     // their weighted affine fit.
     const float *pfInX = pfIn + pstLevel->iMargin, *pfInY = pfInX + pstLevel->iPlane;
@@ -987,18 +1026,10 @@ static double Dot(const float *pfA, const float *pfB, int32_t iN)
 static void JacobiSweep(const tagST_MESH_LEVEL *pstLevel, const tagST_MESH_SAMPLE *pstSamples, const float *pfR,
                         float *pfZ, float *pfTmp, int32_t bZero)
 {
-    const int32_t iN = 2 * pstLevel->iPlane;
-    const float fOmega = kOmega;
-    if (bZero) {
-        for (int32_t i = 0; i < iN; i++) {
-            pfZ[i] = fOmega * pstLevel->pfDiagInv[i] * pfR[i];
-        }
-        return;
+    if (!bZero) {
+        ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
     }
-    ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
-    for (int32_t i = 0; i < iN; i++) {
-        pfZ[i] += fOmega * pstLevel->pfDiagInv[i] * (pfR[i] - pfTmp[i]);
-    }
+    MESH_JACOBI(pstLevel->pfDiagInv, pfR, bZero ? NULL : pfTmp, pfZ, kOmega, 0, 2 * pstLevel->iPlane);
 }
 
 // The transfer tables of a level toward the next coarser one.
@@ -1021,18 +1052,30 @@ static void BuildTransfer(tagST_MESH_LEVEL *pstFine, const tagST_MESH_LEVEL *pst
 static void ProlongVector(const tagST_MESH_LEVEL *pstCoarse, const float *pfCoarse, const tagST_MESH_LEVEL *pstFine,
                           float *pfFine, int32_t bAdd)
 {
-    const int32_t iCc = pstCoarse->stGrid.iCols;
+    const int32_t iCc = pstCoarse->stGrid.iCols, iCols = pstFine->stGrid.iCols, iRows = pstFine->stGrid.iRows;
+    const int32_t *piColCell = pstFine->piColCell;
+    const float *pfColFrac = pstFine->pfColFrac;
+    // Each coarse row's values along the fine columns, once for the fine rows between it and the next.
+    float aafAlong[2][LDC_MESH_MAX_CELLS + 1];
     for (int32_t c = 0; c < 2; c++) {
-        const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
         float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
-        for (int32_t j = 0; j < pstFine->stGrid.iRows; j++) {
-            for (int32_t i = 0; i < pstFine->stGrid.iCols; i++) {
-                const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
-                const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
-                const float f0 = pfC[n] + fA * (pfC[n + 1] - pfC[n]);
-                const float f1 = pfC[n + iCc] + fA * (pfC[n + iCc + 1] - pfC[n + iCc]);
-                const int32_t v = j * pstFine->stGrid.iCols + i;
-                pfF[v] = (bAdd ? pfF[v] : 0.0f) + (f0 + fB * (f1 - f0));
+        int32_t iHave = -2;   // the coarse row in aafAlong[0] (the next one in aafAlong[1])
+        for (int32_t j = 0; j < iRows; j++, pfF += iCols) {
+            const int32_t iRow = pstFine->piRowCell[j];
+            if (iRow != iHave) {
+                for (int32_t r = 0; r < 2; r++) {
+                    const float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin + (iRow + r) * iCc;
+                    for (int32_t i = 0; i < iCols; i++) {
+                        const int32_t n = piColCell[i];
+                        aafAlong[r][i] = pfC[n] + pfColFrac[i] * (pfC[n + 1] - pfC[n]);
+                    }
+                }
+                iHave = iRow;
+            }
+            const float fB = pstFine->pfRowFrac[j];
+            const float *__restrict pf0 = aafAlong[0], *__restrict pf1 = aafAlong[1];
+            for (int32_t i = 0; i < iCols; i++) {
+                pfF[i] = (bAdd ? pfF[i] : 0.0f) + (pf0[i] + fB * (pf1[i] - pf0[i]));
             }
         }
     }
@@ -1048,18 +1091,23 @@ static void RestrictVector(const tagST_MESH_LEVEL *pstFine, const float *pfFine,
     const int32_t iCc = pstC->iCols;
     const float fRatio = (pstF->fStepX * pstF->fStepY) / (pstC->fStepX * pstC->fStepY);
     memset(pfCoarse, 0, 2u * (uint32_t)pstCoarse->iPlane * sizeof(float));
+    const int32_t iCols = pstF->iCols, iRows = pstF->iRows;
+    const int32_t *piColCell = pstFine->piColCell;
+    const float *pfColFrac = pstFine->pfColFrac;
     for (int32_t c = 0; c < 2; c++) {
         const float *pfF = pfFine + c * pstFine->iPlane + pstFine->iMargin;
-        float *pfC = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin;
-        for (int32_t j = 0; j < pstF->iRows; j++) {
-            for (int32_t i = 0; i < pstF->iCols; i++) {
-                const float fA = pstFine->pfColFrac[i], fB = pstFine->pfRowFrac[j];
-                const int32_t n = pstFine->piRowCell[j] * iCc + pstFine->piColCell[i];
-                const float fV = fRatio * pfF[j * pstF->iCols + i];
-                pfC[n] += (1.0f - fA) * (1.0f - fB) * fV;
-                pfC[n + 1] += fA * (1.0f - fB) * fV;
-                pfC[n + iCc] += (1.0f - fA) * fB * fV;
-                pfC[n + iCc + 1] += fA * fB * fV;
+        for (int32_t j = 0; j < iRows; j++, pfF += iCols) {
+            float *__restrict pfC0 = pfCoarse + c * pstCoarse->iPlane + pstCoarse->iMargin + pstFine->piRowCell[j] * iCc;
+            float *__restrict pfC1 = pfC0 + iCc;
+            const float fB = pstFine->pfRowFrac[j], fNotB = 1.0f - fB;
+            for (int32_t i = 0; i < iCols; i++) {
+                const float fA = pfColFrac[i], fNotA = 1.0f - fA;
+                const int32_t n = piColCell[i];
+                const float fV = fRatio * pfF[i];
+                pfC0[n] += fNotA * fNotB * fV;
+                pfC0[n + 1] += fA * fNotB * fV;
+                pfC1[n] += fNotA * fB * fV;
+                pfC1[n + 1] += fA * fB * fV;
             }
         }
     }
@@ -1091,9 +1139,7 @@ static void VCycle(tagST_MESH_LEVEL *astLevels, const tagST_MESH_SAMPLE *pstSamp
         JacobiSweep(pstLevel, pstSamples, pfR, pfZ, pfTmp, s == 0);
     }
     ApplySystem(pstLevel, pstSamples, pfZ, pfTmp);
-    for (int32_t i = 0; i < iN; i++) {
-        pfTmp[i] = pfR[i] - pfTmp[i];
-    }
+    MESH_AXPY(pfTmp, pfR, -1.0f, pfTmp, 0, iN);   // r - t, exactly
     RestrictVector(pstLevel, pfTmp, pstCoarse, pstCoarse->pfR);
     VCycle(astLevels, pstSamples, l + 1, iLevels, pstCoarse->pfR, pstCoarse->pfZ, pstCoarse->pfQ);
     ProlongVector(pstCoarse, pstCoarse->pfZ, pstLevel, pfZ, 1);
@@ -1125,18 +1171,14 @@ static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_
         if (bMultigrid) {
             VCycle(astLevels, pstSamples, iLevel, iLevels, pfR, pfZ, pfQ);
         } else {
-            for (int32_t i = 0; i < iN; i++) {
-                pfZ[i] = pstLevel->pfDiagInv[i] * pfR[i];
-            }
+            MESH_JACOBI(pstLevel->pfDiagInv, pfR, NULL, pfZ, 1.0f, 0, iN);
         }
         const double dRzNext = Dot(pfR, pfZ, iN);
         if (!(dRzNext > 0.0)) {
             break;
         }
         const float fBeta = iIter == 0 ? 0.0f : (float)(dRzNext / dRz);
-        for (int32_t i = 0; i < iN; i++) {
-            pfP[i] = pfZ[i] + fBeta * pfP[i];
-        }
+        MESH_AXPY(pfP, pfZ, fBeta, pfP, 0, iN);
         dRz = dRzNext;
         ApplySystem(pstLevel, pstSamples, pfP, pfQ);
         const double dPq = Dot(pfP, pfQ, iN);
@@ -1144,10 +1186,8 @@ static int32_t ConjugateGradients(tagST_MESH_LEVEL *astLevels, const tagST_MESH_
             break;
         }
         const float fAlpha = (float)(dRz / dPq);
-        for (int32_t i = 0; i < iN; i++) {
-            pfX[i] += fAlpha * pfP[i];
-            pfR[i] -= fAlpha * pfQ[i];
-        }
+        MESH_AXPY(pfX, pfX, fAlpha, pfP, 0, iN);
+        MESH_AXPY(pfR, pfR, -fAlpha, pfQ, 0, iN);   // r - alpha q, exactly
         dRr = Dot(pfR, pfR, iN);
         iIter++;
     }

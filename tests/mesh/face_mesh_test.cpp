@@ -183,6 +183,34 @@ TEST(FaceMesh, EqualInputsGiveEqualFloatsOnEveryTargetAndWarmStartsAgree)
     EXPECT_LT(MaxStep(stA.vfMesh, vfWarm), 0.1f);
 }
 
+// The solve's vector loops give the plain loops' floats, tails and widely spread magnitudes included.
+TEST(FaceMesh, VectorLoopsGiveThePlainLoopsFloats)
+{
+    const int32_t iC = 13, iN = 13 * 9 + 3, iMargin = 2 * iC + 2, iPlane = iN + 2 * iMargin;
+    uint32_t uSeed = 12345u;
+    std::vector<float> vf(11 * iPlane);
+    for (float &f : vf) {
+        uSeed = uSeed * 1664525u + 1013904223u;
+        f = ldexpf((float)(int32_t)(uSeed >> 8) / 8388608.0f - 1.0f, (int32_t)(uSeed % 40u) - 20);
+    }
+    const float *apfStencil[7];
+    for (int32_t k = 0; k < 7; k++) {
+        apfStencil[k] = &vf[k * iPlane + iMargin];
+    }
+    const float *pfX0 = &vf[7 * iPlane + iMargin], *pfX1 = &vf[8 * iPlane + iMargin], *pfD = &vf[9 * iPlane];
+    std::vector<float> vfPlain(4 * iPlane), vfNeon(4 * iPlane);
+    for (std::vector<float> *pv : {&vfPlain, &vfNeon}) {
+        const bool bNeon = pv == &vfNeon;
+        float *pf = pv->data();
+        (bNeon ? FaceMeshStencil_neon : FaceMeshStencil)(apfStencil, pfX0, pfX1, pf, pf + iPlane, iC, 1, iN);
+        (bNeon ? FaceMeshJacobi_neon : FaceMeshJacobi)(pfD, pfX0, NULL, pf + 2 * iPlane, 1.5f, 0, iN);
+        memcpy(pf + 3 * iPlane, pfX1, iN * sizeof(float));
+        (bNeon ? FaceMeshJacobi_neon : FaceMeshJacobi)(pfD, pfX0, pf, pf + 3 * iPlane, 1.5f, 2, iN);
+        (bNeon ? FaceMeshAxpy_neon : FaceMeshAxpy)(pf + iPlane, pf + 2 * iPlane, -0.7f, pf + iPlane, 1, iN);
+    }
+    EXPECT_EQ(memcmp(vfPlain.data(), vfNeon.data(), vfPlain.size() * sizeof(float)), 0);
+}
+
 // Whatever the faces, segments and lens: a finite mesh (zero after a refusal) in bounded work.
 TEST(FaceMesh, HostileInputsEndInBoundedWorkWithAFiniteMeshOrARefusal)
 {

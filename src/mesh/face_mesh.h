@@ -99,25 +99,6 @@ float FaceMeshFollow(const tagST_MESH_GRID *pstGrid, const float *pfSolved, floa
 // The largest step FaceMeshFollow should take for a frame: a share of its longer side.
 float FaceMeshStepBound(int32_t iWidth, int32_t iHeight);
 
-// The solve's inner loops over a level's planes (a margin of two rows and columns around the
-// grid). The _neon twins give the same floats on every target: they run across vertices and keep
-// each vertex's operations in order (32-bit NEON flushes denormal intermediates to zero where the
-// plain code keeps them; the solve's values stay far above them).
-// y = A x over vertices [iBegin, iEnd) of both components: apfStencil holds the centre, E, EE, S,
-// SS, SE and SW coupling planes, iC the grid's columns.
-void FaceMeshStencil(const float *const *apfStencil, const float *pfX0, const float *pfX1, float *pfY0, float *pfY1,
-                     int32_t iC, int32_t iBegin, int32_t iEnd);
-void FaceMeshStencil_neon(const float *const *apfStencil, const float *pfX0, const float *pfX1, float *pfY0,
-                          float *pfY1, int32_t iC, int32_t iBegin, int32_t iEnd);
-// A damped Jacobi step z += (omega D^-1) (r - t), or z = (omega D^-1) r when pfT is NULL.
-void FaceMeshJacobi(const float *pfDiagInv, const float *pfR, const float *pfT, float *pfZ, float fOmega,
-                    int32_t iBegin, int32_t iEnd);
-void FaceMeshJacobi_neon(const float *pfDiagInv, const float *pfR, const float *pfT, float *pfZ, float fOmega,
-                         int32_t iBegin, int32_t iEnd);
-// y = a + s b (y may be a or b; s = -1 or -alpha give a - b and a - alpha b exactly).
-void FaceMeshAxpy(float *pfY, const float *pfA, float fScale, const float *pfB, int32_t iBegin, int32_t iEnd);
-void FaceMeshAxpy_neon(float *pfY, const float *pfA, float fScale, const float *pfB, int32_t iBegin, int32_t iEnd);
-
 // Displacement at the output position (fX, fY), bilinear over its cell; positions beyond the
 // frame take the nearest cell's extension.
 static inline void FaceMeshDisplacement(const tagST_MESH_GRID *pstGrid, const float *pfMesh, float fX, float fY,

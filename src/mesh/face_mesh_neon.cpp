@@ -1,7 +1,8 @@
 // The face mesh solve's loops four vertices at a time; the floats are those of the plain loops in
-// face_mesh.cpp (each vertex's products and sums in the same order), the last few vertices go
+// face_mesh_kernels.h (each vertex's products and sums in the same order), the last few vertices go
 // through them.
-#include "mesh/face_mesh.h"
+#include "mesh/face_mesh_kernels.h"
+#include "platform/neon.h"
 
 // a + b c with the product rounded: one instruction on 32-bit ARM (VMLA is not fused), two
 // elsewhere (the fused forms of arm64 and x86 would round once).

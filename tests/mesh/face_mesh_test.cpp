@@ -5,6 +5,7 @@
 // refusal, and through the track a jittering detector does not move the mesh while a cut moves it
 // in bounded steps.
 #include "mesh/face_mesh.h"
+#include "mesh/face_mesh_kernels.h"
 #include "mesh/face_track.h"
 
 #include <gtest/gtest.h>

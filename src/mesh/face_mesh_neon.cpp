@@ -4,27 +4,16 @@
 #include "mesh/face_mesh_kernels.h"
 #include "platform/neon.h"
 
-// a + b c with the product rounded: one instruction on 32-bit ARM (VMLA is not fused), two
-// elsewhere (the fused forms of arm64 and x86 would round once).
-static inline float32x4_t MulAdd(float32x4_t vA, float32x4_t vB, float32x4_t vC)
-{
-#if defined(__arm__)
-    return vmlaq_f32(vA, vB, vC);
-#else
-    return vaddq_f32(vA, vmulq_f32(vB, vC));
-#endif
-}
-
 // One component of the stencil: the plain loop's sum, term pair by term pair.
 static inline float32x4_t StencilQ(const float *pfX, int32_t iC, const float32x4_t *pvCoef)
 {
     float32x4_t vY = vmulq_f32(pvCoef[0], vld1q_f32(pfX));
-    vY = vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[1], vld1q_f32(pfX + 1)), pvCoef[2], vld1q_f32(pfX - 1)));
-    vY = vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[3], vld1q_f32(pfX + 2)), pvCoef[4], vld1q_f32(pfX - 2)));
-    vY = vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[5], vld1q_f32(pfX + iC)), pvCoef[6], vld1q_f32(pfX - iC)));
-    vY = vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[7], vld1q_f32(pfX + 2 * iC)), pvCoef[8], vld1q_f32(pfX - 2 * iC)));
-    vY = vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[9], vld1q_f32(pfX + iC + 1)), pvCoef[10], vld1q_f32(pfX - iC - 1)));
-    return vaddq_f32(vY, MulAdd(vmulq_f32(pvCoef[11], vld1q_f32(pfX + iC - 1)), pvCoef[12], vld1q_f32(pfX - iC + 1)));
+    vY = vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[1], vld1q_f32(pfX + 1)), pvCoef[2], vld1q_f32(pfX - 1)));
+    vY = vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[3], vld1q_f32(pfX + 2)), pvCoef[4], vld1q_f32(pfX - 2)));
+    vY = vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[5], vld1q_f32(pfX + iC)), pvCoef[6], vld1q_f32(pfX - iC)));
+    vY = vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[7], vld1q_f32(pfX + 2 * iC)), pvCoef[8], vld1q_f32(pfX - 2 * iC)));
+    vY = vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[9], vld1q_f32(pfX + iC + 1)), pvCoef[10], vld1q_f32(pfX - iC - 1)));
+    return vaddq_f32(vY, VmlaqF32(vmulq_f32(pvCoef[11], vld1q_f32(pfX + iC - 1)), pvCoef[12], vld1q_f32(pfX - iC + 1)));
 }
 
 void FaceMeshStencil_neon(const float *const *apfStencil, const float *pfX0, const float *pfX1, float *pfY0,
@@ -60,7 +49,7 @@ void FaceMeshJacobi_neon(const float *pfDiagInv, const float *pfR, const float *
     } else {
         for (; i + 4 <= iEnd; i += 4) {
             const float32x4_t vStep = vmulq_f32(vOmega, vld1q_f32(pfDiagInv + i));
-            vst1q_f32(pfZ + i, MulAdd(vld1q_f32(pfZ + i), vStep, vsubq_f32(vld1q_f32(pfR + i), vld1q_f32(pfT + i))));
+            vst1q_f32(pfZ + i, VmlaqF32(vld1q_f32(pfZ + i), vStep, vsubq_f32(vld1q_f32(pfR + i), vld1q_f32(pfT + i))));
         }
     }
     FaceMeshJacobi(pfDiagInv, pfR, pfT, pfZ, fOmega, i, iEnd);
@@ -71,7 +60,7 @@ void FaceMeshAxpy_neon(float *pfY, const float *pfA, float fScale, const float *
     const float32x4_t vScale = vdupq_n_f32(fScale);
     int32_t i = iBegin;
     for (; i + 4 <= iEnd; i += 4) {
-        vst1q_f32(pfY + i, MulAdd(vld1q_f32(pfA + i), vScale, vld1q_f32(pfB + i)));
+        vst1q_f32(pfY + i, VmlaqF32(vld1q_f32(pfA + i), vScale, vld1q_f32(pfB + i)));
     }
     FaceMeshAxpy(pfY, pfA, fScale, pfB, i, iEnd);
 }

@@ -6,17 +6,6 @@
 #include "geometry/lens_model_neon.h"
 #include "mesh/mesh_render.h"
 
-// a + b c with the product rounded: one instruction on 32-bit ARM (VMLA is not fused), two
-// elsewhere (the fused forms of arm64 and x86 would round once).
-static inline float32x4_t MulAdd(float32x4_t vA, float32x4_t vB, float32x4_t vC)
-{
-#if defined(__arm__)
-    return vmlaq_f32(vA, vB, vC);
-#else
-    return vaddq_f32(vA, vmulq_f32(vB, vC));
-#endif
-}
-
 // A cell's form, each coefficient on all four lanes.
 typedef struct tagST_FORM_Q {
     float32x4_t vAx;
@@ -29,7 +18,7 @@ typedef struct tagST_FORM_Q {
 static inline void FormQ(const float *pfBand, int32_t iCell, float32x4_t vB, float32x4_t vAddDy, tagST_FORM_Q *pstForm)
 {
     const float *pfEntry = pfBand + (size_t)iCell * LDC_MESH_BAND_FLOATS;
-    const float32x4_t vE = vaddq_f32(MulAdd(vld1q_f32(pfEntry), vB, vld1q_f32(pfEntry + LDC_MESH_FORM_FLOATS)), vAddDy);
+    const float32x4_t vE = vaddq_f32(VmlaqF32(vld1q_f32(pfEntry), vB, vld1q_f32(pfEntry + LDC_MESH_FORM_FLOATS)), vAddDy);
     pstForm->vAx = vdupq_lane_f32(vget_low_f32(vE), 0);
     pstForm->vBx = vdupq_lane_f32(vget_low_f32(vE), 1);
     pstForm->vAy = vdupq_lane_f32(vget_high_f32(vE), 0);
@@ -47,10 +36,10 @@ typedef struct tagST_LENS_Q {
 // The positions of displaced, centred blocks (vDx, vDy).
 static inline void LensGroupQ(float32x4_t vDx, float32x4_t vDy, const tagST_LENS_Q *pstLens, tagST_GROUP_POS *pstPos)
 {
-    const float32x4_t vR2 = MulAdd(vmulq_f32(vDy, vDy), vDx, vDx);   // dx dx + dy dy, the sum commutes
+    const float32x4_t vR2 = VmlaqF32(vmulq_f32(vDy, vDy), vDx, vDx);   // dx dx + dy dy, the sum commutes
     const float32x4_t vF = RadialFactorGroupedQ(pstLens->vC1, pstLens->vC2, pstLens->vC3, vR2);
-    vst1q_f32(pstPos->afX, MulAdd(pstLens->vCx, vF, vDx));
-    vst1q_f32(pstPos->afY, MulAdd(pstLens->vCy, vF, vDy));
+    vst1q_f32(pstPos->afX, VmlaqF32(pstLens->vCx, vF, vDx));
+    vst1q_f32(pstPos->afY, VmlaqF32(pstLens->vCy, vF, vDy));
 }
 
 void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t iFirst, int32_t iCount,
@@ -85,7 +74,7 @@ void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t 
         iXg += RESAMPLE_GROUP_COLS * iRun;
         for (int32_t n = 0; n < iRun; n++, pucColumns += RESAMPLE_QUAD_BYTES, pstPos++) {
             const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
-            LensGroupQ(MulAdd(stForm.vAx, vX, stForm.vBx), MulAdd(stForm.vAy, vX, stForm.vBy), &stLens, pstPos);
+            LensGroupQ(VmlaqF32(stForm.vAx, vX, stForm.vBx), VmlaqF32(stForm.vAy, vX, stForm.vBy), &stLens, pstPos);
         }
         if (iLeftOver == 0) {
             return;
@@ -94,14 +83,14 @@ void MeshMapGroups_neon(const void *pStage, tagST_RESAMPLE_ROW *pstRow, int32_t 
         // on take its displacement. The previous group's last block lay before iNext, so the
         // first such lane is 0 .. 3.
         const float32x4_t vX = vreinterpretq_f32_u8(vld1q_u8(pucColumns));
-        float32x4_t vDx = MulAdd(stForm.vAx, vX, stForm.vBx);
-        float32x4_t vDy = MulAdd(stForm.vAy, vX, stForm.vBy);
+        float32x4_t vDx = VmlaqF32(stForm.vAx, vX, stForm.vBx);
+        float32x4_t vDy = VmlaqF32(stForm.vAy, vX, stForm.vBy);
         do {
             iCell++;
             FormQ(pfBand, iCell, vB, vAddDy, &stForm);
             const uint32x4_t vTake = vld1q_u32(s_auFrom[(iNext - iXg + 1) >> 1]);
-            vDx = vbslq_f32(vTake, MulAdd(stForm.vAx, vX, stForm.vBx), vDx);
-            vDy = vbslq_f32(vTake, MulAdd(stForm.vAy, vX, stForm.vBy), vDy);
+            vDx = vbslq_f32(vTake, VmlaqF32(stForm.vAx, vX, stForm.vBx), vDx);
+            vDy = vbslq_f32(vTake, VmlaqF32(stForm.vAy, vX, stForm.vBy), vDy);
             iNext = piStart[iCell + 1];
         } while (iXg + 6 >= iNext);
         LensGroupQ(vDx, vDy, &stLens, pstPos);

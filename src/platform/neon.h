@@ -61,6 +61,17 @@ static inline int32x4_t VcvtqS32F32Q7(float32x4_t v)
 #endif
 }
 
+// a + b c with the product rounded before the sum, as the plain code computes it: one instruction
+// on 32-bit ARM (VMLA is not fused), two elsewhere (the fused forms of arm64 and x86 round once).
+static inline float32x4_t VmlaqF32(float32x4_t vA, float32x4_t vB, float32x4_t vC)
+{
+#if defined(__arm__)
+    return vmlaq_f32(vA, vB, vC);
+#else
+    return vaddq_f32(vA, vmulq_f32(vB, vC));
+#endif
+}
+
 static inline uint32_t FloatBits(float f)
 {
     uint32_t u;

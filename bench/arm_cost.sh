@@ -258,18 +258,14 @@ for r in "${ROWS[@]}"; do
   for a in "${ARCHS[@]}"; do printf ' | %s' "$(cell "$a" ${r#*|})"; done
   echo
 done
-printf '%-44s' "face path / (OpenCV remap + warpPerspective)"
-for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_face opencv_remap opencv_warpPerspective)"; done
-echo
-printf '%-44s' "lens only / OpenCV remap"
-for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_lens opencv_remap)"; done
-echo
-printf '%-44s' "mesh still / lens only"
-for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_mesh_still process_lens)"; done
-echo
-printf '%-44s' "mesh moved / (OpenCV remap + warpPerspective)"
-for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" process_mesh_moved opencv_remap opencv_warpPerspective)"; done
-echo
+for r in "face path / (OpenCV remap + warpPerspective)|process_face opencv_remap opencv_warpPerspective" \
+         "lens only / OpenCV remap|process_lens opencv_remap" \
+         "mesh still / lens only|process_mesh_still process_lens" \
+         "mesh moved / (OpenCV remap + warpPerspective)|process_mesh_moved opencv_remap opencv_warpPerspective"; do
+  printf '%-44s' "${r%%|*}"
+  for a in "${ARCHS[@]}"; do printf ' | %s' "$(ratio "$a" ${r#*|})"; done
+  echo
+done
 echo "Pixels: ${COUNT[${ARCHS[0]}:pixels]} (4000 x 3000 luma; each call also does its chroma)."
 printf 'Worker threads started per call:'
 for a in "${ARCHS[@]}"; do
